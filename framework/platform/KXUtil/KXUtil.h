@@ -1,0 +1,61 @@
+#pragma once
+
+// File, path, hash and free-space helpers shared by the engine and its tools.
+// Every function is thread-safe and reports failure through its return value; nothing throws.
+
+#include "kxutil_export.h"
+
+#include <QByteArray>
+#include <QString>
+
+#include <string>
+
+namespace KXUtil {
+
+// Absolute per-user data folder of `module` (for "Transfer": the folder that holds transfer.db),
+// ending with a '/'. Follows QStandardPaths::GenericDataLocation, so XDG_DATA_HOME redirects it.
+// The folder is not created.
+KXUTIL_EXPORT QString getUserPath(const QString& module);
+
+// Absolute per-user data folder of the application suite, ending with a '/'. Not created.
+KXUTIL_EXPORT QString getDataPath();
+
+// Whether a file or folder exists at the path (given as UTF-8 bytes or as text).
+KXUTIL_EXPORT bool isExist(const std::string& utf8Path);
+KXUTIL_EXPORT bool isExist(const QString& path);
+
+// Creates an empty file (its parent folders too). An existing file is left as it is.
+// Returns false when the file cannot be had.
+KXUTIL_EXPORT bool createFile(const QString& path);
+
+// Removes a file. Returns true when no file is left at the path (also when there was none).
+KXUTIL_EXPORT bool removeFile(const QString& path);
+
+// Moves `src` to `dst`, replacing `dst`. On one filesystem this is an atomic rename; across
+// filesystems the data is copied to a temporary file beside `dst`, flushed to disk, renamed into
+// place and only then is `src` removed. `dst` is never seen half-written.
+KXUTIL_EXPORT bool moveFile(const QString& src, const QString& dst);
+
+// The temporary path that a download to `path` is written to: beside it, in the same folder, so
+// that the final move is a rename.
+KXUTIL_EXPORT QString tmpFile(const QString& path);
+
+// The file name part of a path (no folders).
+KXUTIL_EXPORT QString fileName(const QString& path);
+
+// SHA-256 of the bytes as 64 lower-case hexadecimal characters (OpenSSL's libcrypto, which uses
+// the processor's SHA extensions where present).
+KXUTIL_EXPORT QString SHA256(const QByteArray& data);
+
+// Free bytes for an unprivileged user on the filesystem that holds `path`. The path need not
+// exist: the nearest existing parent folder is asked. -1 when it cannot be told.
+KXUTIL_EXPORT qint64 GetDiskAvailableBytes(const QString& path);
+
+// Reversible protection of a password stored in the task's JSON text. The output is ASCII
+// (JSON-safe). It hides the text from a casual look at the database file and makes it unequal
+// to the plain text; it is NOT encryption: anyone with this library can undo it.
+// simpleDecrypt(simpleEncrypt(s)) == s for every Unicode text; garbage decrypts to "".
+KXUTIL_EXPORT QString simpleEncrypt(const QString& text);
+KXUTIL_EXPORT QString simpleDecrypt(const QString& text);
+
+} // namespace KXUtil
