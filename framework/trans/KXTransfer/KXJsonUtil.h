@@ -1,0 +1,36 @@
+#pragma once
+
+#include <rapidjson/document.h>
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
+
+#include <QString>
+#include <QtGlobal>
+
+// Typed helpers for the JSON texts of task and block records. Writers put the key and then the
+// value into a compact writer. Readers take an object value and never fail: rows written by
+// older clients carry numbers as strings and flags as numbers, so each reader accepts the
+// other JSON types it can make sense of and falls back otherwise. A value that is not an
+// object reads like an empty object. Stateless; safe from any thread.
+class CKXJsonUtil
+{
+public:
+    using JsonWriter = rapidjson::Writer<rapidjson::StringBuffer>;
+
+    static void writeString(JsonWriter& writer, const char* key, const QString& value);
+    static void writeBool(JsonWriter& writer, const char* key, bool value);
+    static void writeInt64(JsonWriter& writer, const char* key, qint64 value);
+    static void writeInt(JsonWriter& writer, const char* key, int value);
+
+    // A string as its text, a number as the shortest text of its double value; else `def`.
+    static QString getString(const rapidjson::Value& object, const char* key, const QString& def = QString());
+    // A bool as itself, a number as "not zero"; a missing key or any other type reads as false
+    // whatever `def` says, as stored flags always have.
+    static bool getBool(const rapidjson::Value& object, const char* key, bool def = false);
+    // An integer that fits, or a string holding a decimal number; else `def`.
+    static qint64 getInt64(const rapidjson::Value& object, const char* key, qint64 def);
+    static int getInt(const rapidjson::Value& object, const char* key, int def);
+
+    // The member `key` of `object`, or null when `object` is not an object or has no such key.
+    static const rapidjson::Value* member(const rapidjson::Value& object, const char* key);
+};
