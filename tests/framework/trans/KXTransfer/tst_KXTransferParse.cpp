@@ -1,0 +1,478 @@
+#include "KXLoggerWrapper.h"
+#include "KXTransferParse.h"
+
+#include <QFile>
+#include <QRegularExpression>
+#include <QTemporaryDir>
+#include <QtTest>
+
+namespace {
+
+ResponseData response(int status, const QString& body, int libraryError = 0,
+                      const QString& errorString = QString())
+{
+    ResponseData r;
+    r.statusCode = status;
+    r.body = body;
+    r.errorCode = libraryError;
+    r.errorString = errorString;
+    return r;
+}
+
+ResponseData withCookie(ResponseData r, const QByteArray& cookie)
+{
+    r.headers.insert(QByteArrayLiteral("Set-Cookie"), cookie);
+    return r;
+}
+
+QString codeBody(const QString& code)
+{
+    return QStringLiteral("{\"code\":\"%1\",\"message\":\"m\",\"state\":409}").arg(code);
+}
+
+// Answers as the storage server sends them.
+const QString kSha0 = QStringLiteral("5f70bf18a086007016e948b04aed3b82103a36bea41755b6cddfaf10ace3c6ef");
+const QString kSha1 = QStringLiteral("9f86d081884c7d659a2feaa0c55ad015a3bf4f1b2b0b822cd15d6c15b0f00a08");
+const QString kUploadId = QStringLiteral("6f1c0d2a9e8b47d5a1c3e5f7a9b1c3d5");
+const QString kCommitMeta =
+    QStringLiteral("{\"path\":\"/big.bin\",\"is_dir\":false,\"bytes\":8388609,\"rev\":\"1\","
+                   "\"neid\":\"18\",\"modified\":1763766000,\"blocks\":3,"
+                   "\"owner\":{\"id\":\"7\",\"quota\":{\"used\":1}}}");
+const QString kFileMeta =
+    QStringLiteral("{\"path\":\"/docs/a.txt\",\"is_dir\":false,\"bytes\":5,\"rev\":\"1\","
+                   "\"neid\":\"17\",\"modified\":1763766000,\"blocks\":1}");
+
+} // namespace
+
+class TestKXTransferParse : public QObject
+{
+    Q_OBJECT
+
+private:
+    QTemporaryDir m_home;
+
+    // Lines of the engine log written by `function` with `text` as their message.
+    static int logCount(const QString& function, const QString& text)
+    {
+        QFile log(CKXLoggerWrapper::getLogPathName(CKXLoggerWrapper::Transfer));
+        if (!log.open(QIODevice::ReadOnly)) {
+            return 0;
+        }
+        const QRegularExpression line(
+            QStringLiteral("\\[%1\\]\\[\\d+\\]: %2$").arg(function, QRegularExpression::escape(text)),
+            QRegularExpression::MultilineOption);
+        int count = 0;
+        for (auto it = line.globalMatch(QString::fromUtf8(log.readAll())); it.hasNext(); it.next()) {
+            ++count;
+        }
+        return count;
+    }
+
+private slots:
+    void initTestCase()
+    {
+        QVERIFY(m_home.isValid());
+        qputenv("XDG_DATA_HOME", m_home.path().toUtf8());
+    }
+
+    void errorMapping_data()
+    {
+        QTest::addColumn<QString>("body");
+        QTest::addColumn<int>("expected");
+        const auto row = [](const char* name, const QString& code, int expected) {
+            QTest::newRow(name) << codeBody(code) << expected;
+        };
+        row("invalid session", "Invalid session", SessionInvalid);
+        row("token missing", "share token is not exist!", SessionInvalid);
+        row("target exists", "target name exists", TargetExists);
+        row("folder exists", "folder_already_existed", TargetExists);
+        row("source not found", "source not found", SourceNotFound);
+        row("nameentry", "nameentry_not_exist", SourceNotFound);
+        row("file/folder", "file/folder not found", SourceNotFound);
+        row("forbidden", "forbidden", Forbidden);
+        row("path too long", "path_too_long", PathTooLong);
+        row("space limit", "user space limit reached", NoSpace);
+        row("locked", "the file is locked now", FileLocked);
+        row("private dc", "private dc not allowed", PrivateDcNotAllowed);
+        row("invalid hash", "invalid.hash", ContentHashError);
+        row("content hash", "content_hash_error", ContentHashError);
+        row("root parent file", "root parent folder conflict with file", RootParentConflictWithFile);
+        row("root parent folder", "root parent folder conflict with folder", RootParentConflictWithFolder);
+        row("parent folder", "parent folder conflict with folder", ParentConflictWithFolder);
+        row("parent file", "parent folder conflict with file", ParentConflictWithFile);
+        row("conflict folder", "conflict with folder", ConflictWithFolder);
+        row("conflict file", "conflict with file", ConflictWithFile);
+        row("type limit", "file type limit", FileTypeLimit);
+        row("virus", "download_file_VirusF", VirusFile);
+        row("other", "internal", ServerError);
+        row("empty code", "", ServerError);
+        // Equality rows refuse extra words, containment rows accept them.
+        row("source not found+", "source not found in store", ServerError);
+        row("path_too_long+", "path_too_long!", ServerError);
+        row("target exists+", "target name exists.", ServerError);
+        row("forbidden+", "forbidden for this link", Forbidden);
+        row("+conflict with file", "target conflict with file here", ConflictWithFile);
+        // Case matters everywhere.
+        row("lower session", "invalid session", ServerError);
+        row("upper forbidden", "FORBIDDEN", ServerError);
+        row("capital conflict", "Conflict with file", ServerError);
+        row("virus lower", "download_file_virusf", ServerError);
+        QTest::newRow("number code") << QStringLiteral("{\"code\":20004,\"message\":\"m\"}") << 0;
+    }
+
+    void errorMapping()
+    {
+        QFETCH(QString, body);
+        QFETCH(int, expected);
+        CKXParseProcessor parser;
+        parser.ParseResp(response(409, body));
+        QCOMPARE(parser.errorCode(), expected);
+        QVERIFY(parser.hasError());
+    }
+
+    void statusSplit_data()
+    {
+        QTest::addColumn<int>("status");
+        QTest::addColumn<bool>("completed");
+        QTest::newRow("0") << 0 << false;
+        QTest::newRow("199") << 199 << false;
+        QTest::newRow("200") << 200 << true;
+        QTest::newRow("399") << 399 << true;
+        QTest::newRow("400") << 400 << false;
+        QTest::newRow("500") << 500 << false;
+        QTest::newRow("min") << std::numeric_limits<int>::min() << false;
+    }
+
+    void statusSplit()
+    {
+        QFETCH(int, status);
+        QFETCH(bool, completed);
+        // One body readable by both paths shows which one ran.
+        const QString body = QStringLiteral("{\"upload_id\":\"u1\",\"hash\":\"h\",\"status\":\"ok\","
+                                            "\"code\":\"forbidden\",\"message\":\"denied\"}");
+        CKXChunkedUploadParse parser;
+        parser.ParseResp(response(status, body, 0, QStringLiteral("transport")));
+        QCOMPARE(parser.statusCode(), status);
+        QCOMPARE(parser.body(), body);
+        QCOMPARE(parser.hasError(), !completed);
+        QCOMPARE(parser.uploadId(), completed ? QStringLiteral("u1") : QString());
+        QCOMPARE(parser.errorCode(), completed ? 0 : int(Forbidden));
+        QCOMPARE(parser.errorMsg().code, completed ? QString() : QStringLiteral("forbidden"));
+        QCOMPARE(parser.errorMsg().message,
+                 completed ? QStringLiteral("transport") : QStringLiteral("denied"));
+    }
+
+    void errorAnswerFields()
+    {
+        CKXParseProcessor parser;
+        parser.ParseResp(
+            response(404, QStringLiteral("{\"code\":\"nameentry_not_exist\",\"message\":\"no such "
+                                         "file: /docs/a.txt\",\"msgcode\":\"E404\",\"state\":404,"
+                                         "\"type\":\"error\"}")));
+        const TransferErrorMessage msg = parser.errorMsg();
+        QCOMPARE(msg.message, QStringLiteral("no such file: /docs/a.txt"));
+        QCOMPARE(msg.msgcode, QStringLiteral("E404"));
+        QCOMPARE(msg.state, 404);
+        QCOMPARE(msg.code, QStringLiteral("nameentry_not_exist"));
+        QCOMPARE(msg.type, QStringLiteral("error"));
+        QCOMPARE(parser.errorCode(), int(SourceNotFound));
+
+        // Mistyped keys are skipped; a fractional state is truncated.
+        CKXParseProcessor odd;
+        odd.ParseResp(response(500,
+                               QStringLiteral("{\"message\":5,\"msgcode\":1,\"state\":503.9,\"type\":[]}"), 0,
+                               QStringLiteral("Internal Server Error")));
+        QCOMPARE(odd.errorMsg().message, QStringLiteral("Internal Server Error"));
+        QCOMPARE(odd.errorMsg().msgcode, QString());
+        QCOMPARE(odd.errorMsg().state, 503);
+        QCOMPARE(odd.errorMsg().type, QString());
+    }
+
+    void errorWithoutUsableBody()
+    {
+        // 404 with an empty body: only the transport text and the library code remain.
+        CKXParseProcessor empty;
+        empty.ParseResp(response(404, QString(), 0, QStringLiteral("Not Found")));
+        QVERIFY(empty.hasError());
+        QCOMPARE(empty.errorCode(), 0);
+        QCOMPARE(empty.errorMsg().message, QStringLiteral("Not Found"));
+        QCOMPARE(empty.errorMsg().state, 0);
+
+        // A body that is not JSON: the parse error wins over the transport text.
+        CKXParseProcessor html;
+        html.ParseResp(
+            response(502, QStringLiteral("<html>Bad Gateway</html>"), 0, QStringLiteral("Bad Gateway")));
+        QVERIFY(html.errorMsg().state != 0);
+        QVERIFY(!html.errorMsg().message.isEmpty());
+        QVERIFY(html.errorMsg().message != QStringLiteral("Bad Gateway"));
+        QCOMPARE(html.errorCode(), 0);
+
+        // JSON that is no object is ignored.
+        CKXParseProcessor array;
+        array.ParseResp(response(500, QStringLiteral("[\"internal\"]"), 0, QStringLiteral("Server Error")));
+        QCOMPARE(array.errorMsg().message, QStringLiteral("Server Error"));
+        QCOMPARE(array.errorMsg().state, 0);
+
+        // A transport failure: status 0 and curl's number.
+        CKXParseProcessor refused;
+        refused.ParseResp(response(0, QString(), 7, QStringLiteral("Couldn't connect to server")));
+        QVERIFY(refused.hasError());
+        QCOMPARE(refused.errorCode(), 7);
+        QCOMPARE(refused.errorMsg().message, QStringLiteral("Couldn't connect to server"));
+    }
+
+    void libraryErrorWithSuccessStatus()
+    {
+        CKXQueryHashParse parser;
+        parser.ParseResp(response(200, QStringLiteral("{\"upload_id\":\"u9\",\"needed_block\":[]}"), 1001,
+                                  QStringLiteral("cancelled")));
+        QCOMPARE(parser.upload_id(), QStringLiteral("u9"));
+        QVERIFY(parser.hasError());
+        QCOMPARE(parser.errorCode(), 1001);
+        QCOMPARE(parser.errorMsg().message, QStringLiteral("cancelled"));
+
+        CKXQueryHashParse garbage;
+        garbage.ParseResp(response(200, QStringLiteral("{\"upload_id\":")));
+        QVERIFY(!garbage.hasError());
+        QVERIFY(garbage.upload_id().isEmpty());
+        QVERIFY(!garbage.need_upload());
+    }
+
+    void sessionIdFromBody()
+    {
+        KXBaseParse parser;
+        ResponseData r =
+            response(200, QStringLiteral("{\"region\":\"http://127.0.0.1:8080\","
+                                         "\"X-ORBALA-SESS-ID\":\"tok\",\"path\":\"/docs/a.txt\"}"));
+        r.headers.insert(QByteArrayLiteral("X-ORBALA-SESS-ID"), QByteArrayLiteral("header-tok"));
+        parser.ParseResp(r);
+        QCOMPARE(parser.sessiondId(), QStringLiteral("tok"));
+
+        KXBaseParse numeric;
+        numeric.ParseResp(response(200, QStringLiteral("{\"X-ORBALA-SESS-ID\":42}")));
+        QVERIFY(numeric.sessiondId().isEmpty());
+
+        // The hash query does not look for a renewed session.
+        CKXQueryHashParse query;
+        query.ParseResp(response(200, QStringLiteral("{\"X-ORBALA-SESS-ID\":\"tok\",\"needed_block\":[]}")));
+        QVERIFY(query.sessiondId().isEmpty());
+    }
+
+    void cookie_data()
+    {
+        QTest::addColumn<QByteArray>("setCookie");
+        QTest::addColumn<QString>("expected");
+        QTest::newRow("share answer") << QByteArray("S=sess1; Path=/; HttpOnly") << QStringLiteral("sess1");
+        QTest::newRow("last wins") << QByteArray("S=first; Path=/\nS=second; Path=/")
+                                   << QStringLiteral("second");
+        QTest::newRow("crlf") << QByteArray("S=first\r\nS=second") << QStringLiteral("second");
+        QTest::newRow("last empty") << QByteArray("S=first\nS=") << QStringLiteral("");
+        QTest::newRow("after last =") << QByteArray("S=a=b; Path=/") << QStringLiteral("b");
+        QTest::newRow("blank before") << QByteArray("Path=/; S=x") << QStringLiteral("");
+        QTest::newRow("no blank") << QByteArray("Path=/;S=x") << QStringLiteral("x");
+        QTest::newRow("lower s") << QByteArray("s=x") << QStringLiteral("");
+        QTest::newRow("nul ends") << QByteArray("S=good\0S=bad", 12) << QStringLiteral("good");
+        QTest::newRow("absent") << QByteArray() << QStringLiteral("");
+    }
+
+    void cookie()
+    {
+        QFETCH(QByteArray, setCookie);
+        QFETCH(QString, expected);
+        KXBaseParse parser;
+        ResponseData r = response(200, QStringLiteral("{}"));
+        if (!setCookie.isNull()) {
+            r = withCookie(r, setCookie);
+        }
+        parser.ParseResp(r);
+        QCOMPARE(parser.s(), expected);
+    }
+
+    void queryHash()
+    {
+        CKXQueryHashParse parser;
+        parser.ParseResp(
+            response(200, QStringLiteral("{\"upload_id\":\"%1\",\"needed_block\":[\"%2\",7,\"%3\",null]}")
+                              .arg(kUploadId, kSha0, kSha1)));
+        QCOMPARE(parser.upload_id(), kUploadId);
+        QCOMPARE(parser.blockHashes(), QStringList({kSha0, kSha1}));
+        QVERIFY(parser.need_upload());
+
+        const QStringList quickBodies = {
+            QStringLiteral("{\"upload_id\":\"%1\",\"needed_block\":[]}").arg(kUploadId),
+            QStringLiteral("{\"upload_id\":\"%1\"}").arg(kUploadId),
+            QStringLiteral("{\"upload_id\":\"%1\",\"needed_block\":\"%2\"}").arg(kUploadId, kSha0),
+        };
+        for (const QString& body : quickBodies) {
+            CKXQueryHashParse quick;
+            quick.ParseResp(response(200, body));
+            QCOMPARE(quick.upload_id(), kUploadId);
+            QVERIFY2(!quick.need_upload(), qPrintable(body));
+        }
+    }
+
+    void commitHash()
+    {
+        const QString body = QStringLiteral("{\"needed_block\":[],\"upload_id\":\"%1\",\"metadata\":%2}")
+                                 .arg(kUploadId, kCommitMeta);
+        CKXCommitHashParse parser;
+        parser.ParseResp(response(200, body));
+        QCOMPARE(parser.meta(), kCommitMeta);
+        QCOMPARE(parser.path(), QStringLiteral("/big.bin"));
+        QCOMPARE(parser.upload_id(), kUploadId);
+        QVERIFY(!parser.need_upload());
+
+        const QString missing =
+            QStringLiteral("{\"needed_block\":[\"%1\"],\"upload_id\":\"%2\"}").arg(kSha1, kUploadId);
+        CKXCommitHashParse incomplete;
+        incomplete.ParseResp(response(200, missing));
+        QCOMPARE(incomplete.blockHashes(), QStringList{kSha1});
+        QCOMPARE(incomplete.meta(), missing);
+        QVERIFY(incomplete.path().isEmpty());
+
+        // Without a metadata object the path comes from the top level.
+        CKXCommitHashParse flat;
+        flat.ParseResp(response(200, kFileMeta));
+        QCOMPARE(flat.meta(), kFileMeta);
+        QCOMPARE(flat.path(), QStringLiteral("/docs/a.txt"));
+    }
+
+    void metaCut_data()
+    {
+        QTest::addColumn<QString>("text");
+        QTest::addColumn<QString>("expected");
+        QTest::newRow("nested") << QStringLiteral("{\"a\":1,\"metadata\":{\"b\":{\"c\":{}}},\"d\":2}")
+                                << QStringLiteral("{\"b\":{\"c\":{}}}");
+        QTest::newRow("first of two")
+            << QStringLiteral("{\"metadata\":{\"x\":1},\"more\":{\"metadata\":{\"y\":2}}}")
+            << QStringLiteral("{\"x\":1}");
+        QTest::newRow("at start") << QStringLiteral("\"metadata\":{\"x\":1}")
+                                  << QStringLiteral("\"metadata\":{\"x\":1}");
+        QTest::newRow("blank after colon")
+            << QStringLiteral("{\"metadata\": {\"x\":1}}") << QStringLiteral("{\"metadata\": {\"x\":1}}");
+        QTest::newRow("unclosed") << QStringLiteral("{\"metadata\":{\"x\":{\"y\":1}")
+                                  << QStringLiteral("{\"metadata\":{\"x\":{\"y\":1}");
+        // Braces in strings are counted too: the cut lands inside the string.
+        QTest::newRow("brace in string") << QStringLiteral("{\"metadata\":{\"path\":\"/a}b\",\"n\":1}}")
+                                         << QStringLiteral("{\"path\":\"/a}");
+        QTest::newRow("empty") << QString() << QString();
+    }
+
+    void metaCut()
+    {
+        QFETCH(QString, text);
+        QFETCH(QString, expected);
+        QCOMPARE(CKXCommitHashParse::getMetaString(text), expected);
+    }
+
+    void uploadAnswers()
+    {
+        const QString block =
+            QStringLiteral("{\"upload_id\":\"%1\",\"hash\":\"%2\",\"status\":\"ok\"}").arg(kUploadId, kSha0);
+        CKXChunkedUploadParse chunk;
+        chunk.ParseResp(response(200, block));
+        QCOMPARE(chunk.uploadId(), kUploadId);
+        QCOMPARE(chunk.hash(), kSha0);
+        QCOMPARE(chunk.status(), QStringLiteral("ok"));
+
+        CKXUploadParse whole;
+        whole.ParseResp(response(200, kFileMeta));
+        QCOMPARE(whole.meta(), kFileMeta);
+        QCOMPARE(whole.path(), QStringLiteral("/docs/a.txt"));
+
+        CKXUploadParse broken;
+        broken.ParseResp(response(200, QStringLiteral("not json")));
+        QCOMPARE(broken.meta(), QStringLiteral("not json"));
+        QVERIFY(broken.path().isEmpty());
+
+        CKXDeliveryUploadParse share;
+        share.ParseResp(response(200, kFileMeta));
+        QCOMPARE(share.meta(), kFileMeta);
+    }
+
+    void downloadAnswers()
+    {
+        CKXDlRouterParse ranged;
+        ranged.ParseResp(response(206, QString()));
+        QVERIFY(!ranged.hasError());
+
+        CKXDlRouterParse outside;
+        outside.ParseResp(response(416, codeBody(QStringLiteral("invalid range"))));
+        QVERIFY(outside.hasError());
+        QCOMPARE(outside.errorCode(), int(ServerError));
+    }
+
+    void authUpload()
+    {
+        CKXAuthUplaodParse parser;
+        parser.ParseResp(
+            response(200, QStringLiteral("{\"region\":\"http://127.0.0.1:8080\","
+                                         "\"X-ORBALA-SESS-ID\":\"tok\",\"path\":\"/docs/a.txt\"}")));
+        QCOMPARE(parser.getDataServerHost(), QStringLiteral("http://127.0.0.1:8080"));
+        QCOMPARE(parser.errorMsg().state, 0);
+    }
+
+    void authUploadUnusable_data()
+    {
+        QTest::addColumn<QString>("body");
+        QTest::addColumn<QString>("message");
+        QTest::newRow("empty") << QString() << QStringLiteral("data body is empty");
+        QTest::newRow("invalid") << QStringLiteral("{\"region\":")
+                                 << QStringLiteral("json string is not correct");
+        QTest::newRow("array") << QStringLiteral("[\"http://127.0.0.1:8080\"]")
+                               << QStringLiteral("json string is not correct");
+    }
+
+    void authUploadUnusable()
+    {
+        QFETCH(QString, body);
+        QFETCH(QString, message);
+        const QString logText = QStringLiteral("[TransParseBase]: ") + message;
+        const int before = logCount(QStringLiteral("onComplete"), logText);
+
+        CKXAuthUplaodParse parser;
+        parser.ParseResp(response(200, body, 0, QStringLiteral("transport")));
+        QVERIFY(parser.getDataServerHost().isEmpty());
+        QCOMPARE(parser.errorMsg().message, message);
+        QCOMPARE(parser.errorMsg().state, int(ResponseInvalid));
+        QCOMPARE(parser.errorCode(), 0); // the failure is reported through errorMsg() only
+        QCOMPARE(logCount(QStringLiteral("onComplete"), logText), before + 1);
+
+        CKXDeliveryAuthUploadParse share;
+        share.ParseResp(response(200, body));
+        QCOMPARE(share.errorMsg().message, message);
+        QCOMPARE(share.errorMsg().state, int(ResponseInvalid));
+        QVERIFY(!share.result());
+    }
+
+    void deliveryAuthUpload()
+    {
+        const QString body = QStringLiteral("{\"result\":true,\"session_id\":\"sess1\","
+                                            "\"upload_url\":\"http://127.0.0.1:8080\",\"LBC\":\"lbc-3\"}");
+        CKXDeliveryAuthUploadParse parser;
+        parser.ParseResp(withCookie(response(200, body), "S=sess1; Path=/; HttpOnly"));
+        QVERIFY(parser.result());
+        QCOMPARE(parser.deliverySessionId(), QStringLiteral("sess1"));
+        QCOMPARE(parser.uploadUrl(), QStringLiteral("http://127.0.0.1:8080"));
+        QCOMPARE(parser.LBC(), QStringLiteral("lbc-3"));
+        QCOMPARE(parser.s(), QStringLiteral("sess1"));
+
+        for (const char* result : {"1", "\"true\"", "false"}) {
+            CKXDeliveryAuthUploadParse notGranted;
+            notGranted.ParseResp(
+                response(200, QStringLiteral("{\"result\":%1,\"session_id\":\"s\"}").arg(result)));
+            QVERIFY2(!notGranted.result(), result);
+            QCOMPARE(notGranted.deliverySessionId(), QStringLiteral("s"));
+            QCOMPARE(notGranted.errorMsg().state, 0);
+        }
+
+        CKXDeliveryAuthUploadParse noResult;
+        noResult.ParseResp(response(200, QStringLiteral("{\"session_id\":\"s\"}")));
+        QCOMPARE(noResult.errorMsg().message, QStringLiteral("json string is not correct"));
+        QCOMPARE(noResult.errorMsg().state, int(ResponseInvalid));
+        QVERIFY(noResult.deliverySessionId().isEmpty());
+    }
+};
+
+QTEST_GUILESS_MAIN(TestKXTransferParse)
+#include "tst_KXTransferParse.moc"
