@@ -1,0 +1,77 @@
+#include "KXTFBaseThread.h"
+
+#include "KXLoggerWrapper.h"
+
+CKXTFBaseThread::CKXTFBaseThread() : QThread(nullptr)
+{
+    connect(this, &QThread::finished, this, &CKXTFBaseThread::threadEnd, Qt::DirectConnection);
+    connect(this, &QThread::started, this, &CKXTFBaseThread::threadStart, Qt::DirectConnection);
+}
+
+CKXTFBaseThread::~CKXTFBaseThread()
+{
+    TLOG_FATAL(QStringLiteral("~CKXTFBaseThread() isFinished:%1 isRunning:%2")
+                   .arg(isFinished() ? 1 : 0)
+                   .arg(isRunning() ? 1 : 0));
+}
+
+void CKXTFBaseThread::cancel()
+{
+    requestInterruption();
+}
+
+bool CKXTFBaseThread::end()
+{
+    quit();
+    exit(0);
+    wait();
+    return isFinished();
+}
+
+bool CKXTFBaseThread::isCancelled()
+{
+    return isInterruptionRequested();
+}
+
+void CKXTFBaseThread::threadEnd() {}
+
+void CKXTFBaseThread::threadStart()
+{
+    setObjectName(QStringLiteral("transfer thread"));
+}
+
+CKXTFBaseThread::Pending CKXTFBaseThread::newRequest()
+{
+    auto pending = std::make_shared<PendingRequest>();
+    pending->waiter = this;
+    return pending;
+}
+
+ServerApi::ResponseCallback CKXTFBaseThread::completion(const Pending& pending,
+                                                        std::function<void(const ResponseData&)> onResponse)
+{
+    return [pending, onResponse = std::move(onResponse)](const ResponseData& response) {
+        QMutexLocker locker(&pending->mutex);
+        if (pending->done) {
+            return;
+        }
+        if (onResponse) {
+            onResponse(response);
+        }
+        pending->done = true;
+        pending->waiter->exit(0);
+    };
+}
+
+void CKXTFBaseThread::waitFor(const Pending& pending)
+{
+    for (;;) {
+        {
+            QMutexLocker locker(&pending->mutex);
+            if (pending->done) {
+                return;
+            }
+        }
+        exec();
+    }
+}

@@ -1,0 +1,364 @@
+#include "KXTransfer.h"
+
+#include "KXLoggerWrapper.h"
+#include "KXRequestModels.h"
+#include "KXTFStoreManager.h"
+#include "KXTransferDB.h"
+#include "KXTransferParse.h"
+#include "KXTransferTask.h"
+#include "KXUtil.h"
+#include "ServerApi.h"
+
+#include <QDateTime>
+#include <QDir>
+#include <QFileInfo>
+
+namespace {
+
+const TaskState kStateRunning = StateWorking;
+const int kStopPollMs = 20;
+const QString kNoSpaceText = QStringLiteral("No space left on device");
+
+} // namespace
+
+CKXTransfer::CKXTransfer(const SubTaskInfo& task, TransferErrorCallback errorCallback,
+                         TransferProgressCallback progressCallback)
+    : m_task(new CKXTransferTask(task))
+{
+    setCallback(errorCallback, progressCallback);
+    m_handle = 0;
+}
+
+CKXTransfer::~CKXTransfer()
+{
+    delete m_task;
+}
+
+void CKXTransfer::threadEnd()
+{
+    emit threadFinished(m_handle, this);
+}
+
+void CKXTransfer::setCallback(TransferErrorCallback errorCallback, TransferProgressCallback progressCallback)
+{
+    m_errorCallback = errorCallback;
+    m_progressCallback = progressCallback;
+}
+
+void CKXTransfer::setHandle(long long handle)
+{
+    m_handle = handle;
+}
+
+void CKXTransfer::cancelTask()
+{
+    cancel();
+    end();
+}
+
+void CKXTransfer::del()
+{
+    TLOG_FATAL(QStringLiteral("删除任务 %1").arg(m_task->getId()));
+    cancelTask();
+    CKXTFStoreManager::inst()->db()->DelTransferTask(m_task->getId());
+}
+
+CKXTransferTask* CKXTransfer::transferTask()
+{
+    return m_task;
+}
+
+void CKXTransfer::run()
+{
+    const QString id = m_task->getId();
+    if (CKXTFStoreManager::inst()->db()->LoadTransferTask(id, *m_task)) {
+        TLOG_FATAL(QStringLiteral("查询到存在的任务 %1").arg(id));
+    }
+    if (m_task->getTaskState() == StateCompleted) {
+        TLOG_FATAL(QStringLiteral("添加了已完成的任务 %1").arg(id));
+        compelteHandler();
+        return;
+    }
+    m_task->setTaskState(kStateRunning);
+    CKXTFStoreManager::inst()->addTaskInfo(m_task->getSubTaskInfo());
+
+    QString message;
+    long long code = 0;
+    long long httpCode = 200;
+    if (!verifyTask(m_task->getSubTaskInfo(), message, code, httpCode)) {
+        errorHandler(static_cast<ErrorCode>(code), message, static_cast<int>(httpCode));
+        return;
+    }
+    begin();
+    // The handlers request interruption when the task has ended; the thread stays until then.
+    while (!isCancelled()) {
+        QThread::msleep(kStopPollMs);
+    }
+}
+
+bool CKXTransfer::begin()
+{
+    TLOG_FATAL(QStringLiteral("开始处理传输任务 %1").arg(m_task->getId()));
+    m_task->setTaskState(kStateRunning);
+    saveDB();
+    if (m_task->getIsUpload()) {
+        uploadTask();
+    } else {
+        downloadTask();
+    }
+    return true;
+}
+
+bool CKXTransfer::verifyTask(const SubTaskInfo& task, QString& message, long long& code, long long& httpCode)
+{
+    if (task.isUpload) {
+        if (!localFileIsExist(task.localFile.path)) {
+            TLOG_FATAL(QStringLiteral("本地文件不存在 %1").arg(task.subTaskId));
+            message = QStringLiteral("本地文件不存在");
+            code = LocalFileError;
+            httpCode = 200;
+            return false;
+        }
+        return canUpload(task, message, code, httpCode);
+    }
+    return canDownload(task, message, code, httpCode);
+}
+
+void CKXTransfer::verifyTask()
+{
+    if (m_task->getIsUpload()) {
+        if (!localFileIsExist(m_task->getLocalFileInfo().path)) {
+            TLOG_FATAL(QStringLiteral("本地文件不存在 %1").arg(m_task->getId()));
+            errorHandler(LocalFileError, QStringLiteral("本地文件不存在"), 200);
+            return;
+        }
+        uploadTask();
+    } else {
+        downloadTask();
+    }
+}
+
+void CKXTransfer::downloadTask() {}
+
+void CKXTransfer::uploadTask() {}
+
+void CKXTransfer::debugInfo() {}
+
+bool CKXTransfer::localFileIsExist(const QString& path)
+{
+    return KXUtil::isExist(path.toUtf8().toStdString());
+}
+
+void CKXTransfer::request(const std::function<qint64(ServerApi::ResponseCallback)>& call,
+                          const std::function<void(const ResponseData&)>& onResponse)
+{
+    const Pending pending = newRequest();
+    call(completion(pending, onResponse));
+    waitFor(pending);
+}
+
+bool CKXTransfer::remoteFileIsExist(const SubTaskInfo& task)
+{
+    bool found = false;
+    request([&](ServerApi::ResponseCallback done) { return metadata(task, done); },
+            [&found](const ResponseData& response) { found = response.statusCode == 200; });
+    const QString text = found ? QStringLiteral("云端文件存在") : QStringLiteral("云端文件不存在");
+    TLOG_INFO(QStringLiteral("%1 %2").arg(text, task.remoteFile.path));
+    return found;
+}
+
+qint64 CKXTransfer::metadata(const SubTaskInfo& task, std::function<void(const ResponseData&)> callback)
+{
+    return ServerApi::MetaData(CKXRequestModels::metaEntry(task), callback);
+}
+
+qint64 CKXTransfer::authUpload(const SubTaskInfo& task, std::function<void(const ResponseData&)> callback)
+{
+    return ServerApi::AuthUpload(CKXRequestModels::entry(task), QFileInfo(task.localFile.path).size(), callback,
+                                 CKXRequestModels::route(task));
+}
+
+bool CKXTransfer::canUpload(const SubTaskInfo& task, QString& message, long long& code, long long& httpCode)
+{
+    CKXAuthUplaodParse parser;
+    request([&](ServerApi::ResponseCallback done) { return authUpload(task, done); },
+            [&parser](const ResponseData& response) { parser.ParseResp(response); });
+    if (parser.hasError()) {
+        message = parser.errorMsg().message;
+        code = parser.errorCode();
+        httpCode = parser.statusCode();
+        return false;
+    }
+    if (!parser.getDataServerHost().isEmpty()) {
+        m_task->setDataServerHost(parser.getDataServerHost());
+    }
+    return true;
+}
+
+bool CKXTransfer::canDownload(const SubTaskInfo& task, QString& message, long long& code, long long& httpCode)
+{
+    Q_UNUSED(httpCode)
+    const QString path = task.localFile.path;
+    TLOG_FATAL(QStringLiteral("处理下载任务验证 %1").arg(task.subTaskId));
+    const qint64 available = KXUtil::GetDiskAvailableBytes(path);
+    TLOG_FATAL(QStringLiteral("%1 当前剩余空间大小: %2").arg(path).arg(available));
+    if (available < 0) {
+        return true;
+    }
+    const qint64 needed = task.size - task.completeBytes;
+    TLOG_FATAL(QStringLiteral("%1 完成下载 需要空间 %2").arg(path).arg(needed));
+    const qint64 left = available - needed;
+    TLOG_FATAL(QStringLiteral("%1 剩余可用空间 %2").arg(path).arg(left));
+    if (left < 0) {
+        code = NoSpace;
+        message = tr("空间不足 请释放空间后再尝试下载");
+        return false;
+    }
+    return true;
+}
+
+QString CKXTransfer::duplicateNameHandler(const QString& path)
+{
+    if (!KXUtil::isExist(path)) {
+        return path;
+    }
+    const QFileInfo info(path);
+    const QDir dir = info.absoluteDir();
+    const QString base = info.completeBaseName();
+    const QString suffix = info.suffix();
+    for (qint64 n = 1;; ++n) {
+        const QString name = QStringLiteral("%1%2%3%4.%5")
+                                 .arg(base, QStringLiteral("("), QString::number(n), QStringLiteral(")"), suffix);
+        const QString candidate = dir.absoluteFilePath(name);
+        if (!KXUtil::isExist(candidate)) {
+            return candidate;
+        }
+    }
+}
+
+bool CKXTransfer::renameTmpFile(ErrorCode& code, QString& message)
+{
+    const SubTaskInfo task = m_task->getSubTaskInfo();
+    const QString localPath = task.localFile.path;
+    TLOG_INFO(QStringLiteral("文件原始路径： %1").arg(localPath));
+    const QString tmp = KXUtil::tmpFile(localPath);
+    TLOG_INFO(QStringLiteral("文件临时路径： %1").arg(tmp));
+    if (!KXUtil::isExist(tmp)) {
+        TLOG_FATAL(QStringLiteral("本地临时文件不存在:%1").arg(tmp));
+        code = LocalFileError;
+        message = tr("本地文件不存在");
+        return false;
+    }
+    QString dest = localPath;
+    if (!task.remoteFile.syncOverwrite) {
+        dest = duplicateNameHandler(localPath);
+    }
+    TLOG_FATAL(QStringLiteral("文件目标路径:%1").arg(dest));
+    if (dest.isEmpty()) {
+        TLOG_FATAL(QStringLiteral("文件目标路径为空:%1 原始路径为:%2 临时路径为:%3").arg(dest, localPath, tmp));
+        code = LocalFileError;
+        message = tr("本地文件不存在");
+        return false;
+    }
+    // moveFile replaces the destination atomically, so an overwritten file is never missing;
+    // removing it first is only needed where the platform's rename cannot replace.
+    if (KXUtil::isExist(dest) && !QFileInfo(dest).isFile() && !KXUtil::removeFile(dest)) {
+        TLOG_FATAL(QStringLiteral("删除文件失败，目标路径： %1").arg(dest));
+        code = LocalFileError;
+        message = tr("本地文件不存在");
+        return false;
+    }
+    if (!KXUtil::moveFile(tmp, dest)) {
+        TLOG_FATAL(QStringLiteral("移动文件失败 tmp:%1 dest:%2").arg(tmp, dest));
+        code = RenameTmpFileError;
+        message = tr("重命名本地临时文件错误");
+        return false;
+    }
+    TLOG_FATAL(QStringLiteral("重命名本地临时文件 tmp:%1 dest:%2").arg(tmp, dest));
+    return true;
+}
+
+void CKXTransfer::progressHandler(long long bytesDone, long long total)
+{
+    Q_UNUSED(total)
+    if (m_task->getTaskState() & StateCompleted) {
+        return;
+    }
+    m_task->setSendBytes(bytesDone);
+    const SubTaskInfo record = m_task->getSubTaskInfo();
+    CKXTFStoreManager::inst()->addTaskInfo(record);
+    if (m_progressCallback) {
+        m_progressCallback(m_handle, record, bytesDone);
+    }
+}
+
+void CKXTransfer::compelteHandler()
+{
+    TLOG_FATAL(QStringLiteral("任务完成 %1").arg(m_task->getId()));
+    m_task->setTaskState(StateCompleted);
+    m_task->setCompleteTime(QDateTime::currentMSecsSinceEpoch());
+    m_task->setCompleteBytes(m_task->getSize());
+    m_task->setSendBytes(m_task->getSize());
+    const SubTaskInfo record = m_task->getSubTaskInfo();
+    CKXTFStoreManager::inst()->addTaskInfo(record);
+    if (m_errorCallback) {
+        m_errorCallback(m_handle, record, NoError);
+    }
+    saveDB();
+    cancel();
+}
+
+void CKXTransfer::cancelHandler()
+{
+    TLOG_FATAL(QStringLiteral("主动取消任务 %1").arg(m_task->getId()));
+    if (!(m_task->getTaskState() & (StateError | StateCompleted))) {
+        m_task->setTaskState(StatePaused);
+    }
+    const SubTaskInfo record = m_task->getSubTaskInfo();
+    CKXTFStoreManager::inst()->addTaskInfo(record);
+    if (m_errorCallback) {
+        m_errorCallback(m_handle, record, NoError);
+    }
+    saveDB();
+    cancel();
+}
+
+void CKXTransfer::errorHandler(ErrorCode code, const QString& message, int httpCode)
+{
+    TLOG_FATAL(QStringLiteral("任务失败 code:%1 msg :%2").arg(code).arg(message));
+    ErrorCode finalCode = code;
+    QString finalMessage = message;
+    if (code == 4 && message == kNoSpaceText) {
+        finalMessage = tr("空间不足 请释放空间后再尝试下载");
+        finalCode = NoSpace;
+    }
+    m_task->setErrorCode(finalCode);
+    m_task->setErrorInfo(finalMessage);
+    m_task->setHttpCode(httpCode);
+    m_task->setTaskState(StateError);
+    const SubTaskInfo record = m_task->getSubTaskInfo();
+    CKXTFStoreManager::inst()->addTaskInfo(record);
+    if (m_errorCallback) {
+        m_errorCallback(m_handle, record, finalCode);
+    }
+    saveDB();
+    cancel();
+}
+
+void CKXTransfer::saveDB()
+{
+    CKXTFStoreManager::inst()->db()->AddTransferTask(*m_task);
+}
+
+void CKXTransfer::serverLogging(const QString& event, const SubTaskInfo& task)
+{
+    const QString remotePath = task.remoteFile.path;
+    const QString folder = QFileInfo(remotePath).path();
+    const QString name = KXUtil::fileName(remotePath);
+    request(
+        [&](ServerApi::ResponseCallback done) {
+            return ServerApi::RPCServerLogging(event, folder, name, task.remoteFile.pathType, task.remoteFile.neid,
+                                               task.remoteFile.reservedText1, QString(), done);
+        },
+        nullptr);
+}

@@ -1,0 +1,80 @@
+#pragma once
+
+// Base of every transfer class. One object carries one task on one thread of its own: run()
+// loads any stored state, checks the task, dispatches to the derived class's uploadTask() or
+// downloadTask(), and the task ends in exactly one of compelteHandler(), cancelHandler() or
+// errorHandler(). Each records the outcome in the task store and database, calls the client's
+// error callback (on this thread) and asks the thread to stop.
+//
+// Ownership: created by the factory or the manager, filed by the manager under a handle, deleted
+// only by the finishing thread after threadFinished() (never by itself). Owns its task record.
+
+#include "IKXTransferCallbacks.h"
+#include "KXTFBaseThread.h"
+#include "KXTransferDefine.h"
+
+#include <functional>
+
+class CKXTransferTask;
+
+class CKXTransfer : public CKXTFBaseThread
+{
+    Q_OBJECT
+public:
+    CKXTransfer(const SubTaskInfo& task, TransferErrorCallback errorCallback,
+                TransferProgressCallback progressCallback);
+    ~CKXTransfer() override;
+
+    void threadEnd() override;
+
+    virtual void setCallback(TransferErrorCallback errorCallback, TransferProgressCallback progressCallback);
+    virtual void setHandle(long long handle);
+    // Requests interruption and blocks the caller until run() has returned.
+    virtual void cancelTask();
+    // cancelTask(), then removes the task's row from the database.
+    virtual void del();
+    virtual CKXTransferTask* transferTask();
+
+    virtual bool localFileIsExist(const QString& path);
+    virtual bool remoteFileIsExist(const SubTaskInfo& task);
+    virtual bool canUpload(const SubTaskInfo& task, QString& message, long long& code, long long& httpCode);
+    virtual bool canDownload(const SubTaskInfo& task, QString& message, long long& code, long long& httpCode);
+    virtual qint64 metadata(const SubTaskInfo& task, std::function<void(const ResponseData&)> callback);
+    virtual qint64 authUpload(const SubTaskInfo& task, std::function<void(const ResponseData&)> callback);
+    virtual bool begin();
+    virtual bool verifyTask(const SubTaskInfo& task, QString& message, long long& code, long long& httpCode);
+    virtual void verifyTask();
+    virtual void downloadTask();
+    virtual void uploadTask();
+    virtual bool renameTmpFile(ErrorCode& code, QString& message);
+    virtual QString duplicateNameHandler(const QString& path);
+    virtual void compelteHandler();
+    virtual void cancelHandler();
+    virtual void errorHandler(ErrorCode code, const QString& message, int httpCode);
+    virtual void progressHandler(long long bytesDone, long long total);
+    virtual void debugInfo();
+    virtual void saveDB();
+
+    long long handle() const { return m_handle; }
+
+signals:
+    void threadFinished(long long handle, CKXTransfer* transfer);
+
+protected:
+    void run() override;
+
+    // Waits for a server answer through a pending request that the callback completes (see
+    // CKXTFBaseThread::waitFor). `call` starts the request with the given completion callback.
+    void request(const std::function<qint64(ServerApi::ResponseCallback)>& call,
+                 const std::function<void(const ResponseData&)>& onResponse);
+
+    // Reports a transfer event to the server's log and waits for the answer, which is ignored.
+    void serverLogging(const QString& event, const SubTaskInfo& task);
+
+    TransferErrorCallback m_errorCallback = nullptr;
+    TransferProgressCallback m_progressCallback = nullptr;
+    CKXTransferTask* m_task = nullptr;
+    long long m_handle = 0;
+};
+
+Q_DECLARE_METATYPE(CKXTransfer*)

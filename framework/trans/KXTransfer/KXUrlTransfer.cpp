@@ -1,0 +1,121 @@
+#include "KXUrlTransfer.h"
+
+#include "KXLoggerWrapper.h"
+#include "KXTransferParse.h"
+#include "KXTransferTask.h"
+#include "KXUtil.h"
+#include "ServerApi.h"
+
+#include <QFile>
+
+CKXUrlTransfer::CKXUrlTransfer(const SubTaskInfo& task, TransferErrorCallback errorCallback,
+                               TransferProgressCallback progressCallback)
+    : CKXTransfer(task, errorCallback, progressCallback)
+{
+}
+
+bool CKXUrlTransfer::begin()
+{
+    m_task->setTaskState(StateWorking);
+    downloadTask();
+    return true;
+}
+
+void CKXUrlTransfer::downloadTask()
+{
+    const QString id = m_task->getId();
+    const QString tmp = KXUtil::tmpFile(m_task->getLocalFileInfo().path);
+    if (!KXUtil::isExist(tmp)) {
+        KXUtil::createFile(tmp);
+    }
+    KXBaseParse parser;
+    QFile* file = new QFile(tmp);
+    if (!file->open(QIODevice::WriteOnly)) {
+        TLOG_FATAL(QStringLiteral("打开文件出错 %1 %2").arg(file->fileName(), file->errorString()));
+        file->flush();
+        file->close();
+        file->deleteLater();
+        errorHandler(LocalFileError, tr("本地文件不存在"), 200);
+        return;
+    }
+
+    const QString address = m_task->getDataServerHost();
+    request(
+        [&](ServerApi::ResponseCallback done) {
+            const qint64 requestId = ServerApi::Download(
+                address,
+                [this, file](const QByteArray& chunk) {
+                    const qint64 position = file->pos();
+                    if (file->write(chunk) < chunk.size()) {
+                        TLOG_FATAL(QStringLiteral("本地写入数据失败,file {name %1 seek:%2 len:%3}")
+                                       .arg(file->fileName())
+                                       .arg(position)
+                                       .arg(chunk.size()));
+                        ServerApi::Cancel(m_requestId.load());
+                    }
+                },
+                done,
+                [this](const DownloadProgressData& progress) {
+                    m_task->setSize(progress.bytesTotal);
+                    progressHandler(progress.bytesReceived, progress.bytesTotal);
+                });
+            m_requestId = requestId;
+            return requestId;
+        },
+        [&parser](const ResponseData& response) { parser.ParseResp(response); });
+
+    file->flush();
+    if (file->error() != QFileDevice::NoError) {
+        TLOG_FATAL(QStringLiteral("文件操作出错: %1  error:%2 msg:%3")
+                       .arg(file->fileName())
+                       .arg(file->error())
+                       .arg(file->errorString()));
+        const QString message = file->errorString();
+        const ErrorCode code = static_cast<ErrorCode>(file->error());
+        file->close();
+        file->deleteLater();
+        errorHandler(code, message, 200);
+        return;
+    }
+    file->close();
+    file->deleteLater();
+    if (parser.hasError()) {
+        errorHandler(static_cast<ErrorCode>(parser.errorCode()), parser.errorMsg().message, parser.statusCode());
+        return;
+    }
+    ErrorCode code = NoError;
+    QString message;
+    if (!renameTmpFile(code, message)) {
+        TLOG_FATAL(QStringLiteral("重命名本地临时文件错误 %1").arg(id));
+        errorHandler(code, message, 200);
+        return;
+    }
+    TLOG_FATAL(QStringLiteral("文件下载完成 %1").arg(id));
+    compelteHandler();
+}
+
+void CKXUrlTransfer::uploadTask()
+{
+    const QString id = m_task->getId();
+    KXBaseParse parser;
+    const QString address = m_task->getDataServerHost();
+    const QString localPath = m_task->getLocalFileInfo().path;
+    request(
+        [&](ServerApi::ResponseCallback done) {
+            return ServerApi::Upload(localPath, address, done, [this](const UploadProgressData& progress) {
+                m_task->setSize(progress.bytesTotal);
+                progressHandler(progress.bytesSent, progress.bytesTotal);
+            });
+        },
+        [&parser](const ResponseData& response) { parser.ParseResp(response); });
+    if (parser.hasError()) {
+        TLOG_FATAL(QStringLiteral("文件上传失败 %1 code：%2 msg:%3")
+                       .arg(id)
+                       .arg(parser.statusCode())
+                       .arg(parser.errorMsg().message));
+        errorHandler(static_cast<ErrorCode>(parser.errorCode()), parser.errorMsg().message, parser.statusCode());
+        return;
+    }
+    TLOG_FATAL(QStringLiteral("文件上传完成 %1").arg(id));
+    compelteHandler();
+}
