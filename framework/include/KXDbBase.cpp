@@ -1,0 +1,407 @@
+#include "KXDbBase.h"
+
+#include "KXLoggerWrapper.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QHash>
+#include <QSqlDatabase>
+#include <QSqlError>
+#include <QSqlQuery>
+#include <QSqlRecord>
+#include <QThreadStorage>
+
+#include <sys/stat.h>
+
+namespace {
+
+// Which file a connection was opened on, so that a file replaced or removed behind our back is
+// noticed and the connection reopened instead of writing into an unlinked inode.
+struct FileIdentity
+{
+    bool valid = false;
+    dev_t device = 0;
+    ino_t inode = 0;
+
+    bool operator==(const FileIdentity& other) const
+    {
+        return valid && other.valid && device == other.device && inode == other.inode;
+    }
+};
+
+FileIdentity identityOf(const QString& path)
+{
+    struct stat st;
+    if (::stat(QFile::encodeName(path).constData(), &st) != 0) {
+        return FileIdentity();
+    }
+    return FileIdentity{true, st.st_dev, st.st_ino};
+}
+
+// Closes a connection and drops it from Qt's registry. Must run on the thread that opened it, with
+// no QSqlDatabase copy of it left alive.
+void dropConnection(const QString& name)
+{
+    if (!QSqlDatabase::contains(name)) {
+        return;
+    }
+    {
+        QSqlDatabase db = QSqlDatabase::database(name, false);
+        db.close();
+    }
+    QSqlDatabase::removeDatabase(name);
+}
+
+// The connections one thread has opened, by name. Opening an SQLite file costs a file open, a
+// schema read and the pragmas below, so a connection is kept across operations and dropped when
+// its thread ends; QThreadStorage deletes this record on the ending thread itself.
+struct ThreadConnections
+{
+    QHash<QString, FileIdentity> files;
+
+    ~ThreadConnections()
+    {
+        for (auto it = files.constBegin(); it != files.constEnd(); ++it) {
+            dropConnection(it.key());
+        }
+    }
+};
+
+ThreadConnections& threadConnections()
+{
+    // Never destroyed: it must outlive every thread that still holds connections at exit.
+    static auto* storage = new QThreadStorage<ThreadConnections*>();
+    if (!storage->hasLocalData()) {
+        storage->setLocalData(new ThreadConnections());
+    }
+    return *storage->localData();
+}
+
+// WAL lets one connection write while the others read and needs only one sync per commit instead
+// of the rollback journal's several; with WAL, synchronous=NORMAL still survives a crash of the
+// process and never corrupts the file, and a power cut can only lose the newest commits. The busy
+// timeout makes a connection wait for another one's write lock instead of failing at once.
+QSqlError configureConnection(QSqlDatabase& db)
+{
+    QSqlQuery query(db);
+    for (const char* pragma : {"PRAGMA journal_mode=WAL", "PRAGMA synchronous=NORMAL"}) {
+        if (!query.exec(QString::fromLatin1(pragma))) {
+            return query.lastError();
+        }
+    }
+    return QSqlError();
+}
+
+} // namespace
+
+CKXDbBase::CKXDbBase(const QString& dbPath) : m_dbPath(dbPath)
+{
+    if (m_dbPath.isEmpty()) {
+        DBLOG_ERROR(QStringLiteral("[DBBase]: given db path is empty"));
+        return;
+    }
+    const QDir dir = QFileInfo(m_dbPath).absoluteDir();
+    if (!dir.exists() && !QDir().mkpath(dir.absolutePath())) {
+        DBLOG_ERROR(QStringLiteral("[DBBase]: cannot create the folder of the db. [path]%1").arg(m_dbPath));
+    }
+}
+
+CKXDbBase::~CKXDbBase()
+{
+    m_asyncWriter.stop();
+    const QStringList left = m_asyncWriter.takeQueue();
+    if (!left.isEmpty()) {
+        updateInternal(left);
+    }
+    DBLOG_INFO(QStringLiteral("CKXDbBase 释放了"));
+    close();
+}
+
+QString CKXDbBase::getCreateTableString(const QString& table) const
+{
+    Q_UNUSED(table);
+    return QString();
+}
+
+bool CKXDbBase::init()
+{
+    QMutexLocker lock(&m_mutex);
+    QSqlDatabase db;
+    if (!open(db)) {
+        return false;
+    }
+    return createMissingTables(db);
+}
+
+bool CKXDbBase::createMissingTables(QSqlDatabase& db)
+{
+    const QStringList existing = db.tables();
+    const bool multi = isMultiTable();
+    const QStringList wanted = multi ? getTableNames() : QStringList{getTableName()};
+    bool ok = true;
+    for (const QString& table : wanted) {
+        if (existing.contains(table)) {
+            continue;
+        }
+        const QString sql = multi ? getCreateTableString(table) : getCreateTableString();
+        QSqlQuery query(db);
+        if (!query.exec(sql)) {
+            // The multi-table message carries a comma after the path; log readers match on both.
+            const QString text = multi ? QStringLiteral("db create table error. [path]%1, [sql]%2")
+                                       : QStringLiteral("db create table error. [path]%1 [sql]%2");
+            DBLOG_ERROR(text.arg(m_dbPath, sql));
+            logSqlError(query.lastError());
+            ok = false;
+        }
+    }
+    return ok;
+}
+
+bool CKXDbBase::open(QSqlDatabase& db)
+{
+    if (m_dbPath.isEmpty()) {
+        // Qt would open an anonymous temporary database for an empty name and lose every write.
+        DBLOG_ERROR(QStringLiteral("db open error: %1").arg(m_dbPath));
+        return false;
+    }
+    return acquire(db);
+}
+
+bool CKXDbBase::acquire(QSqlDatabase& db)
+{
+    const QString name = getCurrentConnectionName();
+    ThreadConnections& mine = threadConnections();
+    auto known = mine.files.constFind(name);
+    if (known != mine.files.constEnd() && !m_keepOpen && !(known.value() == identityOf(m_dbPath))) {
+        mine.files.remove(name);
+        dropConnection(name);
+    }
+    if (!mine.files.contains(name)) {
+        // A name registered by someone else can only be left over from an ended thread whose id
+        // has been reused; that connection is unusable here.
+        if (QSqlDatabase::contains(name)) {
+            QSqlDatabase::removeDatabase(name);
+        }
+        QSqlDatabase fresh = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), name);
+        fresh.setDatabaseName(m_dbPath);
+        fresh.setConnectOptions(QStringLiteral("QSQLITE_BUSY_TIMEOUT=5000"));
+        mine.files.insert(name, FileIdentity());
+    }
+    db = QSqlDatabase::database(name, false);
+    if (db.isOpen()) {
+        return true;
+    }
+    QSqlError error;
+    if (!db.open()) {
+        error = db.lastError();
+    } else {
+        error = configureConnection(db);
+    }
+    if (error.isValid()) {
+        DBLOG_ERROR(QStringLiteral("db open error: %1").arg(m_dbPath));
+        logSqlError(error);
+        db = QSqlDatabase();
+        mine.files.remove(name);
+        dropConnection(name);
+        return false;
+    }
+    mine.files.insert(name, identityOf(m_dbPath));
+    return true;
+}
+
+void CKXDbBase::close()
+{
+    const QString name = getCurrentConnectionName();
+    threadConnections().files.remove(name);
+    dropConnection(name);
+}
+
+QString CKXDbBase::getCurrentConnectionName() const
+{
+    const auto threadId = reinterpret_cast<quintptr>(QThread::currentThreadId());
+    return QStringLiteral("%1%2").arg(QString::number(threadId), m_dbPath);
+}
+
+void CKXDbBase::setAsync(const QSqlDatabase& db)
+{
+    if (!db.isOpen()) {
+        return;
+    }
+    QSqlQuery query(db);
+    if (!query.exec(QStringLiteral("PRAGMA synchronous = OFF; "))) {
+        DBLOG_ERROR(QStringLiteral("db set async error. [path]%1").arg(m_dbPath));
+        logSqlError(query.lastError());
+    }
+}
+
+bool CKXDbBase::execOne(QSqlDatabase& db, const QString& sql)
+{
+    QSqlQuery query(db);
+    if (query.exec(sql)) {
+        return true;
+    }
+    DBLOG_ERROR(QStringLiteral("update db error. [path]%1, [sql]%2").arg(m_dbPath, sql));
+    logSqlError(query.lastError());
+    return false;
+}
+
+bool CKXDbBase::updateInternal(const QString& sql)
+{
+    if (sql.isEmpty()) {
+        DBLOG_ERROR(QStringLiteral("update db error. the sql command is empty. [path]%1").arg(m_dbPath));
+        return false;
+    }
+    QMutexLocker lock(&m_mutex);
+    QSqlDatabase db;
+    if (!open(db)) {
+        return false;
+    }
+    return execOne(db, sql);
+}
+
+bool CKXDbBase::updateInternal(const QStringList& sqls)
+{
+    if (sqls.isEmpty()) {
+        DBLOG_ERROR(QStringLiteral("update db error. the sqls command is empty. [path]%1").arg(m_dbPath));
+        return false;
+    }
+    QMutexLocker lock(&m_mutex);
+    QSqlDatabase db;
+    if (!open(db)) {
+        return false;
+    }
+    if (!db.transaction()) {
+        DBLOG_ERROR(QStringLiteral("open db transaction error. [path]%1").arg(m_dbPath));
+        logSqlError(db.lastError());
+        return false;
+    }
+    bool allDone = true;
+    for (const QString& sql : sqls) {
+        allDone = execOne(db, sql) && allDone;
+    }
+    if (!db.commit()) {
+        DBLOG_ERROR(QStringLiteral("db commit transaction error. [path]%1").arg(m_dbPath));
+        logSqlError(db.lastError());
+        db.rollback();
+        return false;
+    }
+    return allDone;
+}
+
+bool CKXDbBase::queryInternal(const QString& sql, QList<Row>& rows)
+{
+    QMutexLocker lock(&m_mutex);
+    QSqlDatabase db;
+    if (!open(db)) {
+        return false;
+    }
+    QString statement = sql;
+    if (statement.isEmpty()) {
+        DBLOG_ERROR(
+            QStringLiteral("query oper(mean select all). the sql command is empty. [path]%1").arg(m_dbPath));
+        statement = QStringLiteral("SELECT * FROM %1 ;").arg(getTableName());
+    }
+    QSqlQuery query(db);
+    query.setForwardOnly(true);
+    bool ok = query.exec(statement);
+    while (ok && query.next()) {
+        const QSqlRecord record = query.record();
+        Row row;
+        for (int i = 0; i < record.count(); ++i) {
+            row.insert(record.fieldName(i), record.value(i));
+        }
+        rows.append(row);
+    }
+    // A page that cannot be read ends next() early; that is an error, not the end of the rows.
+    if (!ok || query.lastError().isValid()) {
+        DBLOG_ERROR(QStringLiteral("query db error. [path]%1, [sql]%2").arg(m_dbPath, statement));
+        logSqlError(query.lastError());
+        return false;
+    }
+    return true;
+}
+
+void CKXDbBase::translateSqliteSpecialChar4Update(QString& text)
+{
+    text.replace(QLatin1Char('\''), QLatin1String("''"));
+}
+
+void CKXDbBase::logSqlError(const QSqlError& error)
+{
+    DBLOG_ERROR(
+        QStringLiteral("db oper error: [code]%1, [msg]%2").arg(error.nativeErrorCode(), error.text()));
+}
+
+void CKXDbBase::asyncUpdate(const QString& sql)
+{
+    m_asyncWriter.enqueue(sql);
+}
+
+void CKXDbBase::setKeepOpen(bool keepOpen)
+{
+    m_keepOpen = keepOpen;
+}
+
+CKXDbBase::AsyncWriteDB::~AsyncWriteDB()
+{
+    stop();
+}
+
+void CKXDbBase::AsyncWriteDB::enqueue(const QString& sql)
+{
+    bool mustStart = false;
+    {
+        QMutexLocker lock(&m_queueMutex);
+        m_queue.append(sql);
+        mustStart = !m_active;
+        m_active = true;
+    }
+    if (mustStart) {
+        // A run() that found the queue empty may still be returning; start() would then be ignored.
+        wait();
+        start();
+    }
+}
+
+void CKXDbBase::AsyncWriteDB::stop()
+{
+    if (!isRunning()) {
+        return;
+    }
+    requestInterruption();
+    if (!wait(100)) {
+        // Terminating inside SQLite would leave the owner's mutex locked and the batch half done;
+        // the loop checks for interruption after every batch, so this wait is bounded by one batch.
+        DBLOG_ERROR(QStringLiteral("db write thread is still writing a batch, waiting for it"));
+        wait();
+    }
+}
+
+QStringList CKXDbBase::AsyncWriteDB::takeQueue()
+{
+    QMutexLocker lock(&m_queueMutex);
+    QStringList taken;
+    taken.swap(m_queue);
+    return taken;
+}
+
+void CKXDbBase::AsyncWriteDB::run()
+{
+    while (!isInterruptionRequested()) {
+        QStringList batch;
+        {
+            QMutexLocker lock(&m_queueMutex);
+            batch.swap(m_queue);
+            if (batch.isEmpty()) {
+                m_active = false;
+                return;
+            }
+        }
+        m_owner->updateInternal(batch);
+        // Lets statements gather into the next batch instead of one transaction each.
+        msleep(10);
+    }
+    QMutexLocker lock(&m_queueMutex);
+    m_active = false;
+}
