@@ -1,6 +1,7 @@
 #include "KXTransferCreator.h"
 
 #include "KXComTransfer.h"
+#include "KXDeliveryTransfer.h"
 #include "KXLoggerWrapper.h"
 
 namespace {
@@ -28,7 +29,7 @@ CKXTransfer* CKXTransferCreator::transfer(const SubTaskInfo& task)
             return nullptr;
         }
         TLOG_FATAL(QStringLiteral("生成普通外链传输任务 %1").arg(record.subTaskId));
-        return nullptr;
+        return new CKXDeliveryTransfer(record, nullptr, nullptr);
     }
     if (chunked) {
         TLOG_FATAL(QStringLiteral("生成分块传输任务 %1").arg(record.subTaskId));
