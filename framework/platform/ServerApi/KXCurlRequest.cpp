@@ -1,0 +1,435 @@
+#include "KXCurlRequest.h"
+
+#include "KXBandwidthLimiter.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace {
+
+// Progress is reported at most this often, or after this many bytes, whichever comes first.
+const auto kProgressInterval = std::chrono::milliseconds(100);
+const qint64 kProgressBytes = 1024 * 1024;
+
+// Answers of metadata operations are small; a bigger one is a broken or hostile server.
+const qint64 kMaxTextBody = 64 * 1024 * 1024;
+// Error bodies of file downloads are kept only this far.
+const qint64 kMaxErrorBody = 1024 * 1024;
+
+const long kTransferBuffer = 128 * 1024;
+const int kMaxRetryDelayMs = 5000;
+const int kFirstRetryDelayMs = 200;
+
+bool isTransientFailure(CURLcode code)
+{
+    switch (code) {
+    case CURLE_UNSUPPORTED_PROTOCOL:
+    case CURLE_FAILED_INIT:
+    case CURLE_URL_MALFORMAT:
+    case CURLE_NOT_BUILT_IN:
+    case CURLE_WRITE_ERROR:
+    case CURLE_READ_ERROR:
+    case CURLE_OUT_OF_MEMORY:
+    case CURLE_ABORTED_BY_CALLBACK:
+    case CURLE_BAD_FUNCTION_ARGUMENT:
+    case CURLE_TOO_MANY_REDIRECTS:
+    case CURLE_UNKNOWN_OPTION:
+    case CURLE_PEER_FAILED_VERIFICATION:
+    case CURLE_SSL_CERTPROBLEM:
+    case CURLE_SSL_CIPHER:
+    case CURLE_SSL_CACERT_BADFILE:
+    case CURLE_SSL_CRL_BADFILE:
+    case CURLE_SSL_ISSUER_ERROR:
+    case CURLE_SSL_PINNEDPUBKEYNOTMATCH:
+    case CURLE_SSL_INVALIDCERTSTATUS:
+    case CURLE_FILESIZE_EXCEEDED:
+    case CURLE_SEND_FAIL_REWIND:
+    case CURLE_LOGIN_DENIED:
+        return false;
+    default:
+        return true;
+    }
+}
+
+} // namespace
+
+CKXCurlRequest::CKXCurlRequest(qint64 id, KXHttpRequestSpec spec) : m_id(id), m_spec(std::move(spec)) {}
+
+CKXCurlRequest::~CKXCurlRequest()
+{
+    if (m_easy)
+        curl_easy_cleanup(m_easy);
+    curl_slist_free_all(m_headerList);
+}
+
+bool CKXCurlRequest::prepare(CKXBandwidthLimiter* limiter)
+{
+    m_limiter = limiter;
+    if (m_spec.rejectError != ServerApi::NoLibraryError) {
+        setLocalError(m_spec.rejectError, m_spec.rejectText);
+        return false;
+    }
+    if (!openSource() || !openSink())
+        return false;
+    m_easy = curl_easy_init();
+    if (!m_easy) {
+        setLocalError(CURLE_OUT_OF_MEMORY, QStringLiteral("cannot create a transfer handle"));
+        return false;
+    }
+    for (const QByteArray& line : qAsConst(m_spec.headers))
+        m_headerList = curl_slist_append(m_headerList, line.constData());
+    // The servers we talk to answer at once; waiting for "100 Continue" only adds a round trip.
+    m_headerList = curl_slist_append(m_headerList, "Expect:");
+    setTransportOptions();
+    setMethodOptions();
+    return true;
+}
+
+bool CKXCurlRequest::openSource()
+{
+    if (m_spec.source == KXHttpRequestSpec::Source::Memory)
+        m_sourceSize = m_spec.body.size();
+    if (m_spec.source != KXHttpRequestSpec::Source::File)
+        return true;
+    m_sourceFile.reset(new QFile(m_spec.sourcePath));
+    if (!m_sourceFile->open(QIODevice::ReadOnly)) {
+        setLocalError(
+            ServerApi::ErrorLocalFile,
+            QStringLiteral("cannot open %1: %2").arg(m_spec.sourcePath, m_sourceFile->errorString()));
+        return false;
+    }
+    m_sourceSize = m_sourceFile->size();
+    if (m_spec.sourceSize >= 0 && m_spec.sourceSize != m_sourceSize) {
+        setLocalError(ServerApi::ErrorLocalFile, QStringLiteral("%1 holds %2 bytes, %3 expected")
+                                                     .arg(m_spec.sourcePath)
+                                                     .arg(m_sourceSize)
+                                                     .arg(m_spec.sourceSize));
+        return false;
+    }
+    return true;
+}
+
+bool CKXCurlRequest::openSink()
+{
+    if (m_spec.sink != KXHttpRequestSpec::Sink::File)
+        return true;
+    m_sinkFile.reset(new QFile(m_spec.sinkPath));
+    if (!m_sinkFile->open(QIODevice::WriteOnly | QIODevice::Truncate)) {
+        setLocalError(ServerApi::ErrorLocalFile,
+                      QStringLiteral("cannot write %1: %2").arg(m_spec.sinkPath, m_sinkFile->errorString()));
+        return false;
+    }
+    return true;
+}
+
+void CKXCurlRequest::setTransportOptions()
+{
+    const ServerApi::Config& config = m_spec.config;
+    curl_easy_setopt(m_easy, CURLOPT_URL, m_spec.url.constData());
+    curl_easy_setopt(m_easy, CURLOPT_PRIVATE, this);
+    curl_easy_setopt(m_easy, CURLOPT_ERRORBUFFER, m_errorBuffer);
+    curl_easy_setopt(m_easy, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(m_easy, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
+    curl_easy_setopt(m_easy, CURLOPT_PROTOCOLS_STR, "http,https");
+    curl_easy_setopt(m_easy, CURLOPT_HTTPHEADER, m_headerList);
+    curl_easy_setopt(m_easy, CURLOPT_HEADERFUNCTION, &CKXCurlRequest::onHeader);
+    curl_easy_setopt(m_easy, CURLOPT_HEADERDATA, this);
+    curl_easy_setopt(m_easy, CURLOPT_WRITEFUNCTION, &CKXCurlRequest::onWrite);
+    curl_easy_setopt(m_easy, CURLOPT_WRITEDATA, this);
+    curl_easy_setopt(m_easy, CURLOPT_XFERINFOFUNCTION, &CKXCurlRequest::onXferInfo);
+    curl_easy_setopt(m_easy, CURLOPT_XFERINFODATA, this);
+    curl_easy_setopt(m_easy, CURLOPT_NOPROGRESS, 0L);
+    curl_easy_setopt(m_easy, CURLOPT_TCP_KEEPALIVE, 1L);
+    curl_easy_setopt(m_easy, CURLOPT_BUFFERSIZE, kTransferBuffer);
+    curl_easy_setopt(m_easy, CURLOPT_UPLOAD_BUFFERSIZE, kTransferBuffer);
+    curl_easy_setopt(m_easy, CURLOPT_CONNECTTIMEOUT_MS,
+                     static_cast<long>(std::max(config.connectTimeoutMs, 0)));
+    if (config.lowSpeedTimeSec > 0 && config.lowSpeedBytesPerSec > 0) {
+        curl_easy_setopt(m_easy, CURLOPT_LOW_SPEED_LIMIT, static_cast<long>(config.lowSpeedBytesPerSec));
+        curl_easy_setopt(m_easy, CURLOPT_LOW_SPEED_TIME, static_cast<long>(config.lowSpeedTimeSec));
+    }
+    if (!config.caFile.isEmpty())
+        curl_easy_setopt(m_easy, CURLOPT_CAINFO, QFile::encodeName(config.caFile).constData());
+    curl_easy_setopt(m_easy, CURLOPT_SSL_VERIFYPEER, config.verifyPeer ? 1L : 0L);
+    curl_easy_setopt(m_easy, CURLOPT_SSL_VERIFYHOST, config.verifyPeer ? 2L : 0L);
+    if (m_spec.followRedirects) {
+        curl_easy_setopt(m_easy, CURLOPT_FOLLOWLOCATION, 1L);
+        curl_easy_setopt(m_easy, CURLOPT_MAXREDIRS, 10L);
+        curl_easy_setopt(m_easy, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+    }
+    if (m_spec.sink == KXHttpRequestSpec::Sink::Text)
+        curl_easy_setopt(m_easy, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(kMaxTextBody));
+}
+
+void CKXCurlRequest::setMethodOptions()
+{
+    switch (m_spec.method) {
+    case KXHttpRequestSpec::Method::Get:
+        curl_easy_setopt(m_easy, CURLOPT_HTTPGET, 1L);
+        return;
+    case KXHttpRequestSpec::Method::Post:
+        curl_easy_setopt(m_easy, CURLOPT_POST, 1L);
+        curl_easy_setopt(m_easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(m_sourceSize));
+        break;
+    case KXHttpRequestSpec::Method::Put:
+        curl_easy_setopt(m_easy, CURLOPT_UPLOAD, 1L);
+        curl_easy_setopt(m_easy, CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(m_sourceSize));
+        break;
+    }
+    curl_easy_setopt(m_easy, CURLOPT_READFUNCTION, &CKXCurlRequest::onRead);
+    curl_easy_setopt(m_easy, CURLOPT_READDATA, this);
+    curl_easy_setopt(m_easy, CURLOPT_SEEKFUNCTION, &CKXCurlRequest::onSeek);
+    curl_easy_setopt(m_easy, CURLOPT_SEEKDATA, this);
+}
+
+void CKXCurlRequest::resetForRetry()
+{
+    ++m_attempt;
+    m_status = 0;
+    m_headers.clear();
+    m_body.clear();
+    m_contentLength = -1;
+    m_handedOn = 0;
+    m_uploadNow = 0;
+    m_sourceOffset = 0;
+    m_errorBuffer[0] = '\0';
+    if (m_sourceFile)
+        m_sourceFile->seek(0);
+    if (m_sinkFile) {
+        m_sinkFile->resize(0);
+        m_sinkFile->seek(0);
+    }
+}
+
+int CKXCurlRequest::retryDelayMs(CURLcode result) const
+{
+    if (!m_spec.retryable || m_localError != 0 || m_attempt >= m_spec.config.maxRetries)
+        return -1;
+    // Bytes already handed on cannot be taken back: the caller would see them twice.
+    if (m_handedOn > 0)
+        return -1;
+    const bool again = result == CURLE_OK ? (m_status == 502 || m_status == 503 || m_status == 504)
+                                          : isTransientFailure(result);
+    if (!again)
+        return -1;
+    return std::min(kFirstRetryDelayMs << std::min(m_attempt, 5), kMaxRetryDelayMs);
+}
+
+size_t CKXCurlRequest::onHeader(char* data, size_t size, size_t count, void* self)
+{
+    const size_t length = size * count;
+    static_cast<CKXCurlRequest*>(self)->headerLine(QByteArray(data, static_cast<int>(length)).trimmed());
+    return length;
+}
+
+void CKXCurlRequest::headerLine(const QByteArray& line)
+{
+    if (line.startsWith("HTTP/")) {
+        // A new answer begins (after "100 Continue" or a redirect): only the last one counts.
+        const QList<QByteArray> parts = line.split(' ');
+        m_status = parts.size() > 1 ? parts.at(1).toInt() : 0;
+        m_headers.clear();
+        m_contentLength = -1;
+        return;
+    }
+    const int colon = line.indexOf(':');
+    if (colon <= 0)
+        return;
+    const QByteArray name = line.left(colon).trimmed();
+    const QByteArray value = line.mid(colon + 1).trimmed();
+    auto it = m_headers.find(name);
+    if (it == m_headers.end())
+        m_headers.insert(name, value);
+    else
+        it.value() += '\n' + value;
+    if (name.compare("Content-Length", Qt::CaseInsensitive) == 0) {
+        bool ok = false;
+        const qint64 length = value.toLongLong(&ok);
+        m_contentLength = ok ? length : -1;
+    }
+}
+
+size_t CKXCurlRequest::onWrite(char* data, size_t size, size_t count, void* self)
+{
+    return static_cast<CKXCurlRequest*>(self)->writeBody(data, size * count);
+}
+
+size_t CKXCurlRequest::writeBody(const char* data, size_t length)
+{
+    if (m_limiter && !m_limiter->mayPass(m_easy, CKXBandwidthLimiter::Receive))
+        return CURL_WRITEFUNC_PAUSE;
+    if (m_limiter)
+        m_limiter->charge(CKXBandwidthLimiter::Receive, static_cast<qint64>(length));
+    const int size = static_cast<int>(length);
+    if (m_spec.sink == KXHttpRequestSpec::Sink::Text || !successStatus()) {
+        const bool text = m_spec.sink == KXHttpRequestSpec::Sink::Text;
+        if (m_body.size() + qint64(length) > (text ? kMaxTextBody : kMaxErrorBody))
+            return text ? 0 : length; // an answer too large to be ours fails; an error page is cut
+        m_body.append(data, size);
+        return length;
+    }
+    if (m_spec.sink == KXHttpRequestSpec::Sink::File) {
+        if (m_sinkFile->write(data, size) != size) {
+            setLocalError(
+                ServerApi::ErrorLocalFile,
+                QStringLiteral("cannot write %1: %2").arg(m_spec.sinkPath, m_sinkFile->errorString()));
+            return 0;
+        }
+    } else if (m_spec.onData) {
+        m_spec.onData(QByteArray(data, size));
+    }
+    m_handedOn += size;
+    reportProgress(false);
+    return length;
+}
+
+size_t CKXCurlRequest::onRead(char* buffer, size_t size, size_t count, void* self)
+{
+    return static_cast<CKXCurlRequest*>(self)->readBody(buffer, size * count);
+}
+
+size_t CKXCurlRequest::readBody(char* buffer, size_t length)
+{
+    if (m_limiter && !m_limiter->mayPass(m_easy, CKXBandwidthLimiter::Send))
+        return CURL_READFUNC_PAUSE;
+    const qint64 wanted = std::min<qint64>(static_cast<qint64>(length), m_sourceSize - m_sourceOffset);
+    if (wanted <= 0)
+        return 0;
+    if (m_spec.source == KXHttpRequestSpec::Source::Memory) {
+        std::memcpy(buffer, m_spec.body.constData() + m_sourceOffset, static_cast<size_t>(wanted));
+    } else {
+        const qint64 got = m_sourceFile->read(buffer, wanted);
+        // The announced Content-Length is a promise: a file that shrank or grew since the upload
+        // began must not arrive as a silently different file.
+        const bool last = m_sourceOffset + wanted == m_sourceSize;
+        if (got != wanted || (last && m_sourceFile->size() != m_sourceSize)) {
+            setLocalError(ServerApi::ErrorLocalFile,
+                          QStringLiteral("%1 changed while it was sent").arg(m_spec.sourcePath));
+            return CURL_READFUNC_ABORT;
+        }
+    }
+    m_sourceOffset += wanted;
+    if (m_limiter)
+        m_limiter->charge(CKXBandwidthLimiter::Send, wanted);
+    return static_cast<size_t>(wanted);
+}
+
+int CKXCurlRequest::onSeek(void* self, curl_off_t offset, int origin)
+{
+    CKXCurlRequest* request = static_cast<CKXCurlRequest*>(self);
+    if (origin != SEEK_SET || offset < 0 || offset > request->m_sourceSize)
+        return CURL_SEEKFUNC_CANTSEEK;
+    if (request->m_sourceFile && !request->m_sourceFile->seek(offset))
+        return CURL_SEEKFUNC_FAIL;
+    request->m_sourceOffset = offset;
+    return CURL_SEEKFUNC_OK;
+}
+
+int CKXCurlRequest::onXferInfo(void* self, curl_off_t, curl_off_t, curl_off_t, curl_off_t ulNow)
+{
+    CKXCurlRequest* request = static_cast<CKXCurlRequest*>(self);
+    request->m_uploadNow = ulNow;
+    request->reportProgress(false);
+    return 0;
+}
+
+void CKXCurlRequest::reportProgress(bool final)
+{
+    qint64 bytes = 0;
+    qint64 total = 0;
+    if (m_spec.onUploadProgress) {
+        bytes = final ? m_sourceSize : m_uploadNow;
+        total = m_sourceSize;
+    } else if (m_spec.onDownloadProgress) {
+        bytes = m_handedOn;
+        total = successStatus() && m_contentLength >= 0 ? m_contentLength : (final ? m_handedOn : -1);
+    } else {
+        return;
+    }
+    // A retried attempt starts from zero again; stay quiet until it passes what was reported.
+    if (bytes < m_reportedBytes || (m_reported && bytes == m_reportedBytes && total == m_reportedTotal))
+        return;
+    const Clock::time_point now = Clock::now();
+    if (!final) {
+        if (bytes == 0)
+            return;
+        const bool due = !m_reported || now - m_reportedAt >= kProgressInterval ||
+                         bytes - m_reportedBytes >= kProgressBytes;
+        if (!due)
+            return;
+    }
+    m_reported = true;
+    m_reportedBytes = bytes;
+    m_reportedTotal = total;
+    m_reportedAt = now;
+    if (m_spec.onUploadProgress) {
+        UploadProgressData progress;
+        progress.bytesSent = bytes;
+        progress.bytesTotal = total;
+        m_spec.onUploadProgress(progress);
+    } else {
+        DownloadProgressData progress;
+        progress.bytesReceived = bytes;
+        progress.bytesTotal = total;
+        m_spec.onDownloadProgress(progress);
+    }
+}
+
+void CKXCurlRequest::setLocalError(int code, const QString& text)
+{
+    if (m_localError != 0)
+        return;
+    m_localError = code;
+    m_localErrorText = text;
+}
+
+void CKXCurlRequest::complete(CURLcode result)
+{
+    ResponseData response;
+    response.headers = m_headers;
+    if (m_localError != 0) {
+        response.errorCode = m_localError;
+        response.errorString = m_localErrorText;
+    } else if (result != CURLE_OK) {
+        response.errorCode = result;
+        response.errorString =
+            QString::fromUtf8(m_errorBuffer[0] ? m_errorBuffer : curl_easy_strerror(result));
+    } else {
+        long status = 0;
+        curl_easy_getinfo(m_easy, CURLINFO_RESPONSE_CODE, &status);
+        m_status = static_cast<int>(status);
+        response.statusCode = m_status;
+        response.body = QString::fromUtf8(m_body);
+        if (m_status >= 400)
+            response.errorString = QStringLiteral("HTTP %1").arg(m_status);
+        if (successStatus())
+            reportProgress(true);
+    }
+    deliver(response);
+}
+
+void CKXCurlRequest::fail(int libraryError, const QString& text)
+{
+    m_localError = 0;
+    setLocalError(libraryError, text);
+    ResponseData response;
+    response.errorCode = libraryError;
+    response.errorString = text;
+    deliver(response);
+}
+
+void CKXCurlRequest::deliver(const ResponseData& response)
+{
+    // The caller may open the downloaded file as soon as it hears of the completion.
+    if (m_sinkFile)
+        m_sinkFile->close();
+    if (m_sourceFile)
+        m_sourceFile->close();
+    ServerApi::ResponseCallback onResponse = std::move(m_spec.onResponse);
+    m_spec.onResponse = nullptr;
+    m_spec.onData = nullptr;
+    m_spec.onUploadProgress = nullptr;
+    m_spec.onDownloadProgress = nullptr;
+    if (onResponse)
+        onResponse(response);
+}

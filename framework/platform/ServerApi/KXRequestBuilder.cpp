@@ -1,0 +1,193 @@
+#include "KXRequestBuilder.h"
+
+#include "KXConfigStore.h"
+#include "KXCurlEngine.h"
+
+#include <QJsonDocument>
+#include <QUrl>
+
+namespace {
+
+// A value that would end a header line early must never reach the wire.
+bool safeHeaderValue(const QString& value)
+{
+    return !value.contains(QLatin1Char('\r')) && !value.contains(QLatin1Char('\n')) &&
+           !value.contains(QChar(0));
+}
+
+QString withoutTrailingSlash(QString address)
+{
+    while (address.endsWith(QLatin1Char('/')))
+        address.chop(1);
+    return address;
+}
+
+} // namespace
+
+CKXRequestBuilder::CKXRequestBuilder(const QString& host)
+{
+    m_spec.config = CKXConfigStore::inst().get();
+    const QString base = withoutTrailingSlash((host.isEmpty() ? m_spec.config.baseUrl : host).trimmed());
+    if (base.isEmpty())
+        reject(QStringLiteral("no server address configured"));
+    m_spec.url = base.toUtf8();
+}
+
+CKXRequestBuilder::CKXRequestBuilder(PlainAddress)
+{
+    m_spec.config = CKXConfigStore::inst().get();
+}
+
+CKXRequestBuilder CKXRequestBuilder::fromAddress(const QString& address)
+{
+    CKXRequestBuilder builder{PlainAddress()};
+    builder.m_spec.url = address.trimmed().toUtf8();
+    if (builder.m_spec.url.isEmpty())
+        builder.reject(QStringLiteral("empty address"));
+    return builder;
+}
+
+CKXRequestBuilder& CKXRequestBuilder::path(const QString& path)
+{
+    m_spec.url += path.toUtf8();
+    return *this;
+}
+
+CKXRequestBuilder& CKXRequestBuilder::query(const char* key, const QString& value)
+{
+    m_query += (m_query.isEmpty() ? "?" : "&") + QByteArray(key) + '=' + QUrl::toPercentEncoding(value);
+    return *this;
+}
+
+CKXRequestBuilder& CKXRequestBuilder::header(const QByteArray& name, const QString& value)
+{
+    if (!safeHeaderValue(value))
+        reject(QStringLiteral("line break in the value of %1").arg(QString::fromLatin1(name)));
+    else
+        m_spec.headers << name + ": " + value.toUtf8();
+    return *this;
+}
+
+CKXRequestBuilder& CKXRequestBuilder::accountSession()
+{
+    if (!m_spec.config.sessionId.isEmpty())
+        header("X-ORBALA-SESS-ID", m_spec.config.sessionId);
+    return *this;
+}
+
+CKXRequestBuilder& CKXRequestBuilder::shareSession(const QString& sessionId)
+{
+    if (sessionId.isEmpty())
+        return *this;
+    header("X-Share-Session", sessionId);
+    return header("Cookie", QStringLiteral("S=") + sessionId);
+}
+
+CKXRequestBuilder& CKXRequestBuilder::shareToken(const QString& token)
+{
+    if (!token.isEmpty())
+        header("X-Share-Token", token);
+    return *this;
+}
+
+CKXRequestBuilder& CKXRequestBuilder::range(const QString& range)
+{
+    if (!range.isEmpty())
+        header("Range", range);
+    return *this;
+}
+
+CKXRequestBuilder& CKXRequestBuilder::postJson(const QJsonObject& body)
+{
+    m_spec.method = KXHttpRequestSpec::Method::Post;
+    m_spec.source = KXHttpRequestSpec::Source::Memory;
+    m_spec.body = QJsonDocument(body).toJson(QJsonDocument::Compact);
+    m_spec.headers << "Content-Type: application/json";
+    return *this;
+}
+
+CKXRequestBuilder& CKXRequestBuilder::putData(const QByteArray& data)
+{
+    m_spec.method = KXHttpRequestSpec::Method::Put;
+    m_spec.source = KXHttpRequestSpec::Source::Memory;
+    m_spec.body = data;
+    m_spec.headers << "Content-Type: application/octet-stream";
+    return *this;
+}
+
+CKXRequestBuilder& CKXRequestBuilder::putFile(const QString& localPath, qint64 expectedSize)
+{
+    require(!localPath.isEmpty(), "local file");
+    m_spec.method = KXHttpRequestSpec::Method::Put;
+    m_spec.source = KXHttpRequestSpec::Source::File;
+    m_spec.sourcePath = localPath;
+    // A size of 0 is what an unset model holds: take the file as it is then.
+    m_spec.sourceSize = expectedSize > 0 ? expectedSize : -1;
+    m_spec.headers << "Content-Type: application/octet-stream";
+    return *this;
+}
+
+CKXRequestBuilder& CKXRequestBuilder::require(bool condition, const char* what)
+{
+    if (!condition)
+        reject(QStringLiteral("missing or malformed %1").arg(QString::fromLatin1(what)));
+    return *this;
+}
+
+CKXRequestBuilder& CKXRequestBuilder::retryable()
+{
+    m_spec.retryable = true;
+    return *this;
+}
+
+CKXRequestBuilder& CKXRequestBuilder::followRedirects()
+{
+    m_spec.followRedirects = true;
+    return *this;
+}
+
+void CKXRequestBuilder::reject(const QString& reason)
+{
+    if (m_spec.rejectError != ServerApi::NoLibraryError)
+        return;
+    m_spec.rejectError = ServerApi::ErrorBadArgument;
+    m_spec.rejectText = reason;
+}
+
+qint64 CKXRequestBuilder::receiveText(ServerApi::ResponseCallback onResponse)
+{
+    m_spec.onResponse = std::move(onResponse);
+    return submit();
+}
+
+qint64 CKXRequestBuilder::receiveData(ServerApi::DataCallback onData, ServerApi::ResponseCallback onResponse,
+                                      ServerApi::DownloadProgressCallback onProgress)
+{
+    m_spec.sink = KXHttpRequestSpec::Sink::Data;
+    m_spec.onData = std::move(onData);
+    m_spec.onDownloadProgress = std::move(onProgress);
+    return receiveText(std::move(onResponse));
+}
+
+qint64 CKXRequestBuilder::receiveFile(const QString& localPath, ServerApi::ResponseCallback onResponse,
+                                      ServerApi::DownloadProgressCallback onProgress)
+{
+    require(!localPath.isEmpty(), "local file");
+    m_spec.sink = KXHttpRequestSpec::Sink::File;
+    m_spec.sinkPath = localPath;
+    m_spec.onDownloadProgress = std::move(onProgress);
+    return receiveText(std::move(onResponse));
+}
+
+qint64 CKXRequestBuilder::sendWithProgress(ServerApi::ResponseCallback onResponse,
+                                           ServerApi::UploadProgressCallback onProgress)
+{
+    m_spec.onUploadProgress = std::move(onProgress);
+    return receiveText(std::move(onResponse));
+}
+
+qint64 CKXRequestBuilder::submit()
+{
+    m_spec.url += m_query;
+    return CKXCurlEngine::inst().submit(std::move(m_spec));
+}
