@@ -28,16 +28,18 @@ KXUTIL_EXPORT bool isExist(const QString& path);
 // Returns false when the file cannot be had.
 KXUTIL_EXPORT bool createFile(const QString& path);
 
-// Removes a file. Returns true when no file is left at the path (also when there was none).
+// Removes a file (never a folder). Returns true when no file is left at the path (also when there
+// was none).
 KXUTIL_EXPORT bool removeFile(const QString& path);
 
-// Moves `src` to `dst`, replacing `dst`. On one filesystem this is an atomic rename; across
-// filesystems the data is copied to a temporary file beside `dst`, flushed to disk, renamed into
-// place and only then is `src` removed. `dst` is never seen half-written.
+// Moves the regular file `src` to `dst`, replacing `dst` and creating the folders of `dst`. On one
+// filesystem this is an atomic rename; across filesystems the data is copied to a temporary file
+// beside `dst`, flushed to disk, renamed into place and only then is `src` removed. `dst` is never
+// seen half-written; on failure `src` is untouched and no temporary file is left behind.
 KXUTIL_EXPORT bool moveFile(const QString& src, const QString& dst);
 
 // The temporary path that a download to `path` is written to: beside it, in the same folder, so
-// that the final move is a rename.
+// that the final move is a rename: `path` + ".kxtmp".
 KXUTIL_EXPORT QString tmpFile(const QString& path);
 
 // The file name part of a path (no folders).
@@ -51,10 +53,15 @@ KXUTIL_EXPORT QString SHA256(const QByteArray& data);
 // exist: the nearest existing parent folder is asked. -1 when it cannot be told.
 KXUTIL_EXPORT qint64 GetDiskAvailableBytes(const QString& path);
 
-// Reversible protection of a password stored in the task's JSON text. The output is ASCII
-// (JSON-safe). It hides the text from a casual look at the database file and makes it unequal
-// to the plain text; it is NOT encryption: anyone with this library can undo it.
-// simpleDecrypt(simpleEncrypt(s)) == s for every Unicode text; garbage decrypts to "".
+// Reversible protection of a password stored in the task's JSON text. The output is "kx1." followed
+// by URL-safe base64 (letters, digits, '-', '_'), so it needs no escaping in JSON. The UTF-8 bytes
+// and a 4-byte checksum are XOR'ed with a fixed key that lives in this library.
+// What it does: hides the text from a casual look at the database file or a log, and makes it
+// unequal to the plain text. What it does NOT do: keep a secret from anyone who has this library or
+// studies a few samples; it is not encryption and adds no integrity against deliberate forgery.
+// simpleDecrypt(simpleEncrypt(s)) == s for every valid Unicode text (a lone surrogate does not
+// survive UTF-8). Text not made by simpleEncrypt (empty, truncated, altered) decrypts to ""; the
+// 32-bit checksum lets through about one random text in four billion.
 KXUTIL_EXPORT QString simpleEncrypt(const QString& text);
 KXUTIL_EXPORT QString simpleDecrypt(const QString& text);
 

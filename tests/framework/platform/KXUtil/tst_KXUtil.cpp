@@ -1,0 +1,296 @@
+#include "KXUtil.h"
+
+#include <QCryptographicHash>
+#include <QDir>
+#include <QFile>
+#include <QRandomGenerator>
+#include <QTemporaryDir>
+#include <QtTest>
+
+#include <sys/stat.h>
+
+namespace {
+
+bool writeFile(const QString& path, const QByteArray& content)
+{
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(content) == content.size();
+}
+
+QByteArray readFile(const QString& path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<unreadable>");
+}
+
+QByteArray randomBytes(int size, quint32 seed)
+{
+    QRandomGenerator generator(seed);
+    QByteArray bytes(size, Qt::Uninitialized);
+    for (int i = 0; i < size; ++i) {
+        bytes[i] = static_cast<char>(generator.bounded(256));
+    }
+    return bytes;
+}
+
+dev_t deviceOf(const QString& path)
+{
+    struct stat info;
+    return ::stat(QFile::encodeName(path).constData(), &info) == 0 ? info.st_dev : dev_t(-1);
+}
+
+} // namespace
+
+class TestKXUtil : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void sha256KnownVectors_data();
+    void sha256KnownVectors();
+    void sha256LargeBufferMatchesReference();
+
+    void userPathFollowsXdgDataHome();
+    void existsCreateAndRemove();
+
+    void moveFileAcrossFolders();
+    void moveFileReplacesExistingTarget();
+    void moveFileFailureKeepsBothFiles();
+    void moveFileAcrossFilesystems();
+    void tmpFileLiesBesideItsFile();
+
+    void freeBytesFromNearestParent();
+
+    void protectionRoundTrip_data();
+    void protectionRoundTrip();
+    void protectionRejectsGarbage_data();
+    void protectionRejectsGarbage();
+    void protectionRejectsTamperedText();
+};
+
+void TestKXUtil::sha256KnownVectors_data()
+{
+    QTest::addColumn<QByteArray>("input");
+    QTest::addColumn<QString>("digest");
+    QTest::newRow("empty") << QByteArray()
+                           << "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855";
+    QTest::newRow("abc") << QByteArray("abc")
+                         << "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad";
+    QTest::newRow("448 bits") << QByteArray("abcdbcdecdefdefgefghfghighijhijkijkljklmklmnlmnomnopnopq")
+                              << "248d6a61d20638b8e5c026930c3e6039a33ce45964ff2167f6ecedd419db06c1";
+}
+
+void TestKXUtil::sha256KnownVectors()
+{
+    QFETCH(QByteArray, input);
+    QFETCH(QString, digest);
+    QCOMPARE(KXUtil::SHA256(input), digest);
+}
+
+void TestKXUtil::sha256LargeBufferMatchesReference()
+{
+    const QByteArray block = randomBytes(4 * 1024 * 1024, 20261121);
+    const QString reference =
+        QString::fromLatin1(QCryptographicHash::hash(block, QCryptographicHash::Sha256).toHex());
+    QCOMPARE(KXUtil::SHA256(block), reference);
+}
+
+void TestKXUtil::userPathFollowsXdgDataHome()
+{
+    QTemporaryDir home;
+    QVERIFY(home.isValid());
+    const QByteArray saved = qgetenv("XDG_DATA_HOME");
+    qputenv("XDG_DATA_HOME", QFile::encodeName(home.path()));
+    const QString user = KXUtil::getUserPath(QStringLiteral("Transfer"));
+    const QString data = KXUtil::getDataPath();
+    qputenv("XDG_DATA_HOME", saved);
+
+    QCOMPARE(user, home.path() + "/Transfer/");
+    QCOMPARE(data, home.path() + "/");
+    QVERIFY2(!QFileInfo::exists(user), "the module folder must not be created");
+}
+
+void TestKXUtil::existsCreateAndRemove()
+{
+    QTemporaryDir dir;
+    QVERIFY(dir.isValid());
+    const QString path = dir.filePath(QStringLiteral("新建/子目录/文件.txt"));
+
+    QVERIFY(!KXUtil::isExist(path));
+    QVERIFY(!KXUtil::isExist(path.toStdString()));
+    QVERIFY(KXUtil::createFile(path));
+    QVERIFY(KXUtil::isExist(path));
+    QVERIFY(KXUtil::isExist(path.toStdString()));
+    QCOMPARE(QFileInfo(path).size(), 0);
+
+    // A second create must not empty a file that already holds data.
+    QVERIFY(writeFile(path, "kept"));
+    QVERIFY(KXUtil::createFile(path));
+    QCOMPARE(readFile(path), QByteArray("kept"));
+    QVERIFY(!KXUtil::createFile(QString()));
+
+    QCOMPARE(KXUtil::fileName(path), QStringLiteral("文件.txt"));
+
+    QVERIFY(KXUtil::removeFile(path));
+    QVERIFY(!KXUtil::isExist(path));
+    QVERIFY2(KXUtil::removeFile(path), "removing a missing file leaves no file: success");
+    QVERIFY2(!KXUtil::removeFile(dir.filePath(QStringLiteral("新建"))), "folders are not removed");
+    QVERIFY(QFileInfo(dir.filePath(QStringLiteral("新建"))).isDir());
+}
+
+void TestKXUtil::moveFileAcrossFolders()
+{
+    QTemporaryDir dir;
+    QVERIFY(dir.isValid());
+    const QString src = dir.filePath(QStringLiteral("a/source.bin"));
+    const QString dst = dir.filePath(QStringLiteral("b/c/目标.bin"));
+    const QByteArray content = randomBytes(100000, 1);
+    QVERIFY(QDir().mkpath(dir.filePath(QStringLiteral("a"))));
+    QVERIFY(writeFile(src, content));
+
+    QVERIFY(KXUtil::moveFile(src, dst));
+    QVERIFY(!QFileInfo::exists(src));
+    QCOMPARE(readFile(dst), content);
+}
+
+void TestKXUtil::moveFileReplacesExistingTarget()
+{
+    QTemporaryDir dir;
+    QVERIFY(dir.isValid());
+    const QString src = dir.filePath(QStringLiteral("new.txt"));
+    const QString dst = dir.filePath(QStringLiteral("old.txt"));
+    QVERIFY(writeFile(src, "new content"));
+    QVERIFY(writeFile(dst, "old content that is longer"));
+
+    QVERIFY(KXUtil::moveFile(src, dst));
+    QVERIFY(!QFileInfo::exists(src));
+    QCOMPARE(readFile(dst), QByteArray("new content"));
+}
+
+void TestKXUtil::moveFileFailureKeepsBothFiles()
+{
+    QTemporaryDir dir;
+    QVERIFY(dir.isValid());
+    const QString dst = dir.filePath(QStringLiteral("target.txt"));
+    QVERIFY(writeFile(dst, "precious"));
+
+    QVERIFY(!KXUtil::moveFile(dir.filePath(QStringLiteral("missing.txt")), dst));
+    QCOMPARE(readFile(dst), QByteArray("precious"));
+
+    // A folder in the way of the target: the source stays where it is.
+    const QString src = dir.filePath(QStringLiteral("source.txt"));
+    const QString blocked = dir.filePath(QStringLiteral("folder"));
+    QVERIFY(writeFile(src, "data"));
+    QVERIFY(QDir().mkpath(blocked + "/inside"));
+    QVERIFY(!KXUtil::moveFile(src, blocked));
+    QCOMPARE(readFile(src), QByteArray("data"));
+    QVERIFY(!KXUtil::moveFile(QString(), dst));
+}
+
+void TestKXUtil::moveFileAcrossFilesystems()
+{
+    QTemporaryDir home;
+    QVERIFY(home.isValid());
+    if (!QFileInfo(QStringLiteral("/dev/shm")).isWritable()) {
+        QSKIP("/dev/shm is missing or not writable: no second filesystem to move across");
+    }
+    QTemporaryDir shm(QStringLiteral("/dev/shm/kxutil-test-XXXXXX"));
+    QVERIFY(shm.isValid());
+    if (deviceOf(home.path()) == deviceOf(shm.path())) {
+        QSKIP(
+            "/dev/shm is on the same filesystem as the temporary folder: the copying path cannot be reached");
+    }
+
+    const QString src = shm.filePath(QStringLiteral("source.bin"));
+    const QString dst = home.filePath(QStringLiteral("target.bin"));
+    const QByteArray content = randomBytes(3 * 1024 * 1024 + 17, 2);
+    QVERIFY(writeFile(src, content));
+    QVERIFY(writeFile(dst, "old"));
+    QVERIFY(QFile::setPermissions(src, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner));
+
+    QVERIFY(KXUtil::moveFile(src, dst));
+    QVERIFY(!QFileInfo::exists(src));
+    QCOMPARE(readFile(dst), content);
+    QVERIFY2(QFileInfo(dst).isExecutable(), "permissions travel with the file");
+    QCOMPARE(QDir(home.path()).entryList(QDir::Files | QDir::Hidden), QStringList{"target.bin"});
+}
+
+void TestKXUtil::tmpFileLiesBesideItsFile()
+{
+    QTemporaryDir dir;
+    QVERIFY(dir.isValid());
+    const QString path = dir.filePath(QStringLiteral("下载/movie.mkv"));
+    const QString tmp = KXUtil::tmpFile(path);
+    QVERIFY(tmp != path);
+    QCOMPARE(QFileInfo(tmp).absolutePath(), QFileInfo(path).absolutePath());
+    QVERIFY(KXUtil::fileName(tmp).startsWith(QStringLiteral("movie.mkv")));
+}
+
+void TestKXUtil::freeBytesFromNearestParent()
+{
+    QTemporaryDir dir;
+    QVERIFY(dir.isValid());
+    QVERIFY(KXUtil::GetDiskAvailableBytes(dir.path()) >= 0);
+    QVERIFY(KXUtil::GetDiskAvailableBytes(dir.filePath(QStringLiteral("not-yet-downloaded.bin"))) >= 0);
+    QVERIFY(KXUtil::GetDiskAvailableBytes(dir.filePath(QStringLiteral("no/such/tree/../at/all/f.bin"))) >= 0);
+    QVERIFY(KXUtil::GetDiskAvailableBytes(QStringLiteral("/no-such-root-kx/x/y/z")) >= 0);
+    QCOMPARE(KXUtil::GetDiskAvailableBytes(QString()), qint64(-1));
+}
+
+void TestKXUtil::protectionRoundTrip_data()
+{
+    QTest::addColumn<QString>("plain");
+    QTest::newRow("ascii") << QStringLiteral("p@ssw0rd!");
+    QTest::newRow("chinese") << QStringLiteral("密码是一二三");
+    QTest::newRow("emoji") << QString::fromUtf8("\xF0\x9F\x94\x91 key \xF0\x9F\x98\x80");
+    QTest::newRow("empty") << QString();
+    QTest::newRow("json specials") << QStringLiteral("quote\" back\\slash \n\t\x01 end");
+    QTest::newRow("repeated") << QString(300, QLatin1Char('a'));
+}
+
+void TestKXUtil::protectionRoundTrip()
+{
+    QFETCH(QString, plain);
+    const QString hidden = KXUtil::simpleEncrypt(plain);
+    QVERIFY(!hidden.isEmpty());
+    for (const QChar c : hidden) {
+        QVERIFY2(c.unicode() >= 0x20 && c.unicode() < 0x7f && c != '"' && c != '\\',
+                 qPrintable("not JSON-safe: " + hidden));
+    }
+    if (!plain.isEmpty()) {
+        QVERIFY(!hidden.contains(plain));
+    }
+    QCOMPARE(KXUtil::simpleDecrypt(hidden), plain);
+}
+
+void TestKXUtil::protectionRejectsGarbage_data()
+{
+    QTest::addColumn<QString>("garbage");
+    QTest::newRow("empty") << QString();
+    QTest::newRow("abc") << QStringLiteral("abc");
+    QTest::newRow("random bytes") << QString::fromLatin1(randomBytes(64, 3));
+    QTest::newRow("prefix only") << QStringLiteral("kx1.");
+    QTest::newRow("prefix and noise") << QStringLiteral("kx1.AAAAAAAAAAAA");
+    QTest::newRow("bad base64") << QStringLiteral("kx1.***");
+    QTest::newRow("non-latin1") << QStringLiteral("kx1.密码");
+}
+
+void TestKXUtil::protectionRejectsGarbage()
+{
+    QFETCH(QString, garbage);
+    QCOMPARE(KXUtil::simpleDecrypt(garbage), QString());
+}
+
+void TestKXUtil::protectionRejectsTamperedText()
+{
+    const QString hidden = KXUtil::simpleEncrypt(QStringLiteral("secret text"));
+    QCOMPARE(KXUtil::simpleDecrypt(hidden.left(hidden.size() - 2)), QString());
+    for (int i = 0; i < hidden.size(); ++i) {
+        QString altered = hidden;
+        altered[i] = altered[i] == QLatin1Char('A') ? QLatin1Char('B') : QLatin1Char('A');
+        QVERIFY2(KXUtil::simpleDecrypt(altered).isEmpty(), qPrintable("accepted " + altered));
+    }
+}
+
+QTEST_GUILESS_MAIN(TestKXUtil)
+#include "tst_KXUtil.moc"

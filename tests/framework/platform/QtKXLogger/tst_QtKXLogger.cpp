@@ -1,0 +1,340 @@
+#include "QtKXLogger.h"
+
+#include <QDir>
+#include <QFile>
+#include <QRegularExpression>
+#include <QSet>
+#include <QTemporaryDir>
+#include <QtTest>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+namespace {
+
+struct Line
+{
+    QString level;
+    qint64 tid = 0;
+    QString text;
+};
+
+QByteArray readBytes(const QString& path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+QStringList readLines(const QString& path)
+{
+    QStringList lines = QString::fromUtf8(readBytes(path)).split(QLatin1Char('\n'));
+    if (!lines.isEmpty() && lines.last().isEmpty()) {
+        lines.removeLast();
+    }
+    return lines;
+}
+
+// Parses one line; false when it does not have the logger's exact shape.
+bool parseLine(const QString& raw, Line* line)
+{
+    static const QRegularExpression shape(QStringLiteral(
+        R"(^\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\.\d{3} \[(DEBUG|INFO|ERROR|FATAL)\] \[tid (\d+)\] (.*)$)"));
+    const QRegularExpressionMatch match = shape.match(raw);
+    if (!match.hasMatch()) {
+        return false;
+    }
+    line->level = match.captured(1);
+    line->tid = match.captured(2).toLongLong();
+    line->text = match.captured(3);
+    return true;
+}
+
+QList<Line> parseFile(const QString& path)
+{
+    QList<Line> parsed;
+    for (const QString& raw : readLines(path)) {
+        Line line;
+        if (!parseLine(raw, &line)) {
+            qWarning("malformed line: %s", qPrintable(raw));
+            return {};
+        }
+        parsed.append(line);
+    }
+    return parsed;
+}
+
+void writeAt(int handle, int level, const QString& text)
+{
+    switch (level) {
+    case QtKXLogger::LevelDebug:
+        QtKXLogger::debug(handle, text);
+        break;
+    case QtKXLogger::LevelInformation:
+        QtKXLogger::information(handle, text);
+        break;
+    case QtKXLogger::LevelError:
+        QtKXLogger::error(handle, text);
+        break;
+    default:
+        QtKXLogger::fatal(handle, text);
+    }
+}
+
+const char* const kLevelNames[] = {"DEBUG", "INFO", "ERROR", "FATAL"};
+
+} // namespace
+
+class TestQtKXLogger : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void concurrentWritersNeverInterleave();
+    void destroyWhileWritingIsSafe();
+    void rotationKeepsNewestLines_data();
+    void rotationKeepsNewestLines();
+    void errorLinesReachFileBeforeDestroy();
+    void levelsBelowThresholdAreDropped();
+    void handlesAndInvalidUse();
+    void lineBreaksStayInOneLine();
+
+private:
+    QTemporaryDir m_dir;
+};
+
+void TestQtKXLogger::concurrentWritersNeverInterleave()
+{
+    const QString path = m_dir.filePath(QStringLiteral("deep/er/concurrent.log"));
+    const int handle = QtKXLogger::create(path);
+    QVERIFY(handle > 0);
+    QVERIFY(QtKXLogger::init(handle));
+    QtKXLogger::setRotation(handle, 0, 0);
+
+    const int writers = 8;
+    const int perWriter = 2000;
+    const QString payload = QStringLiteral("传输日志 payload ").repeated(6);
+    std::atomic<bool> go{false};
+    std::vector<std::thread> threads;
+    for (int w = 0; w < writers; ++w) {
+        threads.emplace_back([&, w] {
+            while (!go.load()) {
+                std::this_thread::yield();
+            }
+            for (int i = 0; i < perWriter; ++i) {
+                writeAt(handle, i % 4, QStringLiteral("w%1 n%2 %3").arg(w).arg(i).arg(payload));
+            }
+        });
+    }
+    go = true;
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    QtKXLogger::destroy(handle);
+
+    const QList<Line> lines = parseFile(path);
+    QCOMPARE(lines.size(), writers * perWriter);
+    const QRegularExpression textShape(QStringLiteral("^w(\\d+) n(\\d+) (.*)$"));
+    QVector<int> next(writers, 0);
+    QVector<qint64> tidOf(writers, 0);
+    for (const Line& line : lines) {
+        const QRegularExpressionMatch match = textShape.match(line.text);
+        QVERIFY2(match.hasMatch() && match.captured(3) == payload, qPrintable(line.text));
+        const int w = match.captured(1).toInt();
+        const int n = match.captured(2).toInt();
+        QVERIFY(w >= 0 && w < writers);
+        // Each writer's lines arrive once each and in its own order, so n is exactly the next one.
+        QCOMPARE(n, next[w]);
+        ++next[w];
+        QCOMPARE(line.level, QString::fromLatin1(kLevelNames[n % 4]));
+        if (tidOf[w] == 0) {
+            tidOf[w] = line.tid;
+        }
+        QCOMPARE(line.tid, tidOf[w]);
+    }
+    QCOMPARE(QSet<qint64>(tidOf.begin(), tidOf.end()).size(), writers);
+}
+
+void TestQtKXLogger::destroyWhileWritingIsSafe()
+{
+    const QString path = m_dir.filePath(QStringLiteral("destroyed.log"));
+    const int handle = QtKXLogger::create(path);
+    QVERIFY(QtKXLogger::init(handle));
+    std::atomic<bool> destroyed{false};
+    std::atomic<bool> stop{false};
+    std::atomic<int> writesAfterDestroy{0};
+    std::vector<std::thread> threads;
+    for (int w = 0; w < 4; ++w) {
+        threads.emplace_back([&] {
+            while (!stop.load()) {
+                const bool late = destroyed.load();
+                QtKXLogger::error(handle, QStringLiteral("racing the destroy"));
+                if (late) {
+                    ++writesAfterDestroy;
+                }
+            }
+        });
+    }
+    QTRY_VERIFY_WITH_TIMEOUT(readLines(path).size() > 100, 10000);
+    QtKXLogger::destroy(handle);
+    destroyed = true;
+    const QByteArray atDestroy = readBytes(path);
+    QTRY_VERIFY_WITH_TIMEOUT(writesAfterDestroy.load() > 1000, 10000);
+    stop = true;
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    QCOMPARE(readBytes(path), atDestroy);
+    QVERIFY(!parseFile(path).isEmpty());
+}
+
+void TestQtKXLogger::rotationKeepsNewestLines_data()
+{
+    QTest::addColumn<int>("keepFiles");
+    QTest::newRow("keep none") << 0;
+    QTest::newRow("keep one") << 1;
+    QTest::newRow("keep three") << 3;
+}
+
+void TestQtKXLogger::rotationKeepsNewestLines()
+{
+    QFETCH(int, keepFiles);
+    const qint64 maxBytes = 4096;
+    const int total = 2000;
+    const QString path = m_dir.filePath(QStringLiteral("rotate-%1/app.log").arg(keepFiles));
+    const int handle = QtKXLogger::create(path);
+    QVERIFY(QtKXLogger::init(handle));
+    QtKXLogger::setRotation(handle, maxBytes, keepFiles);
+    for (int i = 0; i < total; ++i) {
+        writeAt(handle, i % 3 == 0 ? QtKXLogger::LevelError : QtKXLogger::LevelInformation,
+                QStringLiteral("line %1").arg(i, 5, 10, QLatin1Char('0')));
+    }
+    QtKXLogger::destroy(handle);
+
+    QStringList files{path};
+    for (int i = 1; i <= keepFiles; ++i) {
+        files.prepend(path + '.' + QString::number(i));
+    }
+    QVERIFY2(!QFileInfo::exists(path + '.' + QString::number(keepFiles + 1)), "one old file too many");
+    QCOMPARE(QDir(QFileInfo(path).path()).entryList(QDir::Files).size(), keepFiles + 1);
+
+    // Oldest to newest, the kept files hold an unbroken run of lines ending with the last one.
+    QList<int> numbers;
+    for (const QString& file : files) {
+        QVERIFY2(QFileInfo(file).size() <= maxBytes, qPrintable(file));
+        for (const Line& line : parseFile(file)) {
+            numbers.append(line.text.mid(5).toInt());
+        }
+    }
+    QVERIFY(numbers.size() > 10);
+    QCOMPARE(numbers.last(), total - 1);
+    QVERIFY(numbers.first() > 0);
+    for (int i = 1; i < numbers.size(); ++i) {
+        QCOMPARE(numbers[i], numbers[i - 1] + 1);
+    }
+}
+
+void TestQtKXLogger::errorLinesReachFileBeforeDestroy()
+{
+    const QString path = m_dir.filePath(QStringLiteral("crash.log"));
+    const int handle = QtKXLogger::create(path);
+    QVERIFY(QtKXLogger::init(handle));
+
+    QtKXLogger::information(handle, QStringLiteral("before the fatal one"));
+    QtKXLogger::fatal(handle, QStringLiteral("致命错误"));
+    QList<Line> lines = parseFile(path);
+    QCOMPARE(lines.size(), 2);
+    QCOMPARE(lines[0].text, QStringLiteral("before the fatal one"));
+    QCOMPARE(lines[1].level, QStringLiteral("FATAL"));
+    QCOMPARE(lines[1].text, QStringLiteral("致命错误"));
+
+    QtKXLogger::error(handle, QStringLiteral("an error"));
+    QCOMPARE(parseFile(path).size(), 3);
+
+    QtKXLogger::debug(handle, QStringLiteral("written at the latest by destroy"));
+    QtKXLogger::destroy(handle);
+    lines = parseFile(path);
+    QCOMPARE(lines.size(), 4);
+    QCOMPARE(lines[3].level, QStringLiteral("DEBUG"));
+}
+
+void TestQtKXLogger::levelsBelowThresholdAreDropped()
+{
+    for (int threshold = QtKXLogger::LevelDebug; threshold <= QtKXLogger::LevelFatal; ++threshold) {
+        const QString path = m_dir.filePath(QStringLiteral("level-%1.log").arg(threshold));
+        const int handle = QtKXLogger::create(path);
+        QVERIFY(QtKXLogger::init(handle));
+        QtKXLogger::setLevel(handle, static_cast<QtKXLogger::Level>(threshold));
+        for (int level = QtKXLogger::LevelDebug; level <= QtKXLogger::LevelFatal; ++level) {
+            writeAt(handle, level, QStringLiteral("at %1").arg(level));
+        }
+        QtKXLogger::destroy(handle);
+
+        QStringList written;
+        for (const Line& line : parseFile(path)) {
+            written.append(line.level);
+        }
+        QStringList expected;
+        for (int level = threshold; level <= QtKXLogger::LevelFatal; ++level) {
+            expected.append(QString::fromLatin1(kLevelNames[level]));
+        }
+        QCOMPARE(written, expected);
+    }
+}
+
+void TestQtKXLogger::handlesAndInvalidUse()
+{
+    const QString path = m_dir.filePath(QStringLiteral("handles/a.log"));
+    const int handle = QtKXLogger::create(path);
+    QVERIFY(handle > 0);
+    QCOMPARE(QtKXLogger::create(path), handle);
+    QCOMPARE(QtKXLogger::create(m_dir.filePath(QStringLiteral("handles/x/../a.log"))), handle);
+    const int other = QtKXLogger::create(m_dir.filePath(QStringLiteral("handles/b.log")));
+    QVERIFY(other > 0 && other != handle);
+    QCOMPARE(QtKXLogger::create(QString()), 0);
+
+    QVERIFY(QtKXLogger::init(handle));
+    QVERIFY(QtKXLogger::init(handle));
+    QtKXLogger::fatal(handle, QStringLiteral("kept"));
+    QtKXLogger::destroy(handle);
+    QtKXLogger::destroy(handle);
+    QtKXLogger::destroy(other);
+
+    for (const int invalid : {0, -1, handle, other, 987654}) {
+        QVERIFY(!QtKXLogger::init(invalid));
+        QtKXLogger::setLevel(invalid, QtKXLogger::LevelDebug);
+        QtKXLogger::setRotation(invalid, 1, 1);
+        QtKXLogger::fatal(invalid, QStringLiteral("must not appear"));
+    }
+    QCOMPARE(readLines(path).size(), 1);
+    QVERIFY(!QFileInfo::exists(m_dir.filePath(QStringLiteral("handles/b.log"))));
+
+    // The same path again after destroy: a fresh handle that appends to the old file.
+    const int again = QtKXLogger::create(path);
+    QVERIFY(again > 0 && again != handle);
+    QVERIFY(QtKXLogger::init(again));
+    QtKXLogger::fatal(again, QStringLiteral("appended"));
+    QtKXLogger::destroy(again);
+    QCOMPARE(readLines(path).size(), 2);
+
+    // A file standing where a folder is needed: init reports it, writes are ignored.
+    const int blocked = QtKXLogger::create(path + QStringLiteral("/inside.log"));
+    QVERIFY(!QtKXLogger::init(blocked));
+    QtKXLogger::fatal(blocked, QStringLiteral("nowhere to go"));
+    QtKXLogger::destroy(blocked);
+}
+
+void TestQtKXLogger::lineBreaksStayInOneLine()
+{
+    const QString path = m_dir.filePath(QStringLiteral("breaks.log"));
+    const int handle = QtKXLogger::create(path);
+    QVERIFY(QtKXLogger::init(handle));
+    QtKXLogger::fatal(handle, QStringLiteral("first\nsecond\r\nthird"));
+    QtKXLogger::destroy(handle);
+    const QList<Line> lines = parseFile(path);
+    QCOMPARE(lines.size(), 1);
+    QCOMPARE(lines[0].text, QStringLiteral("first\\nsecond\\r\\nthird"));
+}
+
+QTEST_GUILESS_MAIN(TestQtKXLogger)
+#include "tst_QtKXLogger.moc"
