@@ -1,0 +1,432 @@
+#include "KXBlockTransfer.h"
+
+#include "KXBlockTask.h"
+#include "KXLoggerWrapper.h"
+#include "KXRequestModels.h"
+#include "KXTFStoreManager.h"
+#include "KXTransferDB.h"
+#include "KXTransferParse.h"
+#include "KXUtil.h"
+#include "ServerApi.h"
+
+#include <QFile>
+
+CKXBlockTransfer::CKXBlockTransfer(CKXBlockMgr* mgr, CKXBlockTask* task) : m_task(task), m_mgr(mgr)
+{
+    setObjectName(QStringLiteral("CKXBlockTransfer task id %1").arg(task->subTaskId()));
+}
+
+void CKXBlockTransfer::cancel()
+{
+    m_cancelled.store(true);
+    CKXTFBaseThread::cancel();
+}
+
+bool CKXBlockTransfer::isCancelled()
+{
+    return m_cancelled.load() || CKXTFBaseThread::isCancelled();
+}
+
+void CKXBlockTransfer::run()
+{
+    if (m_task->state() == BlockTaskStateCompleted) {
+        TLOG_FATAL(QStringLiteral("已完成的块任务 block task id:%1").arg(m_task->taskId()));
+        compelteHandler();
+        return;
+    }
+    if (m_task->idx() < 0) {
+        TLOG_FATAL(QStringLiteral("块任务 index 报错 index:%1 loc:%2 len:%3")
+                       .arg(m_task->idx())
+                       .arg(m_task->loc())
+                       .arg(m_task->length()));
+        errorHandler(BlockIndexError, QStringLiteral("index 错误"), 200);
+        return;
+    }
+    m_task->setState(BlockTaskStateWorking);
+    m_task->setSent(0);
+    if (stopForCancel()) {
+        return;
+    }
+    QString msg;
+    long long code = 0;
+    long long httpCode = 200;
+    if (!verifyTask(msg, code, httpCode)) {
+        errorHandler(ErrorCode(code), msg, 200);
+        return;
+    }
+    const bool viaLink = m_task->info().remoteFile.isDeliveryTrans;
+    if (m_task->isUpload()) {
+        viaLink ? deliveryUploadTask() : uploadTask();
+    } else {
+        viaLink ? deliveryDownloadTask() : downloadTask();
+    }
+}
+
+bool CKXBlockTransfer::verifyTask(QString& msg, long long& code, long long& httpCode)
+{
+    if (m_task->isUpload()) {
+        return true;
+    }
+    return canDownload(msg, code, httpCode);
+}
+
+bool CKXBlockTransfer::canDownload(QString& msg, long long& code, long long&)
+{
+    const QString path = m_task->info().localFile.path;
+    const qint64 available = KXUtil::GetDiskAvailableBytes(path);
+    TLOG_FATAL(QStringLiteral("%1 当前剩余空间大小: %2").arg(path).arg(available));
+    if (available < 0) {
+        return true;
+    }
+    const long long length = m_task->length();
+    TLOG_FATAL(
+        QStringLiteral("%1 当前要下载文件第%2块文件大小: %3").arg(path).arg(m_task->idx()).arg(length));
+    if (available < length) {
+        code = NoSpace;
+        msg = tr("空间不足 请释放空间后再尝试下载");
+        return false;
+    }
+    return true;
+}
+
+void CKXBlockTransfer::uploadTask()
+{
+    const SubTaskInfo record = m_task->info();
+    const QString route = CKXRequestModels::route(record);
+    uploadBlock(
+        [this, record, route](ServerApi::ResponseCallback done) {
+            return ServerApi::QueryHash(CKXRequestModels::queryHash(record, m_task->hash()), done, route);
+        },
+        [this, route](const QString& uploadId, const QByteArray& data, ServerApi::ResponseCallback done,
+                      ServerApi::UploadProgressCallback onProgress) {
+            KXServerApiChunkedUploadModel model;
+            model.uploadId = uploadId;
+            model.hash = m_task->hash();
+            model.length = data.size();
+            model.data = data;
+            return ServerApi::ChunkedUpload(model, done, onProgress, route);
+        });
+}
+
+void CKXBlockTransfer::deliveryUploadTask()
+{
+    const SubTaskInfo record = m_task->info();
+    uploadBlock(
+        [this, record](ServerApi::ResponseCallback done) {
+            return ServerApi::DeliveryQueryHash(CKXRequestModels::deliveryQueryHash(record, m_task->hash()),
+                                                done);
+        },
+        [this, record](const QString& uploadId, const QByteArray& data, ServerApi::ResponseCallback done,
+                       ServerApi::UploadProgressCallback onProgress) {
+            KXServerApiDeliveryChunkedUploadModel model;
+            model.link = CKXRequestModels::deliveryData(record);
+            model.block.uploadId = uploadId;
+            model.block.hash = m_task->hash();
+            model.block.length = data.size();
+            model.block.data = data;
+            return ServerApi::DeliveryChunkedUpload(model, done, onProgress);
+        });
+}
+
+void CKXBlockTransfer::uploadBlock(const QueryCall& query, const SendCall& send)
+{
+    const QString id = m_task->taskId();
+    const int idx = m_task->idx();
+    const long long loc = m_task->loc();
+    const long long length = m_task->length();
+    TLOG_FATAL(
+        QStringLiteral("上传文件块数据 block %1 idx:%2 loc:%3 len:%4").arg(id).arg(idx).arg(loc).arg(length));
+    if (!ensureHash() || stopForCancel()) {
+        return;
+    }
+
+    CKXQueryHashParse queryParser;
+    requestAndWait(query, queryParser);
+    TLOG_FATAL(
+        QStringLiteral("QueryHash 完成 block %1 idx:%2 loc:%4 len:%3").arg(id).arg(idx).arg(length).arg(loc));
+    if (queryParser.hasError()) {
+        failFromParser(queryParser);
+        return;
+    }
+    if (!queryParser.need_upload()) {
+        TLOG_FATAL(
+            QStringLiteral("秒传 block %1 idx:%2 loc:%3 len:%4").arg(id).arg(idx).arg(loc).arg(length));
+        m_task->setQuickTrans(true);
+        const long long delta = qMax(length - m_task->sent(), 0LL);
+        m_task->setSent(length);
+        emit progress(this, m_task, delta, length);
+        compelteHandler();
+        return;
+    }
+    if (stopForCancel()) {
+        return;
+    }
+
+    QByteArray data;
+    QString msg;
+    const int readCode = getBlockData(m_task->info().localFile.path, loc, length, data, msg);
+    if (readCode != 0) {
+        errorHandler(ErrorCode(readCode), msg, 200);
+        return;
+    }
+    CKXChunkedUploadParse sendParser;
+    const QString uploadId = queryParser.upload_id();
+    requestAndWait(
+        [&](ServerApi::ResponseCallback done) {
+            return send(uploadId, data, done, [this](const UploadProgressData& report) {
+                progressHandler(report.bytesSent, report.bytesTotal);
+            });
+        },
+        sendParser);
+    data = QByteArray(); // the block's bytes are not kept a moment longer than the request
+    if (sendParser.hasError()) {
+        failFromParser(sendParser);
+        return;
+    }
+    const QString localHash = m_task->hash();
+    if (sendParser.hash() != localHash) {
+        const QString text = QStringLiteral("[TRANSFER] ChunkedUpload 文件hash 比对不一致");
+        TLOG_FATAL(text);
+        TLOG_FATAL(QStringLiteral("block %1 ChunkedUpload 文件hash 比对不一致 local:%2 ChunkedUpload:%3")
+                       .arg(id, localHash, sendParser.hash()));
+        errorHandler(UploadHashError, text, 200);
+        return;
+    }
+    TLOG_FATAL(QStringLiteral("ChunkedUpload 完成"));
+    compelteHandler();
+}
+
+bool CKXBlockTransfer::ensureHash()
+{
+    if (!m_task->hash().isEmpty()) {
+        return true;
+    }
+    QByteArray data;
+    QString msg;
+    const int readCode =
+        getBlockData(m_task->info().localFile.path, m_task->loc(), m_task->length(), data, msg);
+    if (readCode != 0) {
+        errorHandler(ErrorCode(readCode), msg, 200);
+        return false;
+    }
+    m_task->setHash(KXUtil::SHA256(data));
+    return true;
+}
+
+int CKXBlockTransfer::getBlockData(const QString& path, long long loc, long long length, QByteArray& data,
+                                   QString& errMsg)
+{
+    if (!KXUtil::isExist(path)) {
+        return LocalFileError;
+    }
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly)) {
+        TLOG_FATAL(QStringLiteral("打开文件出错:%1 %3 %3").arg(path).arg(file.errorString()));
+        errMsg = file.errorString();
+        return file.error();
+    }
+    if (!file.seek(loc)) {
+        TLOG_FATAL(
+            QStringLiteral("移动文件seek失败 %1，文件: %2 seek loc %3").arg(m_task->taskId(), path).arg(loc));
+        errMsg = file.errorString();
+        return file.error();
+    }
+    data = file.read(length);
+    if (file.error() != QFileDevice::NoError) {
+        errMsg = file.errorString();
+        return file.error();
+    }
+    file.close();
+    return 0;
+}
+
+void CKXBlockTransfer::downloadTask()
+{
+    const SubTaskInfo record = m_task->info();
+    downloadBlock([record](const QString& range, ServerApi::DataCallback onData,
+                           ServerApi::ResponseCallback done, ServerApi::DownloadProgressCallback onProgress) {
+        return ServerApi::DownloadRouter(CKXRequestModels::downloadRouter(record, range), onData, done,
+                                         onProgress);
+    });
+}
+
+void CKXBlockTransfer::deliveryDownloadTask()
+{
+    const SubTaskInfo record = m_task->info();
+    downloadBlock([record](const QString& range, ServerApi::DataCallback onData,
+                           ServerApi::ResponseCallback done, ServerApi::DownloadProgressCallback onProgress) {
+        return ServerApi::DeliveryDownloadRouter(CKXRequestModels::deliveryDownloadRouter(record, range),
+                                                 onData, done, onProgress);
+    });
+}
+
+void CKXBlockTransfer::downloadBlock(const FetchCall& fetch)
+{
+    const QString id = m_task->taskId();
+    const QString tmp = KXUtil::tmpFile(m_task->info().localFile.path);
+    if (!KXUtil::isExist(tmp) && !KXUtil::createFile(tmp)) {
+        errorHandler(LocalFileError, tr("本地文件不存在"), 200);
+        return;
+    }
+    const long long loc = m_task->loc();
+    const QString range = QStringLiteral("bytes=%1-%2").arg(loc).arg(loc + m_task->length() - 1);
+    TLOG_FATAL(QStringLiteral("文件块开始下载 %1 range:%2").arg(id, range));
+
+    // Every block of the file writes through a handle of its own, only inside its own range.
+    QFile file(tmp);
+    if (!file.open(QIODevice::ReadWrite)) {
+        TLOG_FATAL(QStringLiteral("打开文件出错:%1 %3 %3").arg(tmp).arg(file.errorString()));
+        file.close();
+        errorHandler(ErrorCode(file.error()), file.errorString(), 200);
+        return;
+    }
+    if (!file.seek(loc)) {
+        TLOG_FATAL(QStringLiteral("移动文件seek失败 %1，文件: %2 seek loc %3").arg(id, tmp).arg(loc));
+        errorHandler(ErrorCode(file.error()), file.errorString(), 200);
+        file.close();
+        return;
+    }
+    if (stopForCancel()) {
+        return;
+    }
+
+    const QString name = KXUtil::fileName(tmp);
+    CKXDlRouterParse parser;
+    const auto onData = [&file, name](const QByteArray& chunk) {
+        const qint64 position = file.pos();
+        if (file.write(chunk) != chunk.size()) {
+            TLOG_FATAL(QStringLiteral("本地写入数据失败,file {name %1 seek:%2 len:%3}")
+                           .arg(name)
+                           .arg(position)
+                           .arg(chunk.size()));
+        }
+    };
+    const auto onProgress = [this](const DownloadProgressData& report) {
+        progressHandler(report.bytesReceived, report.bytesTotal);
+    };
+    requestAndWait(
+        [&](ServerApi::ResponseCallback done) {
+            return fetch(
+                range, onData,
+                [done, name](const ResponseData& response) {
+                    TLOG_FATAL(QStringLiteral("下载完成，保存到: %1").arg(name));
+                    done(response);
+                },
+                onProgress);
+        },
+        parser);
+
+    if (file.error() != QFileDevice::NoError) {
+        TLOG_FATAL(QStringLiteral("文件操作出错: %1  error:%2 msg:%3")
+                       .arg(id)
+                       .arg(file.error())
+                       .arg(file.errorString()));
+        errorHandler(ErrorCode(file.error()), file.errorString(), 200);
+    } else if (parser.hasError()) {
+        failFromParser(parser);
+    } else {
+        TLOG_FATAL(QStringLiteral("文件块下载完成 %1").arg(id));
+        compelteHandler();
+    }
+    file.flush();
+    file.close();
+}
+
+void CKXBlockTransfer::requestAndWait(const std::function<qint64(ServerApi::ResponseCallback)>& call,
+                                      KXBaseParse& parser)
+{
+    const Pending pending = newRequest();
+    const qint64 id =
+        call(completion(pending, [&parser](const ResponseData& response) { parser.ParseResp(response); }));
+    m_request.store(id);
+    // A cancel that came while the request was being started could not abort it yet.
+    if (isCancelled()) {
+        ServerApi::Cancel(id);
+    }
+    waitFor(pending);
+    m_request.store(0);
+}
+
+void CKXBlockTransfer::failFromParser(const KXBaseParse& parser)
+{
+    if (stopForCancel()) {
+        return;
+    }
+    errorHandler(ErrorCode(parser.errorCode()), parser.errorMsg().message, parser.statusCode());
+}
+
+bool CKXBlockTransfer::stopForCancel()
+{
+    if (!isCancelled()) {
+        return false;
+    }
+    if (!(m_task->state() & (BlockTaskStateError | BlockTaskStateCompleted))) {
+        m_task->setState(BlockTaskStatePaused);
+    }
+    return true;
+}
+
+void CKXBlockTransfer::progressHandler(long long now, long long total)
+{
+    const long long delta = qMax(now - m_task->sent(), 0LL);
+    m_task->setSent(now);
+    emit progress(this, m_task, delta, total);
+}
+
+void CKXBlockTransfer::compelteHandler()
+{
+    TLOG_FATAL(QStringLiteral("块任务完成 %1 idx %2").arg(m_task->taskId()).arg(m_task->idx()));
+    const long long length = m_task->length();
+    m_task->setState(BlockTaskStateCompleted);
+    m_task->setSent(length);
+    m_task->setTotal(length);
+    m_task->setErrorCode(0);
+    m_task->setErrorMsg(QString());
+    saveDB();
+    reportOnce(0);
+}
+
+void CKXBlockTransfer::errorHandler(ErrorCode code, QString msg, int statusCode)
+{
+    TLOG_FATAL(QStringLiteral("块任务失败 %1 %2").arg(code).arg(msg));
+    if (code == 4 && msg == QLatin1String("No space left on device")) {
+        msg = tr("空间不足 请释放空间后再尝试下载");
+    }
+    m_task->setErrorCode(code);
+    m_task->setStatusCode(statusCode);
+    if (!msg.isEmpty()) {
+        m_task->setErrorMsg(msg);
+    }
+    // Not saved: the stored row keeps the block's last good state for the next attempt.
+    m_task->setState(BlockTaskStateError);
+    reportOnce(code);
+}
+
+void CKXBlockTransfer::cancelTask()
+{
+    cancel();
+    cancelHandler();
+    ServerApi::Cancel(m_request.load());
+}
+
+void CKXBlockTransfer::cancelHandler()
+{
+    TLOG_FATAL(QStringLiteral("主动取消块传输任务 %1 idx %2").arg(m_task->taskId()).arg(m_task->idx()));
+    if (!(m_task->state() & (BlockTaskStateError | BlockTaskStateCompleted))) {
+        m_task->setState(BlockTaskStatePaused);
+    }
+    reportOnce(0);
+}
+
+void CKXBlockTransfer::saveDB()
+{
+    TLOG_FATAL(QStringLiteral("块任务完成入库 %1").arg(m_task->taskId()));
+    CKXTFStoreManager::inst()->db()->AddBlockTask(*m_task);
+}
+
+void CKXBlockTransfer::reportOnce(int errorCode)
+{
+    if (!m_reported.exchange(true)) {
+        emit complete(this, m_task, errorCode);
+    }
+}

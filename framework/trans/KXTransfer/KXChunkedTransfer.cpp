@@ -1,0 +1,367 @@
+#include "KXChunkedTransfer.h"
+
+#include "Block/KXBlockBuilder.h"
+#include "Block/KXBlockHandler.h"
+#include "Block/KXBlockMgr.h"
+#include "Block/KXBlockOpQueue.h"
+#include "Block/KXBlockTask.h"
+#include "Block/KXBlockTransfer.h"
+#include "KXLoggerWrapper.h"
+#include "KXRequestModels.h"
+#include "KXTFStoreManager.h"
+#include "KXTransferDB.h"
+#include "KXTransferParse.h"
+#include "KXTransferTask.h"
+#include "KXUtil.h"
+#include "ServerApi.h"
+
+#include <QFileInfo>
+
+namespace {
+
+const ErrorCode kCreateBlocksError = ErrorCode(65535);
+const TaskSource kSourceReported = TaskSource(2);
+
+} // namespace
+
+CKXChunkedTransfer::CKXChunkedTransfer(const SubTaskInfo& task, TransferErrorCallback errorCallback,
+                                       TransferProgressCallback progressCallback)
+    : CKXTransfer(task, errorCallback, progressCallback)
+{}
+
+CKXChunkedTransfer::~CKXChunkedTransfer()
+{
+    if (CKXBlockOpQueue* queue = m_opQueue.load()) {
+        queue->cancel();
+        queue->end();
+        delete queue; // ends any block thread still registered
+    }
+    delete m_handler;
+    delete m_mgr;
+    qDeleteAll(m_blocks);
+}
+
+void CKXChunkedTransfer::verifyTask()
+{
+    const SubTaskInfo record = m_task->getSubTaskInfo();
+    if (record.isUpload && !localFileIsExist(record.localFile.path)) {
+        TLOG_FATAL(QStringLiteral("本地文件不存在 %1").arg(m_task->getId()));
+        errorHandler(LocalFileError, tr("本地文件不存在"), 200);
+        return;
+    }
+    record.isUpload ? uploadTask() : downloadTask();
+}
+
+bool CKXChunkedTransfer::canUpload(const SubTaskInfo& task, QString& message, long long& code,
+                                   long long& httpCode)
+{
+    if (task.remoteFile.isDeliveryTrans) {
+        return deliveryCanUpload(task, message, code, httpCode);
+    }
+    return CKXTransfer::canUpload(task, message, code, httpCode);
+}
+
+bool CKXChunkedTransfer::deliveryCanUpload(const SubTaskInfo& task, QString& message, long long& code,
+                                           long long& httpCode)
+{
+    if (!task.isUpload) {
+        return true;
+    }
+    CKXDeliveryAuthUploadParse parser;
+    request(
+        [&task](ServerApi::ResponseCallback done) {
+            return ServerApi::DeliveryAuthUpload(CKXRequestModels::deliveryAuthUpload(task), done);
+        },
+        [&parser](const ResponseData& response) { parser.ParseResp(response); });
+    if (parser.hasError()) {
+        const TransferErrorMessage error = parser.errorMsg();
+        TLOG_FATAL(QStringLiteral("auth upload %1 code：%2 msg:%3")
+                       .arg(m_task->getId())
+                       .arg(parser.errorCode())
+                       .arg(error.message));
+        message = error.message;
+        code = parser.errorCode();
+        httpCode = parser.statusCode();
+        return false;
+    }
+    SubTaskInfo record = m_task->getSubTaskInfo();
+    DeliveryInfo& link = record.remoteFile.delivery;
+    link.url = parser.uploadUrl();
+    link.lbc = parser.LBC();
+    if (!parser.deliverySessionId().isEmpty()) {
+        link.sessionId = parser.deliverySessionId();
+    }
+    m_task->setSubTaskInfo(record);
+    return true;
+}
+
+bool CKXChunkedTransfer::begin()
+{
+    const QString id = m_task->getId();
+    m_handler = new CKXBlockHandler(m_task);
+    m_mgr = new CKXBlockMgr;
+    {
+        CKXBlockBuilder builder(m_task);
+        builder.init(m_blocks);
+    }
+    if (m_cancelRequested.load()) {
+        endIfCancelled();
+        return false;
+    }
+    if (m_blocks.isEmpty()) {
+        TLOG_FATAL(QStringLiteral("reate blocks error %1").arg(id));
+        errorHandler(kCreateBlocksError, QStringLiteral("create blocks error"), 200);
+        return false;
+    }
+    m_task->setChunckComplete(true);
+    checkAllTasks();
+    saveDB();
+    if (m_cancelRequested.load()) {
+        endIfCancelled();
+        return false;
+    }
+    if (m_mgr->isExistWaitingTask()) {
+        runBlocks();
+    }
+    if (!m_cancelRequested.load()) {
+        finishBlocks();
+    }
+    endIfCancelled();
+    return true;
+}
+
+void CKXChunkedTransfer::runBlocks()
+{
+    const QString id = m_task->getId();
+    auto* queue = new CKXBlockOpQueue(m_mgr, m_handler, CKXTFStoreManager::inst()->maxConcurrentCount());
+    // Published before the cancel flag is read, so that a concurrent cancelTask() either sees the
+    // queue or is seen here.
+    m_opQueue.store(queue);
+    if (m_cancelRequested.load()) {
+        return;
+    }
+    // A cancel leaves blocks waiting, so the op queue never ends this loop then; the last running
+    // block to be filed does.
+    connect(m_handler, &CKXBlockHandler::completeHandler, m_handler, [this] {
+        if (blockLoopDone()) {
+            exit(0);
+        }
+    });
+    queue->start(QThread::InheritPriority);
+    TLOG_INFO(QStringLiteral("处理分块任务开始 %1").arg(id));
+    // Any exit() ends exec(); only the state of the queues says whether the blocks are through.
+    while (!blockLoopDone()) {
+        exec();
+    }
+    TLOG_FATAL(QStringLiteral("处理分块任务结束 %1").arg(id));
+    queue->cancel();
+    queue->end();
+}
+
+bool CKXChunkedTransfer::blockLoopDone() const
+{
+    if (!m_mgr->isEmpty(CKXBlockMgr::Running)) {
+        return false;
+    }
+    return m_cancelRequested.load() || m_mgr->isEmpty(CKXBlockMgr::Waiting);
+}
+
+void CKXChunkedTransfer::finishBlocks()
+{
+    if (m_mgr->isEmpty(CKXBlockMgr::Waiting) && m_mgr->isEmpty(CKXBlockMgr::Running)) {
+        TLOG_FATAL(QStringLiteral("分块任务全部传输完成 %1").arg(m_task->getId()));
+    }
+    if (!m_mgr->isEmpty(CKXBlockMgr::Error)) {
+        handleErrorTask();
+    } else if (m_mgr->count(CKXBlockMgr::Complete) == m_blocks.size()) {
+        allBlocksComplete();
+    }
+}
+
+void CKXChunkedTransfer::endIfCancelled()
+{
+    if (!m_cancelRequested.load()) {
+        return;
+    }
+    if (!(m_task->getTaskState() & (StateError | StateCompleted | StatePaused))) {
+        cancelHandler();
+    }
+}
+
+void CKXChunkedTransfer::checkAllTasks()
+{
+    // Blocks about to move take the task as it is now: a resumed task's stored blocks carry the
+    // record of their first run, without this run's upload host or share session.
+    const SubTaskInfo record = m_task->getSubTaskInfo();
+    long long done = 0;
+    for (CKXBlockTask* block : qAsConst(m_blocks)) {
+        if (block->state() == BlockTaskStateCompleted) {
+            done += block->total();
+            m_mgr->addCompleteQueueWithMutex(block);
+        } else {
+            block->setSubTaskInfo(record);
+            m_mgr->addWaitingQueueWithMutex(block);
+        }
+    }
+    m_task->setCompleteBytes(done);
+    m_task->setSendBytes(done);
+    progressHandler(done, m_task->getSize());
+}
+
+void CKXChunkedTransfer::handleErrorTask()
+{
+    TLOG_FATAL(QStringLiteral("处理出错的块任务队列，整合错误信息"));
+    int code = 0;
+    int status = 0;
+    QString message;
+    for (CKXBlockTask* block : m_mgr->tasks(CKXBlockMgr::Error)) {
+        if (block->errorCode() != 0) {
+            code = block->errorCode();
+        }
+        if (block->statusCode() != 200) {
+            status = block->statusCode();
+        }
+        const QString blockMessage = block->errorMsg();
+        if (!blockMessage.isEmpty()) {
+            message = blockMessage;
+        }
+    }
+    TLOG_FATAL(
+        QStringLiteral("分块任务出错信息 error %1 msg %2 status %3").arg(code).arg(message).arg(status));
+    errorHandler(ErrorCode(code), message, status);
+}
+
+void CKXChunkedTransfer::allBlocksComplete()
+{
+    const SubTaskInfo record = m_task->getSubTaskInfo();
+    if (!record.remoteFile.isDeliveryTrans) {
+        record.isUpload ? uploadTaskComplete() : downloadTaskComplete();
+    } else {
+        record.isUpload ? deliveryUploadTaskComplete() : downloadTaskComplete();
+    }
+}
+
+namespace {
+
+// The file's block hashes in file order, and whether the server held every block already.
+QStringList blockHashes(const QList<CKXBlockTask*>& blocks, bool& allQuick)
+{
+    QStringList hashes;
+    allQuick = true;
+    for (CKXBlockTask* block : blocks) {
+        hashes << block->hash();
+        allQuick = allQuick && block->isQuickTrans();
+    }
+    return hashes;
+}
+
+} // namespace
+
+void CKXChunkedTransfer::uploadTaskComplete()
+{
+    bool quick = true;
+    const QStringList hashes = blockHashes(m_blocks, quick);
+    m_task->setQuickTrans(quick);
+    const SubTaskInfo record = m_task->getSubTaskInfo();
+    if (record.taskSource == kSourceReported) {
+        serverLogging(QStringLiteral("15"), record);
+    }
+    CKXCommitHashParse parser;
+    request(
+        [&record, &hashes](ServerApi::ResponseCallback done) {
+            return ServerApi::CommitHash(CKXRequestModels::commitHash(record, hashes), done,
+                                         CKXRequestModels::route(record));
+        },
+        [&parser](const ResponseData& response) { parser.ParseResp(response); });
+    commitAnswered(parser);
+}
+
+void CKXChunkedTransfer::deliveryUploadTaskComplete()
+{
+    bool quick = true;
+    const QStringList hashes = blockHashes(m_blocks, quick);
+    m_task->setQuickTrans(quick);
+    const SubTaskInfo record = m_task->getSubTaskInfo();
+    CKXCommitHashParse parser;
+    request(
+        [&record, &hashes](ServerApi::ResponseCallback done) {
+            return ServerApi::DeliveryCommitHash(CKXRequestModels::deliveryCommitHash(record, hashes), done);
+        },
+        [&parser](const ResponseData& response) { parser.ParseResp(response); });
+    commitAnswered(parser);
+}
+
+void CKXChunkedTransfer::commitAnswered(const CKXCommitHashParse& parser)
+{
+    const QString id = m_task->getId();
+    if (parser.hasError()) {
+        errorHandler(ErrorCode(parser.errorCode()), parser.errorMsg().message, parser.statusCode());
+        return;
+    }
+    if (parser.need_upload()) {
+        TLOG_FATAL(QStringLiteral("分块任务commit失败 %1").arg(id));
+        if (!parser.blockHashes().isEmpty()) {
+            errorHandler(UploadHashError, tr("上传文件hash出错，需要重传"), 200);
+        }
+        // Asked for blocks without naming any: the task is left as it is, neither done nor failed.
+        return;
+    }
+    m_task->setNewMetadata(parser.meta());
+    const QString path = parser.path();
+    if (!path.isEmpty() && path != m_task->getRemoteFileInfo().path) {
+        m_task->setNewVaultPath(path);
+    }
+    CKXTFStoreManager::inst()->db()->DelBlockTasks(id);
+    TLOG_FATAL(QStringLiteral("分块任务commit完成 %1").arg(id));
+    compelteHandler();
+}
+
+void CKXChunkedTransfer::downloadTaskComplete()
+{
+    ErrorCode code = NoError;
+    QString message;
+    if (!renameTmpFile(code, message)) {
+        errorHandler(code, message, 200);
+        return;
+    }
+    CKXTFStoreManager::inst()->db()->DelBlockTasks(m_task->getId());
+    const SubTaskInfo record = m_task->getSubTaskInfo();
+    request(
+        [&record](ServerApi::ResponseCallback done) {
+            const RemoteFileInfo& remote = record.remoteFile;
+            return ServerApi::RPCServerLogging(QStringLiteral("15"), QFileInfo(remote.path).path(),
+                                               KXUtil::fileName(record.localFile.path), remote.pathType,
+                                               remote.neid, QStringLiteral("2"), QStringLiteral("13"), done);
+        },
+        [](const ResponseData&) {});
+    compelteHandler();
+}
+
+void CKXChunkedTransfer::cancelTask()
+{
+    TLOG_FATAL(QStringLiteral("取消分块传输任务 %1").arg(m_task->getId()));
+    m_cancelRequested.store(true);
+    cancel();
+    if (CKXBlockOpQueue* queue = m_opQueue.load()) {
+        // The dispatcher stops first, so that every block it started is registered and no new one
+        // starts behind the cancel.
+        queue->cancel();
+        queue->end();
+        queue->cancelTask();
+    }
+    exit(0);
+    if (QThread::currentThread() != this) {
+        wait();
+    }
+}
+
+void CKXChunkedTransfer::del()
+{
+    // The base cancels first and waits, so no block can store its row again behind the delete.
+    CKXTransfer::del();
+    CKXTFStoreManager::inst()->db()->DelBlockTasks(m_task->getId());
+    const SubTaskInfo record = m_task->getSubTaskInfo();
+    if (!record.isUpload) {
+        KXUtil::removeFile(KXUtil::tmpFile(record.localFile.path));
+    }
+}

@@ -1,0 +1,65 @@
+#pragma once
+
+// Moves one large file in blocks of 4 MiB: has the file cut into blocks (or reloads them on a
+// resumed task), lets the op queue run several block threads at once, waits in this thread's event
+// loop until every block is done or has failed, and then finishes the file as a whole: an upload
+// is committed from its block hashes, a download is renamed from its temporary file into place.
+// Plain and share-link tasks go the same way.
+//
+// Created by the transfer factory, run and deleted like every transfer. For the length of a run it
+// owns, and deletes with itself, the block list, the block manager, the block handler and the op
+// queue; these are made on the transfer's thread. cancelTask() comes from a client thread: it stops
+// the op queue and the running blocks, which are filed as paused, ends the run with cancelHandler()
+// and waits for the thread, so that a following del() finds nothing still writing.
+
+#include "KXTransfer.h"
+
+#include <QList>
+
+#include <atomic>
+
+class CKXBlockHandler;
+class CKXBlockMgr;
+class CKXBlockOpQueue;
+class CKXBlockTask;
+class CKXCommitHashParse;
+
+class CKXChunkedTransfer : public CKXTransfer
+{
+    Q_OBJECT
+public:
+    CKXChunkedTransfer(const SubTaskInfo& task, TransferErrorCallback errorCallback,
+                       TransferProgressCallback progressCallback);
+    ~CKXChunkedTransfer() override;
+
+    void verifyTask() override;
+    bool begin() override;
+    void cancelTask() override;
+    // Drops the task's stored blocks too.
+    void del() override;
+    // Uploads into a share link are authorised by the link, not by the account.
+    bool canUpload(const SubTaskInfo& task, QString& message, long long& code, long long& httpCode) override;
+    bool deliveryCanUpload(const SubTaskInfo& task, QString& message, long long& code, long long& httpCode);
+
+    void checkAllTasks();
+    void handleErrorTask();
+    void allBlocksComplete();
+    void uploadTaskComplete();
+    void deliveryUploadTaskComplete();
+    void downloadTaskComplete();
+
+private:
+    void runBlocks();
+    // The loop ends when the engine has nothing left, or when a cancel has no block running any more.
+    bool blockLoopDone() const;
+    void finishBlocks();
+    // The common end of both commits: the answer's verdict on the file.
+    void commitAnswered(const CKXCommitHashParse& parser);
+    void endIfCancelled();
+
+    QList<CKXBlockTask*> m_blocks;
+    CKXBlockMgr* m_mgr = nullptr;
+    CKXBlockHandler* m_handler = nullptr;
+    std::atomic<CKXBlockOpQueue*> m_opQueue{nullptr};
+    std::atomic<bool> m_cancelRequested{false};
+};

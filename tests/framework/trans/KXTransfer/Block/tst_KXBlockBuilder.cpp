@@ -1,0 +1,195 @@
+// Cutting a file into blocks, and the first start storing them so that a later start loads the
+// same blocks (with their progress) instead of cutting the file again.
+
+#include "KXBlockBuilder.h"
+#include "KXBlockTask.h"
+#include "KXTFStoreManager.h"
+#include "KXTransferDB.h"
+#include "KXTransferTask.h"
+
+#include <QSet>
+#include <QTemporaryDir>
+#include <QtTest>
+
+#include <memory>
+
+namespace {
+
+const long long kBlock = 4194304;
+
+SubTaskInfo uploadOf(long long localSize)
+{
+    SubTaskInfo info;
+    info.subTaskId = QStringLiteral("sub-upload");
+    info.isUpload = true;
+    info.localFile.size = localSize;
+    info.localFile.path = QStringLiteral("/data/big.bin");
+    info.remoteFile.size = 7; // must not be what an upload is cut by
+    info.size = localSize;
+    return info;
+}
+
+// Owns the blocks a builder hands out.
+struct Blocks
+{
+    QList<CKXBlockTask*> list;
+    ~Blocks() { qDeleteAll(list); }
+};
+
+} // namespace
+
+class TestKXBlockBuilder : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+
+    void blockCount_data();
+    void blockCount();
+    void blocksCoverTheFileInOrder_data();
+    void blocksCoverTheFileInOrder();
+    void uploadCutsLocalSizeDownloadRemoteSize();
+    void negativeSizeMakesNoBlock();
+    void firstStartStoresLaterStartLoads();
+
+private:
+    QTemporaryDir m_home;
+};
+
+void TestKXBlockBuilder::initTestCase()
+{
+    QVERIFY(m_home.isValid());
+    qputenv("XDG_DATA_HOME", m_home.path().toUtf8());
+    qputenv("HOME", m_home.path().toUtf8());
+    CKXTFStoreManager::inst()->setDBPath(m_home.path());
+}
+
+void TestKXBlockBuilder::blockCount_data()
+{
+    QTest::addColumn<long long>("size");
+    QTest::addColumn<long long>("count");
+    QTest::newRow("empty file") << 0LL << 1LL;
+    QTest::newRow("one byte") << 1LL << 1LL;
+    QTest::newRow("one short of a block") << kBlock - 1 << 1LL;
+    QTest::newRow("exactly one block") << kBlock << 1LL;
+    QTest::newRow("one byte over") << kBlock + 1 << 2LL;
+    QTest::newRow("exactly two blocks") << 2 * kBlock << 2LL;
+    QTest::newRow("10 MiB") << 10LL * 1024 * 1024 << 3LL;
+    QTest::newRow("100 GiB") << 100LL * 1024 * 1024 * 1024 << 25600LL;
+}
+
+void TestKXBlockBuilder::blockCount()
+{
+    QFETCH(long long, size);
+    QFETCH(long long, count);
+    QCOMPARE(CKXBlockBuilder::blockCount(size), count);
+}
+
+void TestKXBlockBuilder::blocksCoverTheFileInOrder_data()
+{
+    QTest::addColumn<long long>("size");
+    QTest::addColumn<QList<long long>>("lengths");
+    QTest::newRow("empty file") << 0LL << QList<long long>{0};
+    QTest::newRow("one short of a block") << kBlock - 1 << QList<long long>{kBlock - 1};
+    QTest::newRow("exactly one block") << kBlock << QList<long long>{kBlock};
+    QTest::newRow("second block of one byte") << kBlock + 1 << QList<long long>{kBlock, 1};
+    QTest::newRow("exactly two blocks") << 2 * kBlock << QList<long long>{kBlock, kBlock};
+    QTest::newRow("10 MiB") << 10LL * 1024 * 1024 << QList<long long>{kBlock, kBlock, 2 * 1024 * 1024};
+}
+
+void TestKXBlockBuilder::blocksCoverTheFileInOrder()
+{
+    QFETCH(long long, size);
+    QFETCH(QList<long long>, lengths);
+    CKXTransferTask task(uploadOf(size));
+    Blocks blocks;
+    QVERIFY(CKXBlockBuilder(&task).createBlocks(blocks.list));
+    QCOMPARE(blocks.list.size(), lengths.size());
+    QSet<QString> ids;
+    long long loc = 0;
+    for (int i = 0; i < blocks.list.size(); ++i) {
+        const BlockTaskInfo block = blocks.list[i]->getBlockTaskInfo();
+        QCOMPARE(block.idx, i);
+        QCOMPARE(block.loc, loc);
+        QCOMPARE(block.length, lengths[i]);
+        QCOMPARE(block.total, lengths[i]);
+        QCOMPARE(block.sent, 0LL);
+        QCOMPARE(block.subTaskId, QStringLiteral("sub-upload"));
+        QCOMPARE(block.subTaskInfo.localFile.path, QStringLiteral("/data/big.bin"));
+        QVERIFY(block.isUpload);
+        QCOMPARE(block.state, BlockTaskStateNone);
+        QVERIFY(block.hash.isEmpty());
+        QVERIFY(block.taskId.startsWith(QLatin1Char('{')) && block.taskId.endsWith(QLatin1Char('}')));
+        ids.insert(block.taskId);
+        loc += block.length;
+    }
+    QCOMPARE(loc, size);
+    QCOMPARE(ids.size(), blocks.list.size());
+}
+
+void TestKXBlockBuilder::uploadCutsLocalSizeDownloadRemoteSize()
+{
+    SubTaskInfo info = uploadOf(kBlock + 1);
+    CKXTransferTask upload(info);
+    Blocks up;
+    CKXBlockBuilder(&upload).createBlocks(up.list);
+    QCOMPARE(up.list.size(), 2);
+
+    info.isUpload = false;
+    info.remoteFile.size = 3 * kBlock;
+    info.localFile.size = 0;
+    CKXTransferTask download(info);
+    Blocks down;
+    CKXBlockBuilder(&download).createBlocks(down.list);
+    QCOMPARE(down.list.size(), 3);
+    QVERIFY(!down.list.first()->isUpload());
+    QCOMPARE(down.list.last()->loc(), 2 * kBlock);
+}
+
+void TestKXBlockBuilder::negativeSizeMakesNoBlock()
+{
+    CKXTransferTask task(uploadOf(-1));
+    Blocks blocks;
+    CKXBlockBuilder(&task).createBlocks(blocks.list);
+    QVERIFY(blocks.list.isEmpty());
+}
+
+void TestKXBlockBuilder::firstStartStoresLaterStartLoads()
+{
+    SubTaskInfo info = uploadOf(2 * kBlock + 5);
+    info.subTaskId = QStringLiteral("sub-resume");
+    CKXTransferTask task(info);
+    CKXBlockBuilder builder(&task);
+    QVERIFY(!builder.isExistBlocks());
+
+    Blocks first;
+    builder.init(first.list);
+    QCOMPARE(first.list.size(), 3);
+    // The middle block finishes; its row is stored again, as a block thread does.
+    first.list[1]->setState(BlockTaskStateCompleted);
+    first.list[1]->setHash(QStringLiteral("ab12"));
+    first.list[1]->setQuickTrans(true);
+    QVERIFY(CKXTFStoreManager::inst()->db()->AddBlockTask(*first.list[1]));
+
+    // The builder leaves the flag to its caller; once set, the next start loads.
+    task.setChunckComplete(true);
+    QVERIFY(builder.isExistBlocks());
+    Blocks second;
+    builder.init(second.list);
+    QCOMPARE(second.list.size(), 3);
+    for (int i = 0; i < 3; ++i) {
+        QCOMPARE(second.list[i]->taskId(), first.list[i]->taskId());
+        QCOMPARE(second.list[i]->idx(), i);
+        QCOMPARE(second.list[i]->loc(), first.list[i]->loc());
+        QCOMPARE(second.list[i]->length(), first.list[i]->length());
+        QCOMPARE(second.list[i]->info().subTaskId, QStringLiteral("sub-resume"));
+    }
+    QCOMPARE(second.list[1]->state(), BlockTaskStateCompleted);
+    QCOMPARE(second.list[1]->hash(), QStringLiteral("ab12"));
+    QVERIFY(second.list[1]->isQuickTrans());
+    QCOMPARE(second.list[0]->state(), BlockTaskStateNone);
+}
+
+QTEST_GUILESS_MAIN(TestKXBlockBuilder)
+#include "tst_KXBlockBuilder.moc"

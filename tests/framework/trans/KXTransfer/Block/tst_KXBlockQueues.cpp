@@ -1,0 +1,273 @@
+// The block queues: list and index kept apart on purpose, the moves between stages, and moves from
+// several threads at once (the fixed lock order must not deadlock or lose a block).
+
+#include "KXBlockMgr.h"
+#include "KXBlockTask.h"
+#include "KXBlockTaskQueue.h"
+
+#include <QThread>
+#include <QtTest>
+
+#include <atomic>
+#include <memory>
+#include <vector>
+
+namespace {
+
+std::vector<std::unique_ptr<CKXBlockTask>> makeBlocks(int count)
+{
+    std::vector<std::unique_ptr<CKXBlockTask>> blocks;
+    for (int i = 0; i < count; ++i) {
+        auto block = std::make_unique<CKXBlockTask>();
+        block->setTaskId(QStringLiteral("block-%1").arg(i));
+        block->setIdx(i);
+        blocks.push_back(std::move(block));
+    }
+    return blocks;
+}
+
+QList<CKXBlockTask*> pointers(const std::vector<std::unique_ptr<CKXBlockTask>>& blocks)
+{
+    QList<CKXBlockTask*> list;
+    for (const auto& block : blocks) {
+        list << block.get();
+    }
+    return list;
+}
+
+// Where a block is, as the number of times each stage lists it.
+QVector<int> placesOf(const CKXBlockMgr& mgr, CKXBlockTask* block)
+{
+    QVector<int> places;
+    for (int stage = CKXBlockMgr::Waiting; stage < CKXBlockMgr::StageCount; ++stage) {
+        places << mgr.tasks(CKXBlockMgr::Stage(stage)).count(block);
+    }
+    return places;
+}
+
+} // namespace
+
+class TestKXBlockQueues : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void getTaskTakesAPrefixOrEverything_data();
+    void getTaskTakesAPrefixOrEverything();
+    void duplicateIsListedTwiceIndexedOnce();
+    void sameTaskIsFoundById();
+    void clearDropsPointersOnly();
+
+    void movesLeaveTheBlockInTheTargetOnly();
+    void moveOfAbsentBlockStillAdds();
+    void errorsGoBackToWaitingInOrder();
+    void firstTaskOfEmptyStageIsNull();
+    void runningHintFollowsTheRunningQueue();
+    void concurrentMovesLoseNothing();
+};
+
+void TestKXBlockQueues::getTaskTakesAPrefixOrEverything_data()
+{
+    QTest::addColumn<int>("queued");
+    QTest::addColumn<int>("n");
+    QTest::addColumn<int>("expected");
+    QTest::newRow("first of three") << 3 << 1 << 1;
+    QTest::newRow("exactly all") << 3 << 3 << 3;
+    QTest::newRow("three of two gives both") << 2 << 3 << 2;
+    QTest::newRow("zero gives all") << 4 << 0 << 4;
+    QTest::newRow("minus one gives all") << 4 << -1 << 4;
+    QTest::newRow("empty queue") << 0 << 2 << 0;
+}
+
+void TestKXBlockQueues::getTaskTakesAPrefixOrEverything()
+{
+    QFETCH(int, queued);
+    QFETCH(int, n);
+    QFETCH(int, expected);
+    const auto blocks = makeBlocks(queued);
+    CKXBlockTaskQueue queue;
+    QVERIFY(queue.addTasks(pointers(blocks)));
+    const QList<CKXBlockTask*> taken = queue.getTask(n);
+    QCOMPARE(taken, pointers(blocks).mid(0, expected));
+    QCOMPARE(queue.getCount(), queued); // a copy: the queue keeps its blocks
+}
+
+void TestKXBlockQueues::duplicateIsListedTwiceIndexedOnce()
+{
+    const auto blocks = makeBlocks(2);
+    CKXBlockTaskQueue queue;
+    queue.addTask(blocks[0].get());
+    queue.addTask(blocks[1].get());
+    queue.addTask(blocks[0].get());
+    QCOMPARE(queue.getCount(), 3);
+    QCOMPARE(queue.getTask(QStringLiteral("block-0")), blocks[0].get());
+
+    queue.removeTask(blocks[0].get());
+    QCOMPARE(queue.getCount(), 2);
+    QCOMPARE(queue.getTask(-1), (QList<CKXBlockTask*>{blocks[1].get(), blocks[0].get()}));
+    QVERIFY(!queue.isExistTask(QStringLiteral("block-0")));
+    QCOMPARE(queue.getTask(QStringLiteral("block-0")), nullptr);
+    QVERIFY(queue.isExistTask(QStringLiteral("block-1")));
+    QCOMPARE(queue.getOneTask(), blocks[1].get());
+}
+
+void TestKXBlockQueues::sameTaskIsFoundById()
+{
+    const auto blocks = makeBlocks(3);
+    CKXBlockTaskQueue queue;
+    queue.addTasks({blocks[0].get(), blocks[1].get()});
+    CKXBlockTask twin;
+    twin.setTaskId(QStringLiteral("block-1"));
+    QCOMPARE(queue.getSameTask(&twin), QStringLiteral("block-1"));
+    QCOMPARE(queue.getSameTask(blocks[2].get()), QString());
+}
+
+void TestKXBlockQueues::clearDropsPointersOnly()
+{
+    const auto blocks = makeBlocks(2);
+    CKXBlockTaskQueue queue;
+    queue.addTasks(pointers(blocks));
+    queue.clear();
+    QVERIFY(queue.IsEmpty());
+    QVERIFY(!queue.isExistTask(QStringLiteral("block-0")));
+    QCOMPARE(blocks[1]->taskId(), QStringLiteral("block-1")); // still alive and intact
+}
+
+void TestKXBlockQueues::movesLeaveTheBlockInTheTargetOnly()
+{
+    const auto blocks = makeBlocks(4);
+    CKXBlockMgr mgr;
+    for (CKXBlockTask* block : pointers(blocks)) {
+        mgr.addWaitingQueueWithMutex(block);
+    }
+    QVERIFY(mgr.isExistWaitingTask());
+    for (CKXBlockTask* block : pointers(blocks)) {
+        QVERIFY(mgr.moveWaitingToRunning(block));
+        QCOMPARE(placesOf(mgr, block), (QVector<int>{0, 1, 0, 0, 0}));
+    }
+    QVERIFY(!mgr.isExistWaitingTask());
+    QVERIFY(mgr.moveRunningToComplete(blocks[0].get()));
+    QVERIFY(mgr.moveRunningToError(blocks[1].get()));
+    QVERIFY(mgr.moveRunningToPause(blocks[2].get()));
+    QCOMPARE(placesOf(mgr, blocks[0].get()), (QVector<int>{0, 0, 1, 0, 0}));
+    QCOMPARE(placesOf(mgr, blocks[1].get()), (QVector<int>{0, 0, 0, 1, 0}));
+    QCOMPARE(placesOf(mgr, blocks[2].get()), (QVector<int>{0, 0, 0, 0, 1}));
+    QCOMPARE(mgr.count(CKXBlockMgr::Running), 1);
+    QCOMPARE(mgr.firstTask(CKXBlockMgr::Running), blocks[3].get());
+}
+
+void TestKXBlockQueues::moveOfAbsentBlockStillAdds()
+{
+    const auto blocks = makeBlocks(1);
+    CKXBlockMgr mgr;
+    QVERIFY(mgr.moveWaitingToPause(blocks[0].get()));
+    QCOMPARE(placesOf(mgr, blocks[0].get()), (QVector<int>{0, 0, 0, 0, 1}));
+    // Filing the same block twice lists it twice: callers file a block once.
+    QVERIFY(mgr.moveRunningToComplete(blocks[0].get()));
+    QVERIFY(mgr.moveRunningToComplete(blocks[0].get()));
+    QCOMPARE(mgr.count(CKXBlockMgr::Complete), 2);
+}
+
+void TestKXBlockQueues::errorsGoBackToWaitingInOrder()
+{
+    const auto blocks = makeBlocks(3);
+    CKXBlockMgr mgr;
+    mgr.addWaitingQueueWithMutex(blocks[0].get());
+    mgr.addErrorQueueWithMutex(blocks[2].get());
+    mgr.addErrorQueueWithMutex(blocks[1].get());
+    QVERIFY(mgr.moveAllErrorToWaiting());
+    QVERIFY(mgr.isEmpty(CKXBlockMgr::Error));
+    QCOMPARE(mgr.tasks(CKXBlockMgr::Waiting),
+             (QList<CKXBlockTask*>{blocks[0].get(), blocks[2].get(), blocks[1].get()}));
+}
+
+void TestKXBlockQueues::firstTaskOfEmptyStageIsNull()
+{
+    CKXBlockMgr mgr;
+    for (int stage = CKXBlockMgr::Waiting; stage < CKXBlockMgr::StageCount; ++stage) {
+        QCOMPARE(mgr.firstTask(CKXBlockMgr::Stage(stage)), nullptr);
+        QVERIFY(mgr.isEmpty(CKXBlockMgr::Stage(stage)));
+    }
+}
+
+void TestKXBlockQueues::runningHintFollowsTheRunningQueue()
+{
+    const auto blocks = makeBlocks(3);
+    CKXBlockMgr mgr;
+    for (CKXBlockTask* block : pointers(blocks)) {
+        mgr.addWaitingQueueWithMutex(block);
+    }
+    QCOMPARE(mgr.runningCountHint(), 0);
+    mgr.moveWaitingToRunning(blocks[0].get());
+    mgr.moveWaitingToRunning(blocks[1].get());
+    QCOMPARE(mgr.runningCountHint(), 2);
+    mgr.moveRunningToError(blocks[0].get());
+    QCOMPARE(mgr.runningCountHint(), 1);
+    mgr.addRunningQueueWithMutex(blocks[2].get());
+    QCOMPARE(mgr.runningCountHint(), 2);
+    mgr.moveRunningToPause(blocks[1].get());
+    mgr.moveRunningToComplete(blocks[2].get());
+    QCOMPARE(mgr.runningCountHint(), 0);
+}
+
+void TestKXBlockQueues::concurrentMovesLoseNothing()
+{
+    // Each thread walks its own blocks through the stages while a reader polls every queue; all
+    // of them take the locks of two stages at once in different pairs.
+    const int threads = 4;
+    const int perThread = 200;
+    const auto blocks = makeBlocks(threads * perThread);
+    CKXBlockMgr mgr;
+    for (CKXBlockTask* block : pointers(blocks)) {
+        mgr.addWaitingQueueWithMutex(block);
+    }
+    std::atomic<bool> stop{false};
+    std::unique_ptr<QThread> reader(QThread::create([&] {
+        while (!stop.load()) {
+            for (int stage = CKXBlockMgr::Waiting; stage < CKXBlockMgr::StageCount; ++stage) {
+                mgr.count(CKXBlockMgr::Stage(stage));
+            }
+            mgr.isExistWaitingTask();
+        }
+    }));
+    reader->start();
+    std::vector<std::unique_ptr<QThread>> movers;
+    for (int t = 0; t < threads; ++t) {
+        movers.emplace_back(QThread::create([&, t] {
+            for (int i = 0; i < perThread; ++i) {
+                CKXBlockTask* block = blocks[t * perThread + i].get();
+                mgr.moveWaitingToRunning(block);
+                switch (i % 3) {
+                case 0:
+                    mgr.moveRunningToComplete(block);
+                    break;
+                case 1:
+                    mgr.moveRunningToError(block);
+                    break;
+                default:
+                    mgr.moveRunningToPause(block);
+                    break;
+                }
+            }
+        }));
+        movers.back()->start();
+    }
+    for (auto& mover : movers) {
+        QVERIFY(mover->wait(60000));
+    }
+    stop.store(true);
+    QVERIFY(reader->wait(60000));
+
+    QVERIFY(mgr.isEmpty(CKXBlockMgr::Waiting));
+    QVERIFY(mgr.isEmpty(CKXBlockMgr::Running));
+    const int completeExpected = threads * ((perThread + 2) / 3);
+    QCOMPARE(mgr.count(CKXBlockMgr::Complete), completeExpected);
+    QCOMPARE(mgr.count(CKXBlockMgr::Complete) + mgr.count(CKXBlockMgr::Error) + mgr.count(CKXBlockMgr::Pause),
+             threads * perThread);
+    for (CKXBlockTask* block : pointers(blocks)) {
+        QCOMPARE(placesOf(mgr, block).count(1), 1);
+    }
+}
+
+QTEST_GUILESS_MAIN(TestKXBlockQueues)
+#include "tst_KXBlockQueues.moc"
