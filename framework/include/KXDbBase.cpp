@@ -160,15 +160,22 @@ bool CKXDbBase::createMissingTables(QSqlDatabase& db)
 
 bool CKXDbBase::open(QSqlDatabase& db)
 {
-    if (m_dbPath.isEmpty()) {
-        // Qt would open an anonymous temporary database for an empty name and lose every write.
-        DBLOG_ERROR(QStringLiteral("db open error: %1").arg(m_dbPath));
-        return false;
+    QSqlError error;
+    // Qt would open an anonymous temporary database for an empty name and lose every write.
+    if (!m_dbPath.isEmpty()) {
+        error = acquire(db);
+        if (!error.isValid()) {
+            return true;
+        }
     }
-    return acquire(db);
+    DBLOG_ERROR(QStringLiteral("db open error: %1").arg(m_dbPath));
+    if (error.isValid()) {
+        logSqlError(error);
+    }
+    return false;
 }
 
-bool CKXDbBase::acquire(QSqlDatabase& db)
+QSqlError CKXDbBase::acquire(QSqlDatabase& db)
 {
     const QString name = getCurrentConnectionName();
     ThreadConnections& mine = threadConnections();
@@ -190,24 +197,17 @@ bool CKXDbBase::acquire(QSqlDatabase& db)
     }
     db = QSqlDatabase::database(name, false);
     if (db.isOpen()) {
-        return true;
+        return QSqlError();
     }
-    QSqlError error;
-    if (!db.open()) {
-        error = db.lastError();
-    } else {
-        error = configureConnection(db);
-    }
+    const QSqlError error = db.open() ? configureConnection(db) : db.lastError();
     if (error.isValid()) {
-        DBLOG_ERROR(QStringLiteral("db open error: %1").arg(m_dbPath));
-        logSqlError(error);
         db = QSqlDatabase();
         mine.files.remove(name);
         dropConnection(name);
-        return false;
+        return error;
     }
     mine.files.insert(name, identityOf(m_dbPath));
-    return true;
+    return QSqlError();
 }
 
 void CKXDbBase::close()
@@ -235,15 +235,10 @@ void CKXDbBase::setAsync(const QSqlDatabase& db)
     }
 }
 
-bool CKXDbBase::execOne(QSqlDatabase& db, const QString& sql)
+QSqlError CKXDbBase::execOne(QSqlDatabase& db, const QString& sql)
 {
     QSqlQuery query(db);
-    if (query.exec(sql)) {
-        return true;
-    }
-    DBLOG_ERROR(QStringLiteral("update db error. [path]%1, [sql]%2").arg(m_dbPath, sql));
-    logSqlError(query.lastError());
-    return false;
+    return query.exec(sql) ? QSqlError() : query.lastError();
 }
 
 bool CKXDbBase::updateInternal(const QString& sql)
@@ -257,7 +252,13 @@ bool CKXDbBase::updateInternal(const QString& sql)
     if (!open(db)) {
         return false;
     }
-    return execOne(db, sql);
+    const QSqlError error = execOne(db, sql);
+    if (error.isValid()) {
+        DBLOG_ERROR(QStringLiteral("update db error. [path]%1, [sql]%2").arg(m_dbPath, sql));
+        logSqlError(error);
+        return false;
+    }
+    return true;
 }
 
 bool CKXDbBase::updateInternal(const QStringList& sqls)
@@ -278,7 +279,12 @@ bool CKXDbBase::updateInternal(const QStringList& sqls)
     }
     bool allDone = true;
     for (const QString& sql : sqls) {
-        allDone = execOne(db, sql) && allDone;
+        const QSqlError error = execOne(db, sql);
+        if (error.isValid()) {
+            DBLOG_ERROR(QStringLiteral("update db error. [path]%1, [sql]%2").arg(m_dbPath, sql));
+            logSqlError(error);
+            allDone = false;
+        }
     }
     if (!db.commit()) {
         DBLOG_ERROR(QStringLiteral("db commit transaction error. [path]%1").arg(m_dbPath));

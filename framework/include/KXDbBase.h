@@ -101,9 +101,9 @@ private:
         bool m_active = false; // a run() is draining, or about to drain, the queue
     };
 
-    bool acquire(QSqlDatabase& db);
+    QSqlError acquire(QSqlDatabase& db);
     bool createMissingTables(QSqlDatabase& db);
-    bool execOne(QSqlDatabase& db, const QString& sql);
+    static QSqlError execOne(QSqlDatabase& db, const QString& sql);
 
     const QString m_dbPath;
     QMutex m_mutex; // serialises every database operation of this object

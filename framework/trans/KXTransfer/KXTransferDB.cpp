@@ -61,32 +61,61 @@ const QString SUBSTITUTE = QStringLiteral("@#@#@#~^$^~#@#@#@");
 const QString kTransferTable = QStringLiteral("transfer_v1");
 const QString kBlockTable = QStringLiteral("block_v1");
 
-// A value quoted for SQL and shielded from the following arg() calls.
-QString sqlText(QString text)
-{
-    CKXDbBase::translateSqliteSpecialChar4Update(text);
-    return text.replace(QLatin1Char('%'), SUBSTITUTE);
-}
-
 // Ids go into statements as they are; a quote would end the literal and change the statement.
-bool validId(const QString& id)
+// Logged under the refusing operation's name.
+bool validId(const QString& id, const char* function, int line)
 {
     if (!id.contains(QLatin1Char('\''))) {
         return true;
     }
-    DBLOG_ERROR(QStringLiteral("id holds a single quote, refused. [id]%1").arg(id));
+    CKXLoggerWrapper::instDB()->error(QStringLiteral("id holds a single quote, refused. [id]%1").arg(id),
+                                      kxLogSource(__FILE__), QString::fromLatin1(function), line);
     return false;
 }
+#define KX_VALID_ID(id) validId((id), __func__, __LINE__)
 
-QString idText(const QString& id)
+// Builds one statement from a template with chained arg() calls. Values that hold "%" are shielded
+// with SUBSTITUTE, which is turned back into "%" once every marker is filled.
+class StatementFiller
 {
-    return QString(id).replace(QLatin1Char('%'), SUBSTITUTE);
-}
+public:
+    explicit StatementFiller(const QString& sqlTemplate) : m_sql(sqlTemplate) {}
 
-QString restorePercent(QString sql)
-{
-    return sql.replace(SUBSTITUTE, QStringLiteral("%"));
-}
+    // An id: taken as it is (ids with a quote are refused before).
+    StatementFiller& id(const QString& value) { return fill(value); }
+    // A text value: quoted for SQL.
+    StatementFiller& text(QString value)
+    {
+        CKXDbBase::translateSqliteSpecialChar4Update(value);
+        return fill(value);
+    }
+    StatementFiller& number(qint64 value)
+    {
+        m_sql = m_sql.arg(value);
+        return *this;
+    }
+    QString done()
+    {
+        if (m_shielded) {
+            m_sql.replace(SUBSTITUTE, QStringLiteral("%"));
+        }
+        return m_sql;
+    }
+
+private:
+    StatementFiller& fill(QString value)
+    {
+        if (value.contains(QLatin1Char('%'))) {
+            value.replace(QLatin1Char('%'), SUBSTITUTE);
+            m_shielded = true;
+        }
+        m_sql = m_sql.arg(value);
+        return *this;
+    }
+
+    QString m_sql;
+    bool m_shielded = false;
+};
 
 } // namespace
 
@@ -122,25 +151,27 @@ bool CKXTransferDB::AddTransferTask(CKXTransferTask& task)
 {
     // One snapshot, so the plain columns and the JSON text describe the same moment.
     const SubTaskInfo info = task.getSubTaskInfo();
-    if (!validId(info.subTaskId) || !validId(info.taskId)) {
+    if (!KX_VALID_ID(info.subTaskId) || !KX_VALID_ID(info.taskId)) {
         return false;
     }
-    const QString sql = TRANSFERTASKDB_UPDATE.arg(kTransferTable)
-                            .arg(idText(info.subTaskId))
-                            .arg(idText(info.taskId))
-                            .arg(static_cast<int>(info.state))
-                            .arg(info.size)
-                            .arg(info.sendBytes)
-                            .arg(sqlText(CKXJsonConvert::SubTaskInfo2JsonString(info)))
-                            .arg(sqlText(info.fingerMark))
-                            .arg(QString())
-                            .arg(QString());
-    return updateInternal(restorePercent(sql));
+    const QString sql = StatementFiller(TRANSFERTASKDB_UPDATE)
+                            .id(kTransferTable)
+                            .id(info.subTaskId)
+                            .id(info.taskId)
+                            .number(info.state)
+                            .number(info.size)
+                            .number(info.sendBytes)
+                            .text(CKXJsonConvert::SubTaskInfo2JsonString(info))
+                            .text(info.fingerMark)
+                            .text(QString())
+                            .text(QString())
+                            .done();
+    return updateInternal(sql);
 }
 
 bool CKXTransferDB::DelTransferTask(const QString& subTaskId)
 {
-    if (!validId(subTaskId)) {
+    if (!KX_VALID_ID(subTaskId)) {
         return false;
     }
     return updateInternal(TRANSFERTASKDB_DELETE.arg(kTransferTable, subTaskId));
@@ -148,7 +179,7 @@ bool CKXTransferDB::DelTransferTask(const QString& subTaskId)
 
 bool CKXTransferDB::LoadTransferTask(const QString& subTaskId, CKXTransferTask& task)
 {
-    if (!validId(subTaskId)) {
+    if (!KX_VALID_ID(subTaskId)) {
         return false;
     }
     const QString sql = TRANSFERTASKDB_QUERY.arg(kTransferTable, subTaskId);
@@ -167,25 +198,26 @@ bool CKXTransferDB::LoadTransferTask(const QString& subTaskId, CKXTransferTask& 
 bool CKXTransferDB::blockStatement(CKXBlockTask& block, QString& sql)
 {
     const BlockTaskInfo info = block.getBlockTaskInfo();
-    if (!validId(info.taskId) || !validId(info.subTaskId)) {
+    if (!KX_VALID_ID(info.taskId) || !KX_VALID_ID(info.subTaskId)) {
         return false;
     }
-    sql = BLOCKTASKDB_UPDATE.arg(kBlockTable)
-              .arg(idText(info.taskId))
-              .arg(idText(info.subTaskId))
-              .arg(static_cast<int>(info.state))
-              .arg(info.isUpload ? 1 : 0)
-              .arg(info.sent)
-              .arg(info.total)
-              .arg(info.length)
-              .arg(info.loc)
-              .arg(info.idx)
-              .arg(sqlText(info.hash))
-              .arg(sqlText(CKXJsonConvert::SubTaskInfo2JsonString(info.subTaskInfo)))
-              .arg(info.quickTrans ? 1 : 0)
-              .arg(sqlText(CKXBlockJsonConvert::BlockInfo2JsonString(info)))
-              .arg(QString());
-    sql = restorePercent(sql);
+    sql = StatementFiller(BLOCKTASKDB_UPDATE)
+              .id(kBlockTable)
+              .id(info.taskId)
+              .id(info.subTaskId)
+              .number(info.state)
+              .number(info.isUpload ? 1 : 0)
+              .number(info.sent)
+              .number(info.total)
+              .number(info.length)
+              .number(info.loc)
+              .number(info.idx)
+              .text(info.hash)
+              .text(CKXJsonConvert::SubTaskInfo2JsonString(info.subTaskInfo))
+              .number(info.quickTrans ? 1 : 0)
+              .text(CKXBlockJsonConvert::BlockInfo2JsonString(info))
+              .text(QString())
+              .done();
     return true;
 }
 
@@ -223,7 +255,7 @@ bool CKXTransferDB::AddBlockTaskFormList(const QList<CKXBlockTask*>& blocks)
 
 bool CKXTransferDB::DelBlockTask(const QString& blockId)
 {
-    if (!validId(blockId)) {
+    if (!KX_VALID_ID(blockId)) {
         return false;
     }
     return updateInternal(BLOCKTASKDB_DELETE.arg(kBlockTable, blockId));
@@ -231,7 +263,7 @@ bool CKXTransferDB::DelBlockTask(const QString& blockId)
 
 bool CKXTransferDB::DelBlockTasks(const QString& subTaskId)
 {
-    if (!validId(subTaskId)) {
+    if (!KX_VALID_ID(subTaskId)) {
         return false;
     }
     return updateInternal(BLOCKTASKDB_TASK_DELETE.arg(kBlockTable, subTaskId));
@@ -256,7 +288,7 @@ bool CKXTransferDB::fillBlockFromRow(const Row& row, CKXBlockTask& block)
 
 bool CKXTransferDB::LoadBlockTask(const QString& blockId, CKXBlockTask& block)
 {
-    if (!validId(blockId)) {
+    if (!KX_VALID_ID(blockId)) {
         return false;
     }
     const QString sql = BLOCKTASKDB_QUERY.arg(kBlockTable, blockId);
@@ -276,7 +308,7 @@ bool CKXTransferDB::LoadBlockTask(const QString& blockId, CKXBlockTask& block)
 
 bool CKXTransferDB::LoadBlockTasks(const QString& subTaskId, QList<CKXBlockTask*>& blocks)
 {
-    if (!validId(subTaskId)) {
+    if (!KX_VALID_ID(subTaskId)) {
         return false;
     }
     const QString sql = BLOCKTASKDB_TASK_QUERY.arg(kBlockTable, subTaskId);

@@ -1,0 +1,259 @@
+// The task store: the read-once rule of completed tasks and its database rows, lookups, the
+// database path, and the transfer log it opens and closes.
+
+#include "KXBlockTask.h"
+#include "KXLoggerWrapper.h"
+#include "KXTFStoreManager.h"
+#include "KXTaskRecordSample.h"
+#include "KXTransferDB.h"
+#include "KXTransferTask.h"
+
+#include <QDir>
+#include <QFile>
+#include <QSqlDatabase>
+#include <QSqlQuery>
+#include <QTemporaryDir>
+#include <QtTest>
+
+#include <memory>
+
+namespace {
+
+int countRows(const QString& path, const QString& sql)
+{
+    const QString name = QStringLiteral("inspect");
+    int count = -1;
+    {
+        QSqlDatabase db = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), name);
+        db.setDatabaseName(path);
+        if (db.open()) {
+            QSqlQuery query(db);
+            if (query.exec(sql) && query.next()) {
+                count = query.value(0).toInt();
+            }
+        }
+    }
+    QSqlDatabase::removeDatabase(name);
+    return count;
+}
+
+SubTaskInfo taskWithState(const QString& id, TaskState state)
+{
+    SubTaskInfo info = sampleSubTaskInfo();
+    info.subTaskId = id;
+    info.state = state;
+    return info;
+}
+
+// Puts the task's row and two block rows into the store's database.
+void storeRows(const SubTaskInfo& info)
+{
+    CKXTransferDB* db = CKXTFStoreManager::inst()->db();
+    CKXTransferTask task(info);
+    QVERIFY(db->AddTransferTask(task));
+    for (int i = 0; i < 2; ++i) {
+        CKXBlockTask block;
+        block.setTaskId(QStringLiteral("%1-%2").arg(info.subTaskId).arg(i));
+        block.setSubTaskId(info.subTaskId);
+        block.setIdx(i);
+        block.setSubTaskInfo(info);
+        QVERIFY(db->AddBlockTask(block));
+    }
+}
+
+} // namespace
+
+class TestKXTFStoreManager : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+    void init();
+    void cleanup();
+
+    void completedTaskIsReadOnceAndLosesItsRows();
+    void unfinishedTaskStaysWithItsRows();
+    void unknownIdLeavesOutUntouched();
+    void latestRecordWinsAndCopiesAreIndependent();
+    void limitsStartAtZero();
+    void databaseFilePathIgnoresTrailingSeparator();
+    void unconfiguredStoreWritesNowhere();
+    void logIsClosedWithTheStoreAndReopened();
+
+private:
+    QString dbFile() const { return CKXTFStoreManager::inst()->databaseFilePath(); }
+    int rowsOf(const QString& id) const
+    {
+        return countRows(dbFile(), QStringLiteral("SELECT (SELECT COUNT(*) FROM transfer_v1 WHERE id='%1') + "
+                                                  "(SELECT COUNT(*) FROM block_v1 WHERE sub_task_id='%1')")
+                                       .arg(id));
+    }
+
+    QTemporaryDir m_home;
+    std::unique_ptr<QTemporaryDir> m_dir;
+};
+
+void TestKXTFStoreManager::initTestCase()
+{
+    QVERIFY(m_home.isValid());
+    qputenv("XDG_DATA_HOME", m_home.path().toUtf8());
+    qputenv("HOME", m_home.path().toUtf8());
+}
+
+void TestKXTFStoreManager::init()
+{
+    m_dir = std::make_unique<QTemporaryDir>();
+    QVERIFY(m_dir->isValid());
+    CKXTFStoreManager::inst()->setDBPath(m_dir->path());
+}
+
+void TestKXTFStoreManager::cleanup()
+{
+    CKXTFStoreManager::clear();
+    m_dir.reset();
+}
+
+void TestKXTFStoreManager::completedTaskIsReadOnceAndLosesItsRows()
+{
+    CKXTFStoreManager* store = CKXTFStoreManager::inst();
+    const SubTaskInfo done = taskWithState(QStringLiteral("done"), TaskState(StateCompleted | StateWorking));
+    const SubTaskInfo neighbour = taskWithState(QStringLiteral("neighbour"), StateCompleted);
+    storeRows(done);
+    storeRows(neighbour);
+    store->addTaskInfo(done);
+    store->addTaskInfo(neighbour);
+    QCOMPARE(rowsOf(done.subTaskId), 3);
+
+    SubTaskInfo out;
+    QVERIFY(store->getTaskInfo(done.subTaskId, out));
+    QCOMPARE(persistedDifferences(out, done), QStringList());
+    QCOMPARE(rowsOf(done.subTaskId), 0);
+    QCOMPARE(store->allTasks().size(), 1);
+
+    SubTaskInfo second = sampleSubTaskInfo();
+    second.subTaskId = QStringLiteral("untouched");
+    QVERIFY(!store->getTaskInfo(done.subTaskId, second));
+    QCOMPARE(second.subTaskId, QStringLiteral("untouched"));
+    // Another completed task's rows are not part of it.
+    QCOMPARE(rowsOf(neighbour.subTaskId), 3);
+}
+
+void TestKXTFStoreManager::unfinishedTaskStaysWithItsRows()
+{
+    CKXTFStoreManager* store = CKXTFStoreManager::inst();
+    const SubTaskInfo running =
+        taskWithState(QStringLiteral("running"), TaskState(StateWorking | StatePaused));
+    storeRows(running);
+    store->addTaskInfo(running);
+    for (int i = 0; i < 2; ++i) {
+        SubTaskInfo out;
+        QVERIFY(store->getTaskInfo(running.subTaskId, out));
+        QCOMPARE(out.state, running.state);
+    }
+    QCOMPARE(rowsOf(running.subTaskId), 3);
+    QVERIFY(store->destroyTaskInfo(running.subTaskId));
+    QVERIFY(!store->destroyTaskInfo(running.subTaskId));
+    QCOMPARE(rowsOf(running.subTaskId), 3);
+}
+
+void TestKXTFStoreManager::unknownIdLeavesOutUntouched()
+{
+    CKXTFStoreManager* store = CKXTFStoreManager::inst();
+    store->addTaskInfo(taskWithState(QStringLiteral("known"), StateWorking));
+    const SubTaskInfo before = sampleSubTaskInfo();
+    SubTaskInfo out = before;
+    QVERIFY(!store->getTaskInfo(QStringLiteral("unknown"), out));
+    QCOMPARE(persistedDifferences(out, before), QStringList());
+    QVERIFY(!store->getTaskInfo(QStringLiteral("it's"), out));
+    QCOMPARE(store->allTasks().size(), 1);
+}
+
+void TestKXTFStoreManager::latestRecordWinsAndCopiesAreIndependent()
+{
+    CKXTFStoreManager* store = CKXTFStoreManager::inst();
+    SubTaskInfo info = taskWithState(QStringLiteral("b"), StateWorking);
+    store->addTaskInfo(info);
+    info.sendBytes = 42;
+    store->addTaskInfo(info);
+    store->addTaskInfo(taskWithState(QStringLiteral("a"), StateWaiting));
+    info.sendBytes = 99; // changing the caller's copy must not reach the store
+
+    const QList<SubTaskInfo> all = store->allTasks();
+    QCOMPARE(all.size(), 2);
+    QCOMPARE(all.at(0).subTaskId, QStringLiteral("a"));
+    QCOMPARE(all.at(1).sendBytes, 42LL);
+
+    SubTaskInfo parsed;
+    QVERIFY(store->taskInfoFormJson(store->taskInfoJson(all.at(1)), parsed));
+    QCOMPARE(persistedDifferences(parsed, all.at(1)), QStringList());
+    QVERIFY(!store->taskInfoFormJson(QStringLiteral("[1,2]"), parsed));
+}
+
+void TestKXTFStoreManager::limitsStartAtZero()
+{
+    CKXTFStoreManager* store = CKXTFStoreManager::inst();
+    QCOMPARE(store->maxConcurrentCount(), 0);
+    QCOMPARE(store->secSpeedLimit(), 0LL);
+    store->setMaxConcurrentCount(5);
+    store->setSecSpeedLimit(1LL << 40);
+    QCOMPARE(store->maxConcurrentCount(), 5);
+    QCOMPARE(store->secSpeedLimit(), 1LL << 40);
+    CKXTFStoreManager::clear();
+    QCOMPARE(CKXTFStoreManager::inst()->maxConcurrentCount(), 0);
+    QVERIFY(CKXTFStoreManager::inst()->allTasks().isEmpty());
+}
+
+void TestKXTFStoreManager::databaseFilePathIgnoresTrailingSeparator()
+{
+    CKXTFStoreManager* store = CKXTFStoreManager::inst();
+    const QString expected = m_dir->path() + QStringLiteral("/transfer.db");
+    store->setDBPath(m_dir->path());
+    QCOMPARE(store->databaseFilePath(), expected);
+    store->setDBPath(m_dir->path() + QLatin1Char('/'));
+    QCOMPARE(store->databaseFilePath(), expected);
+    QCOMPARE(store->dbPath(), m_dir->path() + QLatin1Char('/'));
+
+    // The database is made there, with both tables.
+    QVERIFY(store->db() != nullptr);
+    QCOMPARE(store->db(), store->db());
+    QCOMPARE(countRows(expected, QStringLiteral("SELECT COUNT(*) FROM sqlite_master WHERE type='table' AND "
+                                                "name IN ('transfer_v1','block_v1')")),
+             2);
+}
+
+void TestKXTFStoreManager::unconfiguredStoreWritesNowhere()
+{
+    CKXTFStoreManager::clear();
+    CKXTFStoreManager* store = CKXTFStoreManager::inst();
+    QCOMPARE(store->databaseFilePath(), QString());
+    CKXTransferTask task(sampleSubTaskInfo());
+    QVERIFY(!store->db()->AddTransferTask(task));
+    QVERIFY(!QFile::exists(QStringLiteral("/transfer.db")));
+
+    // Configured afterwards, the next db() is the real one.
+    store->setDBPath(m_dir->path());
+    QVERIFY(store->db()->AddTransferTask(task));
+    QCOMPARE(countRows(dbFile(), QStringLiteral("SELECT COUNT(*) FROM transfer_v1")), 1);
+}
+
+void TestKXTFStoreManager::logIsClosedWithTheStoreAndReopened()
+{
+    CKXTFStoreManager::inst()->initLog(m_dir->path(), QStringLiteral("0"));
+    QVERIFY(CKXLoggerWrapper::instTransfer()->handle() != 0);
+    SubTaskInfo out;
+    QVERIFY(!CKXTFStoreManager::inst()->getTaskInfo(QStringLiteral("no-such-task"), out));
+    CKXTFStoreManager::clear();
+    QCOMPARE(CKXLoggerWrapper::instTransfer()->handle(), 0);
+
+    QFile log(CKXLoggerWrapper::getLogPathName(CKXLoggerWrapper::Transfer));
+    QVERIFY(log.open(QIODevice::ReadOnly));
+    QVERIFY(QString::fromUtf8(log.readAll())
+                .contains(QStringLiteral("获取不到对应的传输任务 subTaskId = no-such-task")));
+
+    CKXTFStoreManager::inst()->initLog(m_dir->path(), QStringLiteral("junk"));
+    QVERIFY(CKXLoggerWrapper::instTransfer()->handle() != 0);
+}
+
+QTEST_GUILESS_MAIN(TestKXTFStoreManager)
+#include "tst_KXTFStoreManager.moc"

@@ -1,0 +1,516 @@
+// The transfer database on real files: round trips through both tables, per-thread connections,
+// the write thread, and files or rows that are not what they should be.
+
+#include "KXBlockTask.h"
+#include "KXTaskRecordSample.h"
+#include "KXTransferDB.h"
+#include "KXTransferTask.h"
+
+#include <QFile>
+#include <QRandomGenerator>
+#include <QSemaphore>
+#include <QSqlDatabase>
+#include <QSqlQuery>
+#include <QTemporaryDir>
+#include <QThread>
+#include <QtTest>
+
+#include <algorithm>
+#include <memory>
+#include <vector>
+
+namespace {
+
+// Runs one statement on a connection of the test's own, outside the code under test.
+QVariant directScalar(const QString& path, const QString& sql)
+{
+    const QString name = QStringLiteral("inspect");
+    QVariant value;
+    {
+        QSqlDatabase db = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), name);
+        db.setDatabaseName(path);
+        if (db.open()) {
+            QSqlQuery query(db);
+            if (query.exec(sql) && query.next()) {
+                value = query.value(0);
+            }
+        }
+    }
+    QSqlDatabase::removeDatabase(name);
+    return value;
+}
+
+bool directExec(const QString& path, const QString& sql)
+{
+    const QString name = QStringLiteral("inspect");
+    bool ok = false;
+    {
+        QSqlDatabase db = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), name);
+        db.setDatabaseName(path);
+        ok = db.open() && QSqlQuery(db).exec(sql);
+    }
+    QSqlDatabase::removeDatabase(name);
+    return ok;
+}
+
+int countRows(const QString& path, const QString& table, const QString& where = QString())
+{
+    const QString sql = QStringLiteral("SELECT COUNT(*) FROM %1 %2").arg(table, where);
+    const QVariant v = directScalar(path, sql);
+    return v.isValid() ? v.toInt() : -1;
+}
+
+CKXBlockTask* makeBlock(const QString& subTaskId, int idx, const SubTaskInfo& owner)
+{
+    auto* block = new CKXBlockTask();
+    block->setTaskId(QStringLiteral("%1-blk-%2").arg(subTaskId).arg(idx));
+    block->setSubTaskId(subTaskId);
+    block->setIdx(idx);
+    block->setLoc(qint64(idx) * 4194304);
+    block->setLength(4194304);
+    block->setTotal(4194304);
+    block->setSent(idx * 10);
+    block->setIsUpload(true);
+    block->setQuickTrans(idx % 2 == 1);
+    block->setHash(QStringLiteral("h%1").arg(idx));
+    block->setState(idx % 3 == 0 ? BlockTaskStateCompleted : BlockTaskStateNone);
+    block->setSubTaskInfo(owner);
+    return block;
+}
+
+struct BlockList
+{
+    QList<CKXBlockTask*> blocks;
+    ~BlockList() { qDeleteAll(blocks); }
+};
+
+} // namespace
+
+class TestKXTransferDB : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+    void init();
+    void cleanup();
+
+    void freshFileGetsBothTablesOnce();
+    void taskWithQuoteAndPercentRoundTrips();
+    void rewritingATaskKeepsOneRow();
+    void blocksComeBackInIndexOrder();
+    void blockDeletionIsPerBlockAndPerTask();
+    void concurrentWritersUseOwnConnections();
+    void statementListSkipsOnlyTheFailingOne();
+    void writeThreadStoresEveryQueuedStatement();
+    void replacedFileIsReopened();
+
+    void corruptFileFailsWithoutTouchingIt();
+    void uncreatableFolderFails();
+    void rowWithBadJsonFails();
+    void idWithQuoteIsRefusedAndOthersSurvive();
+
+private:
+    QString dbPath() const { return m_dir->filePath(QStringLiteral("transfer.db")); }
+
+    QTemporaryDir m_home;
+    std::unique_ptr<QTemporaryDir> m_dir;
+};
+
+void TestKXTransferDB::initTestCase()
+{
+    QVERIFY(m_home.isValid());
+    qputenv("XDG_DATA_HOME", m_home.path().toUtf8());
+    qputenv("HOME", m_home.path().toUtf8());
+}
+
+void TestKXTransferDB::init()
+{
+    m_dir = std::make_unique<QTemporaryDir>();
+    QVERIFY(m_dir->isValid());
+}
+
+void TestKXTransferDB::cleanup()
+{
+    m_dir.reset();
+}
+
+void TestKXTransferDB::freshFileGetsBothTablesOnce()
+{
+    {
+        CKXTransferDB db(dbPath());
+        QVERIFY(db.init());
+        CKXTransferTask task(sampleSubTaskInfo());
+        QVERIFY(db.AddTransferTask(task));
+    }
+    QCOMPARE(directScalar(dbPath(), QStringLiteral("SELECT group_concat(name, ',') FROM "
+                                                   "(SELECT name FROM pragma_table_info('transfer_v1'))"))
+                 .toString(),
+             QStringLiteral("id,task_id,state,size,send_size,sub_task_info,finger_mark,reserved1,reserved2"));
+    QCOMPARE(directScalar(dbPath(), QStringLiteral("SELECT group_concat(name, ',') FROM "
+                                                   "(SELECT name FROM pragma_table_info('block_v1'))"))
+                 .toString(),
+             QStringLiteral("id,sub_task_id,state,is_upload,sent,total,length,loc,idx,hash,sub_task_info,"
+                            "is_quick_trans,block_info,reserved1"));
+
+    // A second object on the existing file creates nothing and keeps the row.
+    CKXTransferDB again(dbPath());
+    QVERIFY(again.init());
+    QVERIFY(again.init());
+    QCOMPARE(countRows(dbPath(), QStringLiteral("transfer_v1")), 1);
+}
+
+void TestKXTransferDB::taskWithQuoteAndPercentRoundTrips()
+{
+    SubTaskInfo info = sampleSubTaskInfo();
+    info.errorInfo = QStringLiteral("it's %2 done, 100% of '%1' %%3");
+    info.remoteFile.path = QStringLiteral("/a'b/%2%1/文件.txt");
+    info.fingerMark = QStringLiteral("fp'%9");
+    info.size = 107374182400LL;
+
+    CKXTransferDB db(dbPath());
+    QVERIFY(db.init());
+    CKXTransferTask task(info);
+    QVERIFY(db.AddTransferTask(task));
+
+    CKXTransferTask loaded;
+    QVERIFY(db.LoadTransferTask(info.subTaskId, loaded));
+    QCOMPARE(persistedDifferences(loaded.getSubTaskInfo(), info), QStringList());
+
+    // The plain columns hold the same values, numbers stored as numbers.
+    const QString where = QStringLiteral("WHERE id='%1'").arg(info.subTaskId);
+    QCOMPARE(
+        directScalar(dbPath(), QStringLiteral("SELECT finger_mark FROM transfer_v1 ") + where).toString(),
+        info.fingerMark);
+    QCOMPARE(directScalar(dbPath(), QStringLiteral("SELECT size FROM transfer_v1 ") + where).toLongLong(),
+             info.size);
+    QCOMPARE(
+        directScalar(dbPath(), QStringLiteral("SELECT typeof(state) FROM transfer_v1 ") + where).toString(),
+        QStringLiteral("integer"));
+    QCOMPARE(directScalar(dbPath(), QStringLiteral("SELECT state FROM transfer_v1 ") + where).toInt(),
+             int(StateWorking | StatePaused));
+}
+
+void TestKXTransferDB::rewritingATaskKeepsOneRow()
+{
+    CKXTransferDB db(dbPath());
+    QVERIFY(db.init());
+    CKXTransferTask task(sampleSubTaskInfo());
+    QVERIFY(db.AddTransferTask(task));
+    task.setSendBytes(777);
+    task.setTaskState(StateCompleted);
+    QVERIFY(db.AddTransferTask(task));
+
+    QCOMPARE(countRows(dbPath(), QStringLiteral("transfer_v1")), 1);
+    CKXTransferTask loaded;
+    QVERIFY(db.LoadTransferTask(task.getId(), loaded));
+    QCOMPARE(loaded.getSendBytes(), 777LL);
+    QCOMPARE(loaded.getTaskState(), StateCompleted);
+
+    QVERIFY(db.DelTransferTask(task.getId()));
+    QCOMPARE(countRows(dbPath(), QStringLiteral("transfer_v1")), 0);
+    QVERIFY(!db.LoadTransferTask(task.getId(), loaded));
+}
+
+void TestKXTransferDB::blocksComeBackInIndexOrder()
+{
+    SubTaskInfo owner = sampleSubTaskInfo();
+    owner.errorInfo = QStringLiteral("owner's %1 text");
+    const QString sub = owner.subTaskId;
+    const int order[] = {7, 2, 9, 0, 5, 1, 8, 3, 6, 4};
+
+    CKXTransferDB db(dbPath());
+    QVERIFY(db.init());
+    BlockList written;
+    for (int idx : order) {
+        written.blocks.append(makeBlock(sub, idx, owner));
+    }
+    // Half through the list in one go, half one by one, both in scrambled order.
+    QVERIFY(db.AddBlockTaskFormList(written.blocks.mid(0, 5)));
+    for (CKXBlockTask* block : written.blocks.mid(5)) {
+        QVERIFY(db.AddBlockTask(*block));
+    }
+
+    BlockList loaded;
+    QVERIFY(db.LoadBlockTasks(sub, loaded.blocks));
+    QCOMPARE(loaded.blocks.size(), 10);
+    for (int i = 0; i < loaded.blocks.size(); ++i) {
+        const CKXBlockTask* b = loaded.blocks.at(i);
+        QCOMPARE(b->idx(), i);
+        QCOMPARE(b->taskId(), QStringLiteral("%1-blk-%2").arg(sub).arg(i));
+        QCOMPARE(b->subTaskId(), sub);
+        QCOMPARE(b->loc(), qint64(i) * 4194304);
+        QCOMPARE(b->sent(), qint64(i) * 10);
+        QCOMPARE(b->hash(), QStringLiteral("h%1").arg(i));
+        QCOMPARE(b->isQuickTrans(), i % 2 == 1);
+        QCOMPARE(b->state(), i % 3 == 0 ? BlockTaskStateCompleted : BlockTaskStateNone);
+        QCOMPARE(persistedDifferences(b->info(), owner), QStringList());
+    }
+
+    CKXBlockTask single;
+    QVERIFY(db.LoadBlockTask(QStringLiteral("%1-blk-5").arg(sub), single));
+    QCOMPARE(single.idx(), 5);
+    QCOMPARE(single.info().errorInfo, owner.errorInfo);
+}
+
+void TestKXTransferDB::blockDeletionIsPerBlockAndPerTask()
+{
+    const SubTaskInfo owner = sampleSubTaskInfo();
+    CKXTransferDB db(dbPath());
+    QVERIFY(db.init());
+    BlockList written;
+    for (int i = 0; i < 4; ++i) {
+        written.blocks << makeBlock(QStringLiteral("A"), i, owner)
+                       << makeBlock(QStringLiteral("B"), i, owner);
+    }
+    QVERIFY(db.AddBlockTaskFormList(written.blocks));
+    QCOMPARE(countRows(dbPath(), QStringLiteral("block_v1")), 8);
+
+    QVERIFY(db.DelBlockTask(QStringLiteral("A-blk-2")));
+    QCOMPARE(countRows(dbPath(), QStringLiteral("block_v1"), QStringLiteral("WHERE sub_task_id='A'")), 3);
+    QVERIFY(db.DelBlockTasks(QStringLiteral("A")));
+    QCOMPARE(countRows(dbPath(), QStringLiteral("block_v1"), QStringLiteral("WHERE sub_task_id='A'")), 0);
+    QCOMPARE(countRows(dbPath(), QStringLiteral("block_v1"), QStringLiteral("WHERE sub_task_id='B'")), 4);
+
+    BlockList none;
+    QVERIFY(db.LoadBlockTasks(QStringLiteral("A"), none.blocks));
+    QVERIFY(none.blocks.isEmpty());
+}
+
+void TestKXTransferDB::concurrentWritersUseOwnConnections()
+{
+    const int threadCount = 6;
+    const int tasksPerThread = 40;
+    CKXTransferDB db(dbPath());
+    QVERIFY(db.init());
+
+    QSemaphore written;
+    QSemaphore mayEnd;
+    std::vector<QString> names(threadCount);
+    std::vector<int> failures(threadCount, 0);
+    std::vector<std::unique_ptr<QThread>> threads;
+    for (int t = 0; t < threadCount; ++t) {
+        threads.emplace_back(QThread::create([&, t] {
+            for (int i = 0; i < tasksPerThread; ++i) {
+                SubTaskInfo info = sampleSubTaskInfo();
+                info.subTaskId = QStringLiteral("t%1-%2").arg(t).arg(i);
+                CKXTransferTask task(info);
+                failures[t] += db.AddTransferTask(task) ? 0 : 1;
+            }
+            names[t] = db.getCurrentConnectionName();
+            written.release();
+            mayEnd.acquire();
+        }));
+        threads.back()->start();
+    }
+
+    // Every writer is alive here, so its connection must still be registered under its own name.
+    QVERIFY(written.tryAcquire(threadCount, 60000));
+    const QStringList registered = QSqlDatabase::connectionNames();
+    for (int t = 0; t < threadCount; ++t) {
+        QVERIFY2(registered.contains(names[t]), qPrintable(names[t]));
+        QVERIFY(names[t].endsWith(dbPath()));
+        QCOMPARE(std::count(names.begin(), names.end(), names[t]), 1L);
+        QCOMPARE(failures[t], 0);
+    }
+    mayEnd.release(threadCount);
+    for (auto& thread : threads) {
+        QVERIFY(thread->wait(30000));
+    }
+
+    QCOMPARE(countRows(dbPath(), QStringLiteral("transfer_v1")), threadCount * tasksPerThread);
+    // An ended thread leaves no connection behind.
+    const QStringList after = QSqlDatabase::connectionNames();
+    for (const QString& name : names) {
+        QVERIFY2(!after.contains(name), qPrintable(name));
+    }
+}
+
+void TestKXTransferDB::statementListSkipsOnlyTheFailingOne()
+{
+    CKXTransferDB db(dbPath());
+    QVERIFY(db.init());
+    const QStringList sqls{QStringLiteral("INSERT INTO block_v1 (id) VALUES ('one');"),
+                           QStringLiteral("INSERT INTO no_such_table (id) VALUES ('x');"),
+                           QStringLiteral("INSERT INTO block_v1 (id) VALUES ('one');"), // duplicate key
+                           QStringLiteral("INSERT INTO block_v1 (id) VALUES ('two');")};
+    QVERIFY(!db.updateInternal(sqls));
+    QCOMPARE(countRows(dbPath(), QStringLiteral("block_v1")), 2);
+
+    QVERIFY(!db.updateInternal(QStringList()));
+    QVERIFY(!db.updateInternal(QString()));
+    QList<CKXDbBase::Row> rows;
+    QVERIFY(db.queryInternal(QStringLiteral("SELECT id, idx FROM block_v1 ORDER BY id"), rows));
+    QCOMPARE(rows.size(), 2);
+    QCOMPARE(rows.at(1).value(QStringLiteral("id")).toString(), QStringLiteral("two"));
+    QVERIFY(rows.at(1).contains(QStringLiteral("idx")));
+    QVERIFY(!db.queryInternal(QStringLiteral("SELECT * FROM no_such_table"), rows));
+    QCOMPARE(rows.size(), 2);
+}
+
+void TestKXTransferDB::writeThreadStoresEveryQueuedStatement()
+{
+    const int count = 300;
+    {
+        CKXTransferDB db(dbPath());
+        QVERIFY(db.init());
+        for (int i = 0; i < count / 2; ++i) {
+            db.asyncUpdate(QStringLiteral("INSERT INTO block_v1 (id, idx) VALUES ('q%1', %1);").arg(i));
+        }
+        QTRY_COMPARE_WITH_TIMEOUT(countRows(dbPath(), QStringLiteral("block_v1")), count / 2, 20000);
+        // Queued just before the object goes away: still written, not dropped.
+        for (int i = count / 2; i < count; ++i) {
+            db.asyncUpdate(QStringLiteral("INSERT INTO block_v1 (id, idx) VALUES ('q%1', %1);").arg(i));
+        }
+    }
+    QCOMPARE(countRows(dbPath(), QStringLiteral("block_v1")), count);
+}
+
+void TestKXTransferDB::replacedFileIsReopened()
+{
+    CKXTransferDB db(dbPath());
+    QVERIFY(db.init());
+    CKXTransferTask first(sampleSubTaskInfo());
+    QVERIFY(db.AddTransferTask(first));
+
+    // Someone removes the file; the cached connection must not keep writing into the lost inode.
+    for (const char* suffix : {"", "-wal", "-shm"}) {
+        QFile::remove(dbPath() + QLatin1String(suffix));
+    }
+    QVERIFY(db.init());
+    SubTaskInfo other = sampleSubTaskInfo();
+    other.subTaskId = QStringLiteral("after-removal");
+    CKXTransferTask second(other);
+    QVERIFY(db.AddTransferTask(second));
+    QCOMPARE(countRows(dbPath(), QStringLiteral("transfer_v1")), 1);
+    QCOMPARE(directScalar(dbPath(), QStringLiteral("SELECT id FROM transfer_v1")).toString(),
+             other.subTaskId);
+}
+
+void TestKXTransferDB::corruptFileFailsWithoutTouchingIt()
+{
+    QByteArray garbage(64 * 1024, '\0');
+    QRandomGenerator generator(42);
+    for (char& c : garbage) {
+        c = char(generator.bounded(256));
+    }
+    {
+        QFile file(dbPath());
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        file.write(garbage);
+    }
+
+    {
+        CKXTransferDB db(dbPath());
+        QVERIFY(!db.init());
+        CKXTransferTask task(sampleSubTaskInfo());
+        QVERIFY(!db.AddTransferTask(task));
+        QVERIFY(!db.LoadTransferTask(task.getId(), task));
+        QCOMPARE(persistedDifferences(task.getSubTaskInfo(), sampleSubTaskInfo()), QStringList());
+        BlockList blocks;
+        blocks.blocks << makeBlock(QStringLiteral("x"), 0, sampleSubTaskInfo());
+        QVERIFY(!db.AddBlockTaskFormList(blocks.blocks));
+        BlockList loaded;
+        QVERIFY(!db.LoadBlockTasks(QStringLiteral("x"), loaded.blocks));
+        QVERIFY(loaded.blocks.isEmpty());
+        QVERIFY(!db.DelBlockTasks(QStringLiteral("x")));
+    }
+    QFile file(dbPath());
+    QVERIFY(file.open(QIODevice::ReadOnly));
+    QCOMPARE(file.readAll(), garbage);
+}
+
+void TestKXTransferDB::uncreatableFolderFails()
+{
+    // A regular file where a folder of the path should be.
+    const QString blocker = m_dir->filePath(QStringLiteral("plain-file"));
+    {
+        QFile file(blocker);
+        QVERIFY(file.open(QIODevice::WriteOnly));
+    }
+    CKXTransferDB db(blocker + QStringLiteral("/sub/transfer.db"));
+    QVERIFY(!db.init());
+    CKXTransferTask task(sampleSubTaskInfo());
+    QVERIFY(!db.AddTransferTask(task));
+    QVERIFY(!db.DelTransferTask(task.getId()));
+
+    CKXTransferDB unnamed{QString()};
+    QVERIFY(!unnamed.init());
+    QVERIFY(!unnamed.AddTransferTask(task));
+    QVERIFY(QFileInfo(blocker).isFile());
+}
+
+void TestKXTransferDB::rowWithBadJsonFails()
+{
+    const SubTaskInfo owner = sampleSubTaskInfo();
+    CKXTransferDB db(dbPath());
+    QVERIFY(db.init());
+    BlockList good;
+    for (int i = 0; i < 3; ++i) {
+        good.blocks << makeBlock(QStringLiteral("S"), i, owner);
+    }
+    QVERIFY(db.AddBlockTaskFormList(good.blocks));
+    QVERIFY(directExec(dbPath(), QStringLiteral("INSERT INTO transfer_v1 (id, sub_task_info) VALUES ('bad', "
+                                                "'not json {')")));
+    QVERIFY(
+        directExec(dbPath(), QStringLiteral("UPDATE block_v1 SET sub_task_info='[1,2' WHERE id='S-blk-1'")));
+
+    CKXTransferTask task(owner);
+    QVERIFY(!db.LoadTransferTask(QStringLiteral("bad"), task));
+    QCOMPARE(persistedDifferences(task.getSubTaskInfo(), owner), QStringList());
+
+    // The caller's list stays as it was: a transfer never resumes on part of its blocks.
+    BlockList loaded;
+    auto* sentinel = new CKXBlockTask();
+    loaded.blocks << sentinel;
+    QVERIFY(!db.LoadBlockTasks(QStringLiteral("S"), loaded.blocks));
+    QCOMPARE(loaded.blocks.size(), 1);
+    QCOMPARE(loaded.blocks.first(), sentinel);
+
+    CKXBlockTask single;
+    single.setHash(QStringLiteral("kept"));
+    QVERIFY(!db.LoadBlockTask(QStringLiteral("S-blk-1"), single));
+    QCOMPARE(single.hash(), QStringLiteral("kept"));
+    QVERIFY(db.LoadBlockTask(QStringLiteral("S-blk-2"), single));
+    QCOMPARE(single.hash(), QStringLiteral("h2"));
+    QCOMPARE(countRows(dbPath(), QStringLiteral("block_v1")), 3);
+}
+
+void TestKXTransferDB::idWithQuoteIsRefusedAndOthersSurvive()
+{
+    const SubTaskInfo owner = sampleSubTaskInfo();
+    CKXTransferDB db(dbPath());
+    QVERIFY(db.init());
+    for (const QString& id : {QStringLiteral("keep-1"), QStringLiteral("keep-2")}) {
+        SubTaskInfo info = owner;
+        info.subTaskId = id;
+        CKXTransferTask task(info);
+        QVERIFY(db.AddTransferTask(task));
+    }
+    BlockList blocks;
+    blocks.blocks << makeBlock(QStringLiteral("keep-1"), 0, owner)
+                  << makeBlock(QStringLiteral("x' OR '1'='1"), 1, owner)
+                  << makeBlock(QStringLiteral("keep-1"), 2, owner);
+    // The bad block is refused; the good ones of the same list are still stored.
+    QVERIFY(!db.AddBlockTaskFormList(blocks.blocks));
+    QCOMPARE(countRows(dbPath(), QStringLiteral("block_v1")), 2);
+
+    const QString injected = QStringLiteral("nothing' OR '1'='1");
+    QVERIFY(!db.DelTransferTask(injected));
+    QVERIFY(!db.DelBlockTasks(injected));
+    QVERIFY(!db.DelBlockTask(injected));
+    CKXTransferTask probe;
+    QVERIFY(!db.LoadTransferTask(injected, probe));
+    BlockList none;
+    QVERIFY(!db.LoadBlockTasks(injected, none.blocks));
+    SubTaskInfo quoted = owner;
+    quoted.subTaskId = QStringLiteral("it's");
+    CKXTransferTask quotedTask(quoted);
+    QVERIFY(!db.AddTransferTask(quotedTask));
+
+    QCOMPARE(countRows(dbPath(), QStringLiteral("transfer_v1")), 2);
+    QCOMPARE(countRows(dbPath(), QStringLiteral("block_v1")), 2);
+}
+
+QTEST_GUILESS_MAIN(TestKXTransferDB)
+#include "tst_KXTransferDB.moc"
