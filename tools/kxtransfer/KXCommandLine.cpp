@@ -1,0 +1,182 @@
+#include "KXCommandLine.h"
+
+#include "KXEngine.h"
+
+#include <QCommandLineParser>
+#include <QHash>
+#include <QRegularExpression>
+
+namespace {
+
+const int kMaxJobs = 64;
+
+// Operands each command takes.
+const QHash<QString, int>& operandCounts()
+{
+    static const QHash<QString, int> counts = {
+        {QStringLiteral("upload"), 2}, {QStringLiteral("download"), 2}, {QStringLiteral("get"), 2},
+        {QStringLiteral("list"), 0},   {QStringLiteral("demo"), 0},
+    };
+    return counts;
+}
+
+} // namespace
+
+QString CKXCommandLine::usageText()
+{
+    return QStringLiteral(
+        "Usage:\n"
+        "  kxtransfer upload LOCAL REMOTE     send a local file to the server (REMOTE: full path, or a\n"
+        "                                     folder ending in '/')\n"
+        "  kxtransfer download REMOTE LOCAL   fetch a file from the server\n"
+        "  kxtransfer get URL LOCAL           fetch a plain http(s) address\n"
+        "  kxtransfer list                    unfinished transfers kept in the database\n"
+        "  kxtransfer demo                    start a private server and show everything at work\n"
+        "\n"
+        "Options:\n"
+        "  --server URL     server address (default: $KX_SERVER)\n"
+        "  --token T        session token (default: $KX_TOKEN)\n"
+        "  --jobs N         blocks in flight for files over 4 MiB (default 4)\n"
+        "  --limit RATE     bandwidth cap per direction, e.g. 500K, 10M (default: none)\n"
+        "  --overwrite      replace an existing target instead of failing (upload) or\n"
+        "                   saving under a numbered name (download)\n"
+        "  --task-id ID     name the transfer yourself (default: derived from the arguments,\n"
+        "                   so running the same command again resumes it)\n"
+        "  --quiet          no progress output\n"
+        "  -h, --help       this text\n"
+        "\n"
+        "Ctrl-C pauses a transfer; run the same command again to resume it.\n"
+        "Exit status: 0 done, 1 transfer failed, 2 bad arguments, 130 paused by Ctrl-C.\n");
+}
+
+QString CKXCommandLine::locationsText()
+{
+    return QStringLiteral("Database: %1\n"
+                          "Logs:     %2 (Transfer.log, DB.log)\n"
+                          "Both follow $XDG_DATA_HOME (default ~/.local/share).\n")
+        .arg(CKXEngine::databaseFile(), CKXEngine::logFolder());
+}
+
+bool CKXCommandLine::parseRate(const QString& text, qint64& bytesPerSec)
+{
+    static const QRegularExpression pattern(
+        QStringLiteral("^(\\d+(?:\\.\\d+)?)\\s*([kKmMgG]?)(?:i?[bB])?(?:/s)?$"));
+    const QRegularExpressionMatch match = pattern.match(text.trimmed());
+    if (!match.hasMatch()) {
+        return false;
+    }
+    double value = match.captured(1).toDouble();
+    const QString unit = match.captured(2).toUpper();
+    if (unit == QLatin1String("K")) {
+        value *= 1024.0;
+    } else if (unit == QLatin1String("M")) {
+        value *= 1024.0 * 1024.0;
+    } else if (unit == QLatin1String("G")) {
+        value *= 1024.0 * 1024.0 * 1024.0;
+    }
+    if (value > 1e15) {
+        return false;
+    }
+    bytesPerSec = static_cast<qint64>(value);
+    return true;
+}
+
+bool CKXCommandLine::fail(const QString& message)
+{
+    m_error = message;
+    return false;
+}
+
+bool CKXCommandLine::parse(const QStringList& arguments, const QProcessEnvironment& env)
+{
+    QCommandLineParser parser;
+    parser.setSingleDashWordOptionMode(QCommandLineParser::ParseAsLongOptions);
+    const QCommandLineOption help({QStringLiteral("h"), QStringLiteral("help")}, QString());
+    const QCommandLineOption server(QStringLiteral("server"), QString(), QStringLiteral("URL"));
+    const QCommandLineOption token(QStringLiteral("token"), QString(), QStringLiteral("T"));
+    const QCommandLineOption jobs(QStringLiteral("jobs"), QString(), QStringLiteral("N"),
+                                  QStringLiteral("4"));
+    const QCommandLineOption limit(QStringLiteral("limit"), QString(), QStringLiteral("RATE"),
+                                   QStringLiteral("0"));
+    const QCommandLineOption overwrite(QStringLiteral("overwrite"), QString());
+    const QCommandLineOption taskId(QStringLiteral("task-id"), QString(), QStringLiteral("ID"));
+    const QCommandLineOption quiet({QStringLiteral("q"), QStringLiteral("quiet")}, QString());
+    parser.addOptions({help, server, token, jobs, limit, overwrite, taskId, quiet});
+    if (!parser.parse(arguments)) {
+        return fail(parser.errorText());
+    }
+    m_help = parser.isSet(help);
+    if (m_help) {
+        return true;
+    }
+    const QStringList positional = parser.positionalArguments();
+    if (positional.isEmpty()) {
+        return fail(QStringLiteral("no command given"));
+    }
+    m_options.command = positional.first();
+    m_options.operands = positional.mid(1);
+    m_options.server = parser.isSet(server) ? parser.value(server) : env.value(QStringLiteral("KX_SERVER"));
+    m_options.token = parser.isSet(token) ? parser.value(token) : env.value(QStringLiteral("KX_TOKEN"));
+    m_options.overwrite = parser.isSet(overwrite);
+    m_options.quiet = parser.isSet(quiet);
+    m_options.taskId = parser.value(taskId);
+    return checkOperands() && readNumbers(parser.value(jobs), parser.value(limit)) &&
+           (!parser.isSet(taskId) || checkTaskId());
+}
+
+bool CKXCommandLine::checkOperands()
+{
+    const QString& command = m_options.command;
+    if (!operandCounts().contains(command)) {
+        return fail(QStringLiteral("unknown command '%1'").arg(command));
+    }
+    const int wanted = operandCounts().value(command);
+    if (m_options.operands.size() != wanted) {
+        return fail(QStringLiteral("'%1' takes %2 operand(s), got %3")
+                        .arg(command)
+                        .arg(wanted)
+                        .arg(m_options.operands.size()));
+    }
+    for (const QString& operand : m_options.operands) {
+        if (operand.isEmpty()) {
+            return fail(QStringLiteral("empty operand for '%1'").arg(command));
+        }
+    }
+    if (command == QLatin1String("upload") || command == QLatin1String("download")) {
+        if (m_options.server.isEmpty()) {
+            return fail(QStringLiteral("no server: give --server URL or set KX_SERVER"));
+        }
+        if (!m_options.server.startsWith(QLatin1String("http://")) &&
+            !m_options.server.startsWith(QLatin1String("https://"))) {
+            return fail(
+                QStringLiteral("server '%1' is not an http:// or https:// address").arg(m_options.server));
+        }
+        if (m_options.token.isEmpty()) {
+            return fail(QStringLiteral("no token: give --token T or set KX_TOKEN"));
+        }
+    }
+    return true;
+}
+
+bool CKXCommandLine::readNumbers(const QString& jobs, const QString& limit)
+{
+    bool ok = false;
+    m_options.jobs = jobs.toInt(&ok);
+    if (!ok || m_options.jobs < 1 || m_options.jobs > kMaxJobs) {
+        return fail(QStringLiteral("--jobs wants a number from 1 to %1, got '%2'").arg(kMaxJobs).arg(jobs));
+    }
+    if (!parseRate(limit, m_options.limit)) {
+        return fail(QStringLiteral("--limit wants a rate such as 500K or 10M, got '%1'").arg(limit));
+    }
+    return true;
+}
+
+bool CKXCommandLine::checkTaskId()
+{
+    static const QRegularExpression allowed(QStringLiteral("^[A-Za-z0-9{}._:@+=-]{1,128}$"));
+    if (!allowed.match(m_options.taskId).hasMatch()) {
+        return fail(QStringLiteral("--task-id wants 1 to 128 letters, digits or {}._:@+=-, got '%1'")
+                        .arg(m_options.taskId));
+    }
+    return true;
+}

@@ -1,0 +1,49 @@
+#pragma once
+
+// The command line of kxtransfer: one command, its operands and the options, with the server
+// address and token falling back to KX_SERVER and KX_TOKEN. parse() only reads and checks; it
+// touches neither the engine nor the network. Plain value object, used on the main thread.
+
+#include <QProcessEnvironment>
+#include <QString>
+#include <QStringList>
+
+struct KXToolOptions
+{
+    QString command; // upload | download | get | list | demo
+    QStringList operands;
+    QString server;
+    QString token;
+    int jobs = 4;
+    qint64 limit = 0; // bytes per second, 0: unlimited
+    bool overwrite = false;
+    QString taskId;
+    bool quiet = false;
+};
+
+class CKXCommandLine
+{
+public:
+    // false: a usage error, described by errorText(). --help is not an error.
+    bool parse(const QStringList& arguments, const QProcessEnvironment& env);
+    bool helpRequested() const { return m_help; }
+    const KXToolOptions& options() const { return m_options; }
+    QString errorText() const { return m_error; }
+
+    static QString usageText();
+    // Where the engine keeps its database and logs under the current environment.
+    static QString locationsText();
+
+    // "10M", "512k", "1.5MiB", "2000000": bytes per second (K, M, G are powers of 1024).
+    static bool parseRate(const QString& text, qint64& bytesPerSec);
+
+private:
+    bool fail(const QString& message);
+    bool checkOperands();
+    bool readNumbers(const QString& jobs, const QString& limit);
+    bool checkTaskId();
+
+    KXToolOptions m_options;
+    QString m_error;
+    bool m_help = false;
+};

@@ -1,0 +1,45 @@
+#include "KXEngine.h"
+
+#include "IKXTransfer.h"
+#include "ServerApiConfig.h"
+
+#include <QDir>
+#include <QStandardPaths>
+
+void CKXEngine::setUp(const KXEngineSettings& settings)
+{
+    ServerApi::Config config = ServerApi::config();
+    QString base = settings.server;
+    while (base.endsWith(QLatin1Char('/'))) {
+        base.chop(1);
+    }
+    config.baseUrl = base;
+    config.sessionId = settings.token;
+    config.maxSendBytesPerSec = settings.limit;
+    config.maxRecvBytesPerSec = settings.limit;
+    ServerApi::configure(config);
+
+    // The value of the user-path key is the task log's level; 1 keeps information and above.
+    Transfer::setConfig(TransferConfigUserPath, QStringLiteral("1"));
+    Transfer::setConfig(TransferConfigMaxConcurrentCount, QString::number(settings.jobs));
+    Transfer::setConfig(TransferConfigSpeedLimit, QString::number(settings.limit));
+}
+
+void CKXEngine::shutDown()
+{
+    Transfer::deinit();
+    ServerApi::shutdown();
+}
+
+QString CKXEngine::databaseFile()
+{
+    const QString data = QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation);
+    return QDir(data).absoluteFilePath(QStringLiteral("Transfer/transfer.db"));
+}
+
+QString CKXEngine::logFolder()
+{
+    QDir dir(QStandardPaths::writableLocation(QStandardPaths::AppDataLocation));
+    dir.cdUp();
+    return dir.absoluteFilePath(QStringLiteral("OrbalaData/Log"));
+}

@@ -1,0 +1,35 @@
+#pragma once
+
+// Asks the server about one remote entry (its size, whether it is a folder, its revision) before
+// a download, so the engine can choose whole-file or block transfer from the size. Blocks the
+// calling thread until the answer is in; Ctrl-C aborts the request. Failures end as an engine
+// error code and message, mapped from the server's answer the way the engine maps them.
+
+#include <QString>
+
+struct ResponseData;
+
+struct KXRemoteEntry
+{
+    qint64 size = 0;
+    bool isDir = false;
+    QString rev;
+};
+
+class CKXRemoteMeta
+{
+public:
+    bool fetch(const QString& remotePath, KXRemoteEntry& out);
+
+    int errorCode() const { return m_code; }
+    QString errorMessage() const { return m_message; }
+    bool interrupted() const { return m_interrupted; }
+
+    // The engine's code for a failed answer (HTTP status, body, transport error).
+    static int mapError(const ResponseData& response, QString& message);
+
+private:
+    int m_code = 0;
+    QString m_message;
+    bool m_interrupted = false;
+};

@@ -1,0 +1,88 @@
+#pragma once
+
+// Carries one transfer through the engine from the calling (main) thread: builds the task record
+// from the command's operands, gives it a stable id (so the same command resumes), starts it,
+// shows its progress, pauses it on Ctrl-C and reads its outcome. One transfer at a time; the
+// engine's callbacks reach the runner through a registry of CKXJobState keyed by sub-task id.
+// The engine must be set up (CKXEngine::setUp) first. Main thread only.
+
+#include <QString>
+
+class CKXProgressPrinter;
+class CKXJobState;
+struct SubTaskInfo;
+
+#include <memory>
+
+struct KXTransferJob
+{
+    enum Kind
+    {
+        Upload,
+        Download,
+        Url,
+    };
+    Kind kind = Upload;
+    QString local;  // local file as given
+    QString remote; // remote path (Upload, Download) or the address (Url)
+    QString server; // server address, part of the derived id
+    bool overwrite = false;
+    QString taskId; // empty: derived from the other members
+};
+
+struct KXTransferOutcome
+{
+    enum Status
+    {
+        Done,
+        Failed,
+        Paused,
+    };
+    Status status = Failed;
+    int code = 0;
+    QString message;
+    QString taskId;
+    QString localPath;
+    QString remotePath;
+    qint64 size = 0;
+    qint64 doneBytes = 0; // when paused
+    qint64 elapsedMs = 0;
+    bool chunked = false;
+    bool quick = false; // the server already held every block
+
+    int exitCode() const;
+    // "error <code> <name>: <message>"
+    QString errorLine() const;
+};
+
+class CKXTransferRunner
+{
+public:
+    explicit CKXTransferRunner(CKXProgressPrinter& printer);
+
+    KXTransferOutcome run(const KXTransferJob& job);
+    // true when a paused transfer's thread did not end in time: the engine must not be deinit'ed.
+    bool threadsBusy() const { return m_busy; }
+
+    // ErrorCode name, or a description of the library's own numbers.
+    static QString codeName(int code);
+    // A name-based UUID of the parts, in the braced form the engine uses for its own ids.
+    static QString deriveTaskId(const QStringList& parts);
+
+private:
+    bool prepare(const KXTransferJob& job, SubTaskInfo& task, KXTransferOutcome& outcome);
+    bool prepareUpload(const KXTransferJob& job, SubTaskInfo& task, KXTransferOutcome& outcome);
+    bool prepareDownload(const KXTransferJob& job, SubTaskInfo& task, KXTransferOutcome& outcome);
+    void prepareUrl(const KXTransferJob& job, SubTaskInfo& task, KXTransferOutcome& outcome);
+    void discardCompletedRow(const SubTaskInfo& task, bool isUrl);
+    void execute(const SubTaskInfo& task, bool isUrl, KXTransferOutcome& outcome);
+    bool follow(const SubTaskInfo& task, const std::shared_ptr<CKXJobState>& state,
+                KXTransferOutcome& outcome);
+    void pause(long long handle, const std::shared_ptr<CKXJobState>& state, KXTransferOutcome& outcome);
+    void conclude(const SubTaskInfo& task, bool isUrl, const std::shared_ptr<CKXJobState>& state,
+                  KXTransferOutcome& outcome);
+
+    CKXProgressPrinter& m_printer;
+    bool m_busy = false;
+    bool m_consumedEarly = false; // a progress poll already took the completed record
+};

@@ -1,0 +1,178 @@
+// kxtransfer: upload, download and fetch files through the transfer engine; list unfinished
+// transfers; run a self-contained demonstration against a private kxserver.
+
+#include "KXCommandLine.h"
+#include "KXDemo.h"
+#include "KXEngine.h"
+#include "KXInterrupt.h"
+#include "KXProgressPrinter.h"
+#include "KXTaskDatabase.h"
+#include "KXTransferDefine.h"
+#include "KXTransferRunner.h"
+
+#include <QCoreApplication>
+
+#include <cstdio>
+#include <unistd.h>
+
+namespace {
+
+const int kUsageExit = 2;
+
+void printTo(FILE* out, const QString& text)
+{
+    std::fputs(text.toLocal8Bit().constData(), out);
+    std::fflush(out);
+}
+
+// Lets the engine go and returns code, or, when a transfer thread is still running (a pause the
+// engine did not confirm), leaves at once: tearing the engine down under that thread would crash.
+int finish(int code, bool busyThreads)
+{
+    std::fflush(stdout);
+    std::fflush(stderr);
+    if (busyThreads) {
+        ::_exit(code);
+    }
+    CKXEngine::shutDown();
+    return code;
+}
+
+KXTransferJob jobFor(const KXToolOptions& options)
+{
+    KXTransferJob job;
+    const QString& command = options.command;
+    job.kind = command == QLatin1String("upload")     ? KXTransferJob::Upload
+               : command == QLatin1String("download") ? KXTransferJob::Download
+                                                      : KXTransferJob::Url;
+    const bool upload = job.kind == KXTransferJob::Upload;
+    job.local = upload ? options.operands.at(0) : options.operands.at(1);
+    job.remote = upload ? options.operands.at(1) : options.operands.at(0);
+    job.server = options.server;
+    job.overwrite = options.overwrite;
+    job.taskId = options.taskId;
+    return job;
+}
+
+void report(const KXTransferOutcome& outcome, const KXToolOptions& options)
+{
+    if (outcome.status == KXTransferOutcome::Failed) {
+        printTo(stderr, outcome.errorLine() + QLatin1Char('\n'));
+        return;
+    }
+    if (outcome.status == KXTransferOutcome::Paused) {
+        const QString again =
+            options.taskId.isEmpty()
+                ? QStringLiteral("Run the same command again to resume.")
+                : QStringLiteral("Run it again with --task-id %1 to resume.").arg(options.taskId);
+        printTo(stderr, QStringLiteral("paused at %1 of %2; the transfer's state is kept. %3\n")
+                            .arg(CKXProgressPrinter::formatBytes(outcome.doneBytes),
+                                 CKXProgressPrinter::formatBytes(outcome.size), again));
+        return;
+    }
+    if (options.quiet) {
+        return;
+    }
+    const double seconds = qMax<qint64>(outcome.elapsedMs, 1) / 1000.0;
+    QString line =
+        QStringLiteral("done: %1 -> %2, %3 in %4 s (%5/s)")
+            .arg(options.command == QLatin1String("upload") ? outcome.localPath : outcome.remotePath,
+                 options.command == QLatin1String("upload") ? outcome.remotePath : outcome.localPath,
+                 CKXProgressPrinter::formatBytes(outcome.size))
+            .arg(seconds, 0, 'f', 2)
+            .arg(CKXProgressPrinter::formatBytes(static_cast<qint64>(outcome.size / seconds)));
+    if (outcome.quick) {
+        line += QStringLiteral(", quick transfer: the server already held every block");
+    }
+    printTo(stdout, line + QLatin1Char('\n'));
+}
+
+int runTransfer(const KXToolOptions& options)
+{
+    CKXEngine::setUp({options.server, options.token, options.jobs, options.limit});
+    CKXProgressPrinter printer(CKXProgressPrinter::detect(options.quiet));
+    CKXTransferRunner runner(printer);
+    const KXTransferOutcome outcome = runner.run(jobFor(options));
+    report(outcome, options);
+    return finish(outcome.exitCode(), runner.threadsBusy());
+}
+
+QString taskRow(const KXStoredTask& task)
+{
+    QString progress = QStringLiteral("%1 done").arg(CKXProgressPrinter::formatBytes(task.doneBytes));
+    if (task.size > 0) {
+        progress = QStringLiteral("%1% (%2 / %3)")
+                       .arg(qBound<qint64>(0, task.doneBytes * 100 / task.size, 100))
+                       .arg(CKXProgressPrinter::formatBytes(task.doneBytes),
+                            CKXProgressPrinter::formatBytes(task.size));
+    }
+    const QString from =
+        task.isUpload ? task.localPath : (task.remotePath.isEmpty() ? task.address : task.remotePath);
+    const QString to = task.isUpload ? task.remotePath : task.localPath;
+    QString row = QStringLiteral("%1  %2  %3  %4  %5 -> %6")
+                      .arg(task.id, CKXTaskDatabase::stateName(task.state), progress,
+                           task.isUpload ? QStringLiteral("upload") : QStringLiteral("download"), from, to);
+    if (task.state & StateError) {
+        row += QStringLiteral("\n    last error %1 %2: %3")
+                   .arg(task.errorCode)
+                   .arg(CKXTransferRunner::codeName(task.errorCode), task.errorInfo);
+    }
+    return row + QLatin1Char('\n');
+}
+
+int listTasks()
+{
+    CKXTaskDatabase db(CKXEngine::databaseFile());
+    QList<KXStoredTask> tasks;
+    QString error;
+    if (!db.tasks(tasks, error)) {
+        printTo(stderr, QStringLiteral("error: cannot read %1: %2\n").arg(CKXEngine::databaseFile(), error));
+        return 1;
+    }
+    int shown = 0;
+    for (const KXStoredTask& task : tasks) {
+        if (!(task.state & StateCompleted)) {
+            printTo(stdout, taskRow(task));
+            ++shown;
+        }
+    }
+    if (shown == 0) {
+        printTo(stdout, QStringLiteral("no unfinished transfers in %1\n").arg(CKXEngine::databaseFile()));
+    }
+    return 0;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    QCoreApplication app(argc, argv);
+    QCoreApplication::setApplicationName(QStringLiteral("kxtransfer"));
+    CKXCommandLine commandLine;
+    if (!commandLine.parse(app.arguments(), QProcessEnvironment::systemEnvironment())) {
+        printTo(
+            stderr,
+            QStringLiteral("kxtransfer: %1\n\n%2").arg(commandLine.errorText(), CKXCommandLine::usageText()));
+        return kUsageExit;
+    }
+    if (commandLine.helpRequested()) {
+        printTo(stdout, CKXCommandLine::usageText() + QLatin1Char('\n') + CKXCommandLine::locationsText());
+        return 0;
+    }
+    CKXInterrupt::install();
+    const KXToolOptions& options = commandLine.options();
+    if (options.command == QLatin1String("list")) {
+        return listTasks();
+    }
+    if (options.command == QLatin1String("demo")) {
+        // The demo sets the engine up and lets it go itself, before its temporary folders go.
+        CKXDemo demo(CKXProgressPrinter::detect(options.quiet));
+        const int code = demo.run();
+        std::fflush(stdout);
+        if (demo.threadsBusy()) {
+            ::_exit(code);
+        }
+        return code;
+    }
+    return runTransfer(options);
+}
