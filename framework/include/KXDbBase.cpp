@@ -81,11 +81,14 @@ ThreadConnections& threadConnections()
 // WAL lets one connection write while the others read and needs only one sync per commit instead
 // of the rollback journal's several; with WAL, synchronous=NORMAL still survives a crash of the
 // process and never corrupts the file, and a power cut can only lose the newest commits. The busy
-// timeout makes a connection wait for another one's write lock instead of failing at once.
+// timeout makes a connection wait for another one's write lock instead of failing at once. The
+// size limit gives back the disk space of the log after a large batch (a big file's block rows
+// are tens of megabytes) instead of keeping it beside the database for good.
 QSqlError configureConnection(QSqlDatabase& db)
 {
     QSqlQuery query(db);
-    for (const char* pragma : {"PRAGMA journal_mode=WAL", "PRAGMA synchronous=NORMAL"}) {
+    for (const char* pragma :
+         {"PRAGMA journal_mode=WAL", "PRAGMA synchronous=NORMAL", "PRAGMA journal_size_limit=4194304"}) {
         if (!query.exec(QString::fromLatin1(pragma))) {
             return query.lastError();
         }
