@@ -9,8 +9,8 @@
 namespace {
 
 const char* const kModuleFiles[] = {
-    "Login.log", "Main.log",     "Monitor.log", "LocalEdit.log", "Cef.log",
-    "Sync.log",  "TransMgr.log", "Transfer.log", "DB.log",       "Upgrade.log",
+    "Login.log", "Main.log",     "Monitor.log",  "LocalEdit.log", "Cef.log",
+    "Sync.log",  "TransMgr.log", "Transfer.log", "DB.log",        "Upgrade.log",
 };
 
 void enterOrCreate(QDir& dir, const QString& name)
@@ -46,8 +46,12 @@ QString CKXLoggerWrapper::getLogPathName(ModuleName module)
     if (module >= Login && module <= Upgrade) {
         name = QString::fromLatin1(kModuleFiles[module]);
     }
-    QDir dir(QStandardPaths::writableLocation(QStandardPaths::AppDataLocation));
-    dir.cdUp();
+    // The folder beside the application-data folder; taken from the path itself because
+    // QDir::cdUp refuses to leave a folder that does not exist yet.
+    const QString parent =
+        QFileInfo(QStandardPaths::writableLocation(QStandardPaths::AppDataLocation)).absolutePath();
+    QDir().mkpath(parent);
+    QDir dir(parent);
     enterOrCreate(dir, QStringLiteral("OrbalaData"));
     enterOrCreate(dir, QStringLiteral("Log"));
     return dir.absoluteFilePath(name);
@@ -66,8 +70,8 @@ void CKXLoggerWrapper::debug(const QString& message, const QString& sourceFile, 
     QtKXLogger::debug(m_handle, formatMessage(message, sourceFile, function, line));
 }
 
-void CKXLoggerWrapper::information(const QString& message, const QString& sourceFile,
-                                   const QString& function, int line)
+void CKXLoggerWrapper::information(const QString& message, const QString& sourceFile, const QString& function,
+                                   int line)
 {
     QtKXLogger::information(m_handle, formatMessage(message, sourceFile, function, line));
 }
