@@ -185,6 +185,7 @@ qint64 DeliveryQueryHash(const KXServerApiDeliveryQueryHashModel& model, Respons
     QJsonObject body;
     body.insert(QStringLiteral("path"), model.link.path);
     body.insert(QStringLiteral("size"), double(model.link.size));
+    body.insert(QStringLiteral("overwrite"), overwriteOf(model.link.overwrite));
     body.insert(QStringLiteral("hashes"), hashArray(model.blockHashes));
     return shareRequest(model.link, QStringLiteral("/upload/hash"))
         .shareSession(model.link.sessionId)
@@ -212,6 +213,7 @@ qint64 DeliveryCommitHash(const KXServerApiDeliveryCommitHashModel& model, Respo
     if (!model.uploadId.isEmpty())
         body.insert(QStringLiteral("upload_id"), model.uploadId);
     body.insert(QStringLiteral("size"), double(model.size));
+    body.insert(QStringLiteral("overwrite"), overwriteOf(model.link.overwrite));
     body.insert(QStringLiteral("hashes"), hashArray(model.blockHashes));
     return shareRequest(model.link, QStringLiteral("/upload/commit"))
         .shareSession(model.link.sessionId)
@@ -225,6 +227,7 @@ qint64 DeliveryUploadFile(const KXServerApiDeliveryUploadFileModel& model, Respo
     return shareRequest(model, QStringLiteral("/files"))
         .shareSession(model.sessionId)
         .query("path", model.path)
+        .query("overwrite", overwriteOf(model.overwrite))
         .putFile(model.localPath, model.size)
         .sendWithProgress(std::move(onResponse), std::move(onProgress));
 }

@@ -134,6 +134,7 @@ struct SERVERAPI_EXPORT KXServerApiDeliveryDataModel
     QString path;      // path inside the share (a file link: empty)
     QString localPath; // file to send (uploads)
     qint64 size = 0;   // bytes to send (uploads)
+    QString overwrite; // uploads: "true" replaces an existing file, as the authorisation asked
 };
 
 struct SERVERAPI_EXPORT KXServerApiDeliveryQueryHashModel

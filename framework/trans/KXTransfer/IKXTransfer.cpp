@@ -11,8 +11,8 @@
 
 namespace Transfer {
 
-long long init(const SubTaskInfo& task, TransferErrorCallback errorCallback, TransferProgressCallback progressCallback,
-               bool isUrl)
+long long init(const SubTaskInfo& task, TransferErrorCallback errorCallback,
+               TransferProgressCallback progressCallback, bool isUrl)
 {
     if (isUrl) {
         return CKXTransferManager::inst()->makeUrlTransfer(task, errorCallback, progressCallback);

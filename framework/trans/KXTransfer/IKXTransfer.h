@@ -15,7 +15,7 @@
 
 enum TransferConfigName
 {
-    TransferConfigUserPath = 1,          // prepares the task database and the task log
+    TransferConfigUserPath = 1,           // prepares the task database and the task log
     TransferConfigMaxConcurrentCount = 2, // blocks in flight per chunked file (decimal int)
     TransferConfigSpeedLimit = 3,         // per-second speed limit (decimal; stored, not applied)
 };
@@ -30,7 +30,8 @@ KXTRANSFER_EXPORT long long init(const SubTaskInfo& task, TransferErrorCallback 
 
 // Creates a download of a plain address into localPath.
 KXTRANSFER_EXPORT long long init(const QString& dataServer, const QString& localPath,
-                                 TransferErrorCallback errorCallback, TransferProgressCallback progressCallback);
+                                 TransferErrorCallback errorCallback,
+                                 TransferProgressCallback progressCallback);
 
 KXTRANSFER_EXPORT void setConfig(TransferConfigName name, QString value);
 KXTRANSFER_EXPORT void start(long long handle);

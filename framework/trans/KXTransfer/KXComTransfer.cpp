@@ -30,8 +30,7 @@ void closeFile(QFile* file)
 CKXComTransfer::CKXComTransfer(const SubTaskInfo& task, TransferErrorCallback errorCallback,
                                TransferProgressCallback progressCallback)
     : CKXTransfer(task, errorCallback, progressCallback)
-{
-}
+{}
 
 void CKXComTransfer::cancelTask()
 {
@@ -162,7 +161,8 @@ void CKXComTransfer::uploadTask()
                        .arg(task.subTaskId)
                        .arg(parser.statusCode())
                        .arg(parser.errorMsg().message));
-        errorHandler(static_cast<ErrorCode>(parser.errorCode()), parser.errorMsg().message, parser.statusCode());
+        errorHandler(static_cast<ErrorCode>(parser.errorCode()), parser.errorMsg().message,
+                     parser.statusCode());
         return;
     }
     TLOG_FATAL(QStringLiteral("文件上传完成 %1").arg(task.subTaskId));

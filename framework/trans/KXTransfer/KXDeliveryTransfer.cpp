@@ -13,15 +13,15 @@
 CKXDeliveryTransfer::CKXDeliveryTransfer(const SubTaskInfo& task, TransferErrorCallback errorCallback,
                                          TransferProgressCallback progressCallback)
     : CKXTransfer(task, errorCallback, progressCallback)
-{
-}
+{}
 
 void CKXDeliveryTransfer::cancelTask()
 {
     ServerApi::Cancel(m_requestId.load());
 }
 
-bool CKXDeliveryTransfer::canUpload(const SubTaskInfo& task, QString& message, long long& code, long long& httpCode)
+bool CKXDeliveryTransfer::canUpload(const SubTaskInfo& task, QString& message, long long& code,
+                                    long long& httpCode)
 {
     Q_UNUSED(httpCode)
     if (!task.isUpload) {
@@ -85,7 +85,8 @@ void CKXDeliveryTransfer::downloadTask()
                        .arg(id)
                        .arg(parser.errorCode())
                        .arg(parser.errorMsg().message));
-        errorHandler(static_cast<ErrorCode>(parser.errorCode()), parser.errorMsg().message, parser.statusCode());
+        errorHandler(static_cast<ErrorCode>(parser.errorCode()), parser.errorMsg().message,
+                     parser.statusCode());
         return;
     }
     TLOG_FATAL(QStringLiteral("文件上传完成 %1").arg(id));
@@ -119,7 +120,8 @@ void CKXDeliveryTransfer::uploadTask()
                        .arg(task.subTaskId)
                        .arg(parser.statusCode())
                        .arg(parser.errorMsg().message));
-        errorHandler(static_cast<ErrorCode>(parser.errorCode()), parser.errorMsg().message, parser.statusCode());
+        errorHandler(static_cast<ErrorCode>(parser.errorCode()), parser.errorMsg().message,
+                     parser.statusCode());
         return;
     }
     m_task->setNewMetadata(parser.meta());

@@ -3,8 +3,7 @@
 CKXDeltaTransfer::CKXDeltaTransfer(const SubTaskInfo& task, TransferErrorCallback errorCallback,
                                    TransferProgressCallback progressCallback)
     : CKXTransfer(task, errorCallback, progressCallback)
-{
-}
+{}
 
 void CKXDeltaTransfer::run()
 {

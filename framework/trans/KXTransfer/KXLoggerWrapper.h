@@ -55,7 +55,7 @@ private:
 // The source path of the calling file without its extension, as log lines name their source.
 QString kxLogSource(const char* file);
 
-#define KX_LOG_AT(inst, level, msg)                                                                   \
+#define KX_LOG_AT(inst, level, msg)                                                                          \
     CKXLoggerWrapper::inst()->level((msg), kxLogSource(__FILE__), QString::fromLatin1(__func__), __LINE__)
 
 // Engine log ("Transfer.log").

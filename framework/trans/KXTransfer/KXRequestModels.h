@@ -24,7 +24,10 @@ public:
     // Share links: the link, its password and session, and the path inside the share.
     static KXServerApiDeliveryDataModel deliveryData(const SubTaskInfo& task);
     static KXServerApiDeliveryAuthUploadModel deliveryAuthUpload(const SubTaskInfo& task);
-    static KXServerApiDeliveryQueryHashModel deliveryQueryHash(const SubTaskInfo& task, const QString& blockHash);
-    static KXServerApiDeliveryCommitHashModel deliveryCommitHash(const SubTaskInfo& task, const QStringList& hashes);
-    static KXSeverApiDeliveryDLRouterModel deliveryDownloadRouter(const SubTaskInfo& task, const QString& range);
+    static KXServerApiDeliveryQueryHashModel deliveryQueryHash(const SubTaskInfo& task,
+                                                               const QString& blockHash);
+    static KXServerApiDeliveryCommitHashModel deliveryCommitHash(const SubTaskInfo& task,
+                                                                 const QStringList& hashes);
+    static KXSeverApiDeliveryDLRouterModel deliveryDownloadRouter(const SubTaskInfo& task,
+                                                                  const QString& range);
 };

@@ -174,8 +174,8 @@ qint64 CKXTransfer::metadata(const SubTaskInfo& task, std::function<void(const R
 
 qint64 CKXTransfer::authUpload(const SubTaskInfo& task, std::function<void(const ResponseData&)> callback)
 {
-    return ServerApi::AuthUpload(CKXRequestModels::entry(task), QFileInfo(task.localFile.path).size(), callback,
-                                 CKXRequestModels::route(task));
+    return ServerApi::AuthUpload(CKXRequestModels::entry(task), QFileInfo(task.localFile.path).size(),
+                                 callback, CKXRequestModels::route(task));
 }
 
 bool CKXTransfer::canUpload(const SubTaskInfo& task, QString& message, long long& code, long long& httpCode)
@@ -227,8 +227,9 @@ QString CKXTransfer::duplicateNameHandler(const QString& path)
     const QString base = info.completeBaseName();
     const QString suffix = info.suffix();
     for (qint64 n = 1;; ++n) {
-        const QString name = QStringLiteral("%1%2%3%4.%5")
-                                 .arg(base, QStringLiteral("("), QString::number(n), QStringLiteral(")"), suffix);
+        const QString name =
+            QStringLiteral("%1%2%3%4.%5")
+                .arg(base, QStringLiteral("("), QString::number(n), QStringLiteral(")"), suffix);
         const QString candidate = dir.absoluteFilePath(name);
         if (!KXUtil::isExist(candidate)) {
             return candidate;
@@ -255,7 +256,8 @@ bool CKXTransfer::renameTmpFile(ErrorCode& code, QString& message)
     }
     TLOG_FATAL(QStringLiteral("文件目标路径:%1").arg(dest));
     if (dest.isEmpty()) {
-        TLOG_FATAL(QStringLiteral("文件目标路径为空:%1 原始路径为:%2 临时路径为:%3").arg(dest, localPath, tmp));
+        TLOG_FATAL(
+            QStringLiteral("文件目标路径为空:%1 原始路径为:%2 临时路径为:%3").arg(dest, localPath, tmp));
         code = LocalFileError;
         message = tr("本地文件不存在");
         return false;
@@ -357,8 +359,9 @@ void CKXTransfer::serverLogging(const QString& event, const SubTaskInfo& task)
     const QString name = KXUtil::fileName(remotePath);
     request(
         [&](ServerApi::ResponseCallback done) {
-            return ServerApi::RPCServerLogging(event, folder, name, task.remoteFile.pathType, task.remoteFile.neid,
-                                               task.remoteFile.reservedText1, QString(), done);
+            return ServerApi::RPCServerLogging(event, folder, name, task.remoteFile.pathType,
+                                               task.remoteFile.neid, task.remoteFile.reservedText1, QString(),
+                                               done);
         },
         nullptr);
 }

@@ -11,8 +11,7 @@
 CKXUrlTransfer::CKXUrlTransfer(const SubTaskInfo& task, TransferErrorCallback errorCallback,
                                TransferProgressCallback progressCallback)
     : CKXTransfer(task, errorCallback, progressCallback)
-{
-}
+{}
 
 bool CKXUrlTransfer::begin()
 {
@@ -80,7 +79,8 @@ void CKXUrlTransfer::downloadTask()
     file->close();
     file->deleteLater();
     if (parser.hasError()) {
-        errorHandler(static_cast<ErrorCode>(parser.errorCode()), parser.errorMsg().message, parser.statusCode());
+        errorHandler(static_cast<ErrorCode>(parser.errorCode()), parser.errorMsg().message,
+                     parser.statusCode());
         return;
     }
     ErrorCode code = NoError;
@@ -113,7 +113,8 @@ void CKXUrlTransfer::uploadTask()
                        .arg(id)
                        .arg(parser.statusCode())
                        .arg(parser.errorMsg().message));
-        errorHandler(static_cast<ErrorCode>(parser.errorCode()), parser.errorMsg().message, parser.statusCode());
+        errorHandler(static_cast<ErrorCode>(parser.errorCode()), parser.errorMsg().message,
+                     parser.statusCode());
         return;
     }
     TLOG_FATAL(QStringLiteral("文件上传完成 %1").arg(id));
