@@ -1,0 +1,392 @@
+#include "KXFileService.h"
+
+#include "KXBlockCutter.h"
+#include "KXBlockStore.h"
+#include "KXMetaStore.h"
+#include "KXRangeReader.h"
+#include "KXRequest.h"
+#include "KXServerOptions.h"
+#include "KXServerPath.h"
+#include "KXServerStats.h"
+#include "KXSha256.h"
+
+#include <QJsonArray>
+
+#include <httplib.h>
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <ctime>
+#include <set>
+
+namespace {
+
+bool parseCount(const std::string& text, qint64* out)
+{
+    if (text.empty() || text.size() > 18 || !std::all_of(text.begin(), text.end(), ::isdigit)) {
+        return false;
+    }
+    *out = std::stoll(text);
+    return true;
+}
+
+std::string trim(const std::string& text)
+{
+    size_t first = text.find_first_not_of(" \t");
+    size_t last = text.find_last_not_of(" \t");
+    return first == std::string::npos ? std::string() : text.substr(first, last - first + 1);
+}
+
+// One "bytes=a-b", "bytes=a-" or "bytes=-n" range against a file of `size` bytes; false when it
+// cannot be satisfied (several ranges included: the protocol serves exactly one).
+bool parseRange(const std::string& header, qint64 size, qint64* start, qint64* end)
+{
+    std::string spec = trim(header);
+    if (spec.compare(0, 6, "bytes=") != 0 || spec.find(',') != std::string::npos) {
+        return false;
+    }
+    size_t dash = spec.find('-', 6);
+    if (dash == std::string::npos || size <= 0) {
+        return false;
+    }
+    std::string first = trim(spec.substr(6, dash - 6));
+    std::string last = trim(spec.substr(dash + 1));
+    qint64 a = 0;
+    qint64 b = size - 1;
+    if (first.empty()) {
+        if (!parseCount(last, &a) || a == 0) {
+            return false;
+        }
+        a = std::max<qint64>(0, size - a);
+    } else if (!parseCount(first, &a) || (!last.empty() && !parseCount(last, &b))) {
+        return false;
+    }
+    b = std::min(b, size - 1);
+    if (a >= size || a > b) {
+        return false;
+    }
+    *start = a;
+    *end = b;
+    return true;
+}
+
+bool hasDeniedSuffix(const std::string& name, const std::vector<std::string>& suffixes)
+{
+    auto lower = [](std::string s) {
+        std::transform(s.begin(), s.end(), s.begin(), [](unsigned char c) { return std::tolower(c); });
+        return s;
+    };
+    std::string lowered = lower(name);
+    for (const std::string& suffix : suffixes) {
+        std::string s = lower(suffix);
+        if (!s.empty() && lowered.size() >= s.size() &&
+            lowered.compare(lowered.size() - s.size(), s.size(), s) == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+std::string flipLastDigit(std::string hash)
+{
+    hash.back() = hash.back() == '0' ? '1' : '0';
+    return hash;
+}
+
+qint64 now()
+{
+    return static_cast<qint64>(std::time(nullptr));
+}
+
+} // namespace
+
+CKXFileService::CKXFileService(CKXMetaStore& meta, CKXBlockStore& blocks, CKXServerStats& stats,
+                               const ServerOptions& options)
+    : m_meta(meta), m_blocks(blocks), m_stats(stats), m_options(options)
+{}
+
+std::string CKXFileService::uploadIdFor(const Target& target, qint64 size)
+{
+    return CKXSha256::hex("kx-upload:" + target.space + "\n" + target.path + "\n" + std::to_string(size))
+        .substr(0, 32);
+}
+
+QJsonObject CKXFileService::metadataJson(const EntryInfo& entry)
+{
+    return QJsonObject{{"path", QString::fromStdString(entry.path)},
+                       {"is_dir", entry.isDir},
+                       {"bytes", static_cast<double>(entry.size)},
+                       {"rev", QString::number(entry.rev)},
+                       {"neid", QString::number(entry.id)},
+                       {"modified", static_cast<double>(entry.mtime)},
+                       {"blocks", static_cast<double>(entry.blockCount)}};
+}
+
+ServerError CKXFileService::checkUpload(const Target& target, bool overwrite, qint64 size)
+{
+    if (hasDeniedSuffix(KXServerPath::nameOf(target.path), m_options.denySuffixes)) {
+        return ServerError::make(415, "file type limit", "files named like " + target.path + " are refused");
+    }
+    return m_meta.checkTarget(target, overwrite, size, m_options.quota);
+}
+
+ServerError CKXFileService::preflightFile(const httplib::Request& req, const Target& target, bool overwrite)
+{
+    qint64 length = 0;
+    if (!parseCount(req.get_header_value("Content-Length"), &length)) {
+        return ServerError::make(411, "bad request", "a whole-file upload needs a Content-Length");
+    }
+    return checkUpload(target, overwrite, length);
+}
+
+ServerError CKXFileService::preflightBlock(const httplib::Request& req)
+{
+    qint64 length = 0;
+    std::string announced = req.get_header_value("Content-Length");
+    if (!announced.empty() && (!parseCount(announced, &length) || length > kBlockSize)) {
+        return ServerError::make(413, "block too large", "a block holds at most 4194304 bytes");
+    }
+    if (req.get_param_value("upload_id").empty()) {
+        return ServerError::make(400, "bad request", "upload_id is required");
+    }
+    if (!CKXSha256::isHexDigest(
+            QString::fromStdString(req.get_param_value("hash")).toLower().toStdString())) {
+        return ServerError::make(400, "bad request", "hash must be a SHA-256 in hex");
+    }
+    return {};
+}
+
+ServerError CKXFileService::uploadSession(const std::string& id, UploadSession* out)
+{
+    if (!m_meta.uploadSession(id, out)) {
+        return ServerError::make(404, "source not found", "unknown upload_id " + id);
+    }
+    return {};
+}
+
+void CKXFileService::receiveFile(CKXRequest& r, const Target& target, bool overwrite, qint64 mtime)
+{
+    ServerError e = preflightFile(r.http(), target, overwrite);
+    if (!e.ok()) {
+        return r.replyError(e);
+    }
+    qint64 expected = r.contentLength();
+    CKXBlockCutter cutter(m_blocks);
+    bool received = r.readBody([&](const char* data, size_t size) {
+        m_stats.add(CKXServerStats::FileUploadBytes, static_cast<qint64>(size));
+        return cutter.feed(data, size);
+    });
+    bool stored = cutter.error().empty() && (!received || cutter.finish());
+    m_stats.add(CKXServerStats::BlocksStored, cutter.storedCount());
+    m_stats.add(CKXServerStats::BlocksDeduplicated, cutter.dedupCount());
+    if (!stored) {
+        return r.replyError(ServerError::make(500, "internal", cutter.error()));
+    }
+    if (!received || cutter.total() != expected) {
+        return r.replyError(
+            ServerError::make(400, "bad request", "body shorter than Content-Length; nothing stored"));
+    }
+    CommitSpec spec{target, cutter.blocks(), expected, mtime > 0 ? mtime : now(), overwrite,
+                    true,   m_options.quota};
+    EntryInfo entry;
+    e = m_meta.commitFile(spec, &entry);
+    if (!e.ok()) {
+        return r.replyError(e);
+    }
+    m_stats.add(CKXServerStats::FileUploads);
+    r.replyJson(metadataJson(entry));
+}
+
+void CKXFileService::sendFile(CKXRequest& r, const Target& target, const std::string& rev,
+                              const char* notFoundCode)
+{
+    EntryInfo entry;
+    if (!m_meta.entry(target, &entry) || (!rev.empty() && !entry.isDir && rev != std::to_string(entry.rev))) {
+        return r.replyError(
+            ServerError::make(404, notFoundCode, "no such file (or revision): " + target.path));
+    }
+    if (entry.isDir) {
+        return r.replyError(ServerError::make(409, "conflict with folder", target.path + " is a folder"));
+    }
+    if (entry.virus) {
+        return r.replyError(
+            ServerError::make(403, "download_file_VirusF", target.path + " is flagged as a virus"));
+    }
+    std::vector<BlockRef> blocks = m_meta.blocksOf(entry.id);
+    for (const BlockRef& block : blocks) {
+        if (m_blocks.sizeOf(block.hash) != block.size) {
+            return r.replyError(ServerError::make(500, "internal", "block " + block.hash + " is missing"));
+        }
+    }
+    // httplib would cut the body a second time by its own reading of Range (without clamping
+    // the end to the file); ranges are answered here alone. The Request object is httplib's own
+    // non-const local, so clearing it is safe.
+    const_cast<httplib::Request&>(r.http()).ranges.clear();
+    qint64 start = 0;
+    qint64 end = entry.size - 1;
+    httplib::Response& res = r.response();
+    std::string range = r.header("Range");
+    if (!range.empty() && !parseRange(range, entry.size, &start, &end)) {
+        res.set_header("Content-Range", "bytes */" + std::to_string(entry.size));
+        return r.replyError(ServerError::make(416, "invalid range", "cannot serve '" + range + "'"));
+    }
+    if (!range.empty()) {
+        res.set_header("Content-Range", "bytes " + std::to_string(start) + "-" + std::to_string(end) + "/" +
+                                            std::to_string(entry.size));
+    }
+    res.status = range.empty() ? 200 : 206;
+    res.set_header("Accept-Ranges", "bytes");
+    res.set_header("ETag", "\"" + std::to_string(entry.rev) + "\"");
+    m_stats.add(CKXServerStats::Downloads);
+    streamBody(r, std::move(blocks), start, end - start + 1);
+}
+
+void CKXFileService::streamBody(CKXRequest& r, std::vector<BlockRef> blocks, qint64 start, qint64 length)
+{
+    if (length <= 0) {
+        r.response().set_content("", "application/octet-stream");
+        return;
+    }
+    auto reader = std::make_shared<CKXRangeReader>(m_blocks, std::move(blocks));
+    // A drop fault sends the first half of the body, then cuts the connection.
+    qint64 limit = r.takeDrop() ? length / 2 : length;
+    std::shared_ptr<void> inflight = r.inflightToken();
+    CKXServerStats* stats = &m_stats;
+    auto provider = [reader, start, limit, inflight, stats](size_t offset, size_t want,
+                                                            httplib::DataSink& sink) {
+        std::array<char, 65536> buffer;
+        qint64 at = static_cast<qint64>(offset);
+        if (at >= limit) {
+            return false;
+        }
+        qint64 chunk = std::min<qint64>({static_cast<qint64>(want), limit - at, qint64(buffer.size())});
+        qint64 n = reader->read(start + at, buffer.data(), chunk);
+        if (n <= 0 || !sink.write(buffer.data(), static_cast<size_t>(n))) {
+            return false;
+        }
+        stats->add(CKXServerStats::DownloadBytes, n);
+        return true;
+    };
+    r.response().set_content_provider(static_cast<size_t>(length), "application/octet-stream", provider);
+}
+
+void CKXFileService::queryHash(CKXRequest& r, const Target& target, qint64 size, bool overwrite,
+                               const std::vector<std::string>& hashes)
+{
+    ServerError e = checkUpload(target, overwrite, size);
+    if (!e.ok()) {
+        return r.replyError(e);
+    }
+    UploadSession session{uploadIdFor(target, size), target.space, target.path, size};
+    if (!m_meta.saveUploadSession(session)) {
+        return r.replyError(ServerError::make(500, "internal", "cannot save the upload session"));
+    }
+    QJsonArray needed;
+    std::set<std::string> seen;
+    for (const std::string& hash : hashes) {
+        if (seen.insert(hash).second && m_blocks.sizeOf(hash) < 0) {
+            needed.append(QString::fromStdString(hash));
+        }
+    }
+    m_stats.add(CKXServerStats::HashQueries);
+    r.replyJson(QJsonObject{{"upload_id", QString::fromStdString(session.id)}, {"needed_block", needed}});
+}
+
+void CKXFileService::receiveBlock(CKXRequest& r, const UploadSession& session, const std::string& hash)
+{
+    std::string data;
+    data.reserve(static_cast<size_t>(std::clamp<qint64>(r.contentLength(), 0, kBlockSize)));
+    bool tooLarge = false;
+    bool complete = r.readBody([&](const char* bytes, size_t size) {
+        tooLarge = static_cast<qint64>(data.size() + size) > kBlockSize;
+        if (!tooLarge) {
+            data.append(bytes, size);
+            m_stats.add(CKXServerStats::BlockBytes, static_cast<qint64>(size));
+        }
+        return !tooLarge;
+    });
+    if (tooLarge || !complete) {
+        return r.replyError(
+            tooLarge ? ServerError::make(413, "block too large", "a block holds at most 4194304 bytes")
+                     : ServerError::make(400, "bad request", "the block body ended early"));
+    }
+    std::string computed = CKXSha256::hex(data);
+    if (computed != hash) {
+        return r.replyError(
+            ServerError::make(400, "invalid.hash", "the block hashes to " + computed + ", not " + hash));
+    }
+    std::string error;
+    CKXBlockStore::PutResult put = m_blocks.put(computed, data.data(), data.size(), &error);
+    if (put == CKXBlockStore::PutResult::Failed) {
+        return r.replyError(ServerError::make(500, "internal", error));
+    }
+    m_stats.add(put == CKXBlockStore::PutResult::Stored ? CKXServerStats::BlocksStored
+                                                        : CKXServerStats::BlocksDeduplicated);
+    m_stats.add(CKXServerStats::BlockUploads);
+    std::string answered = r.faultIs("wrong_hash") ? flipLastDigit(computed) : computed;
+    r.replyJson(QJsonObject{{"upload_id", QString::fromStdString(session.id)},
+                            {"hash", QString::fromStdString(answered)},
+                            {"status", QStringLiteral("ok")}});
+}
+
+ServerError CKXFileService::resolveUploadId(const Target& target, qint64 size, const std::string& given,
+                                            std::string* out)
+{
+    *out = uploadIdFor(target, size);
+    if (given.empty() || given == *out) {
+        return {};
+    }
+    // A session of the same target with another size still names this upload: the commit then
+    // fails on the sizes, as it should.
+    UploadSession session;
+    ServerError e = uploadSession(given, &session);
+    if (e.ok() && session.space == target.space && session.path == target.path) {
+        *out = given;
+        return {};
+    }
+    return e.ok() ? ServerError::make(400, "bad request", "upload_id " + given + " belongs to another file")
+                  : e;
+}
+
+void CKXFileService::commit(CKXRequest& r, CommitSpec spec, const std::vector<std::string>& hashes,
+                            const std::string& uploadId)
+{
+    std::string id;
+    ServerError e = resolveUploadId(spec.target, spec.size, uploadId, &id);
+    e = e.ok() ? checkUpload(spec.target, spec.overwrite, spec.size) : e;
+    if (!e.ok()) {
+        return r.replyError(e);
+    }
+    QJsonArray needed;
+    std::set<std::string> missing;
+    qint64 total = 0;
+    spec.blocks.clear();
+    for (const std::string& hash : hashes) {
+        qint64 size = m_blocks.sizeOf(hash);
+        if (size < 0 && missing.insert(hash).second) {
+            needed.append(QString::fromStdString(hash));
+        }
+        spec.blocks.push_back(BlockRef{hash, size});
+        total += std::max<qint64>(size, 0);
+    }
+    if (!needed.isEmpty()) {
+        return r.replyJson(QJsonObject{{"needed_block", needed}, {"upload_id", QString::fromStdString(id)}});
+    }
+    if (total != spec.size) {
+        return r.replyError(ServerError::make(400, "content_hash_error",
+                                              "the blocks add up to " + std::to_string(total) +
+                                                  " bytes, not " + std::to_string(spec.size)));
+    }
+    spec.quota = m_options.quota;
+    spec.mtime = spec.mtime > 0 ? spec.mtime : now();
+    EntryInfo entry;
+    e = m_meta.commitFile(spec, &entry);
+    if (!e.ok()) {
+        return r.replyError(e);
+    }
+    m_stats.add(CKXServerStats::Commits);
+    r.replyJson(QJsonObject{{"needed_block", QJsonArray()},
+                            {"upload_id", QString::fromStdString(id)},
+                            {"metadata", metadataJson(entry)}});
+}

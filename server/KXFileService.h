@@ -1,0 +1,63 @@
+#pragma once
+
+// The file operations behind both the account routes and the share-link routes, once the caller
+// has authenticated the request and resolved its target: whole-file upload and download (with
+// one byte range), hash query, block upload and commit.
+//
+// Created once by the server and used by all connection threads; it keeps no state of its own.
+
+#include "KXServerTypes.h"
+
+#include <QJsonObject>
+
+#include <string>
+#include <vector>
+
+namespace httplib {
+struct Request;
+}
+
+class CKXBlockStore;
+class CKXMetaStore;
+class CKXRequest;
+class CKXServerStats;
+struct ServerOptions;
+
+class CKXFileService
+{
+public:
+    CKXFileService(CKXMetaStore& meta, CKXBlockStore& blocks, CKXServerStats& stats,
+                   const ServerOptions& options);
+
+    // The upload session of a target: the same file (space, path, size) always gets the same id.
+    static std::string uploadIdFor(const Target& target, qint64 size);
+    static QJsonObject metadataJson(const EntryInfo& entry);
+
+    // Everything that can be refused before any byte is sent: name suffix, parents, folder in the
+    // way, existing name, lock, quota.
+    ServerError checkUpload(const Target& target, bool overwrite, qint64 size);
+    // checkUpload for a whole-file body, whose Content-Length is required.
+    ServerError preflightFile(const httplib::Request& req, const Target& target, bool overwrite);
+    // Block uploads: Content-Length at most 4 MiB, a well-formed hash and an upload_id.
+    static ServerError preflightBlock(const httplib::Request& req);
+    ServerError uploadSession(const std::string& id, UploadSession* out);
+
+    void receiveFile(CKXRequest& r, const Target& target, bool overwrite, qint64 mtime);
+    void sendFile(CKXRequest& r, const Target& target, const std::string& rev, const char* notFoundCode);
+    void queryHash(CKXRequest& r, const Target& target, qint64 size, bool overwrite,
+                   const std::vector<std::string>& hashes);
+    void receiveBlock(CKXRequest& r, const UploadSession& session, const std::string& hash);
+    // `spec.blocks` is filled here from `hashes`; `uploadId` may be empty.
+    void commit(CKXRequest& r, CommitSpec spec, const std::vector<std::string>& hashes,
+                const std::string& uploadId);
+
+private:
+    ServerError resolveUploadId(const Target& target, qint64 size, const std::string& given,
+                                std::string* out);
+    void streamBody(CKXRequest& r, std::vector<BlockRef> blocks, qint64 start, qint64 length);
+
+    CKXMetaStore& m_meta;
+    CKXBlockStore& m_blocks;
+    CKXServerStats& m_stats;
+    const ServerOptions& m_options;
+};

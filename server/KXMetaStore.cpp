@@ -1,0 +1,478 @@
+#include "KXMetaStore.h"
+
+#include "KXServerPath.h"
+
+#include <sqlite3.h>
+
+#include <ctime>
+
+namespace {
+
+const char* const kSchema = R"SQL(
+CREATE TABLE IF NOT EXISTS entries(
+  id INTEGER PRIMARY KEY AUTOINCREMENT,
+  space TEXT NOT NULL, path TEXT NOT NULL, parent TEXT NOT NULL, name TEXT NOT NULL,
+  is_dir INTEGER NOT NULL, size INTEGER NOT NULL DEFAULT 0, rev INTEGER NOT NULL DEFAULT 1,
+  mtime INTEGER NOT NULL, locked INTEGER NOT NULL DEFAULT 0, virus INTEGER NOT NULL DEFAULT 0,
+  UNIQUE(space, path));
+CREATE INDEX IF NOT EXISTS entries_parent ON entries(space, parent);
+CREATE TABLE IF NOT EXISTS file_blocks(
+  entry_id INTEGER NOT NULL, idx INTEGER NOT NULL, hash TEXT NOT NULL, size INTEGER NOT NULL,
+  PRIMARY KEY(entry_id, idx));
+CREATE TABLE IF NOT EXISTS upload_sessions(
+  id TEXT PRIMARY KEY, space TEXT NOT NULL, path TEXT NOT NULL, size INTEGER NOT NULL,
+  created INTEGER NOT NULL);
+CREATE TABLE IF NOT EXISTS shares(
+  code TEXT PRIMARY KEY, owner TEXT NOT NULL, space TEXT NOT NULL, path TEXT NOT NULL,
+  upload INTEGER NOT NULL, password TEXT NOT NULL, created INTEGER NOT NULL);
+CREATE TABLE IF NOT EXISTS share_sessions(
+  digest TEXT PRIMARY KEY, code TEXT NOT NULL, created INTEGER NOT NULL);
+)SQL";
+
+const char* const kEntryColumns =
+    "SELECT id, path, is_dir, size, rev, mtime, locked, virus,"
+    " (SELECT COUNT(*) FROM file_blocks WHERE entry_id = entries.id) FROM entries ";
+
+// One prepared statement; finalised when it goes out of scope.
+class Statement
+{
+public:
+    Statement(sqlite3* db, const std::string& sql)
+    {
+        if (sqlite3_prepare_v2(db, sql.c_str(), -1, &m_stmt, nullptr) != SQLITE_OK) {
+            m_stmt = nullptr;
+        }
+    }
+    ~Statement() { sqlite3_finalize(m_stmt); }
+    Statement(const Statement&) = delete;
+    Statement& operator=(const Statement&) = delete;
+
+    Statement& bind(int index, const std::string& value)
+    {
+        sqlite3_bind_text(m_stmt, index, value.data(), static_cast<int>(value.size()), SQLITE_TRANSIENT);
+        return *this;
+    }
+    Statement& bind(int index, qint64 value)
+    {
+        sqlite3_bind_int64(m_stmt, index, value);
+        return *this;
+    }
+    // true while a row is available
+    bool next() { return m_stmt && sqlite3_step(m_stmt) == SQLITE_ROW; }
+    // runs a statement that returns no rows
+    bool run() { return m_stmt && sqlite3_step(m_stmt) == SQLITE_DONE; }
+    qint64 integer(int column) const { return sqlite3_column_int64(m_stmt, column); }
+    std::string text(int column) const
+    {
+        const unsigned char* value = sqlite3_column_text(m_stmt, column);
+        return value ? std::string(reinterpret_cast<const char*>(value),
+                                   static_cast<size_t>(sqlite3_column_bytes(m_stmt, column)))
+                     : std::string();
+    }
+
+private:
+    sqlite3_stmt* m_stmt = nullptr;
+};
+
+// Rolls back unless committed.
+class Transaction
+{
+public:
+    explicit Transaction(sqlite3* db) : m_db(db)
+    {
+        m_open = sqlite3_exec(db, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) == SQLITE_OK;
+    }
+    ~Transaction()
+    {
+        if (m_open) {
+            sqlite3_exec(m_db, "ROLLBACK", nullptr, nullptr, nullptr);
+        }
+    }
+    bool begun() const { return m_open; }
+    bool commit()
+    {
+        m_open = sqlite3_exec(m_db, "COMMIT", nullptr, nullptr, nullptr) != SQLITE_OK;
+        return !m_open;
+    }
+
+private:
+    sqlite3* m_db;
+    bool m_open;
+};
+
+EntryInfo readEntry(const Statement& row)
+{
+    EntryInfo e;
+    e.id = row.integer(0);
+    e.path = row.text(1);
+    e.isDir = row.integer(2) != 0;
+    e.size = row.integer(3);
+    e.rev = row.integer(4);
+    e.mtime = row.integer(5);
+    e.locked = row.integer(6) != 0;
+    e.virus = row.integer(7) != 0;
+    e.blockCount = row.integer(8);
+    return e;
+}
+
+qint64 now()
+{
+    return static_cast<qint64>(std::time(nullptr));
+}
+
+ServerError notFound(const std::string& path)
+{
+    return ServerError::make(404, "nameentry_not_exist", "no such file or folder: " + path);
+}
+
+} // namespace
+
+CKXMetaStore::~CKXMetaStore()
+{
+    sqlite3_close_v2(m_db);
+}
+
+bool CKXMetaStore::open(const std::string& path, std::string* error)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX;
+    if (sqlite3_open_v2(path.c_str(), &m_db, flags, nullptr) != SQLITE_OK) {
+        *error = "cannot open " + path + ": " + (m_db ? sqlite3_errmsg(m_db) : "out of memory");
+        return false;
+    }
+    sqlite3_busy_timeout(m_db, 10000);
+    if (!execLocked("PRAGMA journal_mode=WAL") || !execLocked("PRAGMA synchronous=FULL") ||
+        !execLocked(kSchema)) {
+        *error = "cannot prepare " + path + ": " + sqlite3_errmsg(m_db);
+        return false;
+    }
+    return true;
+}
+
+bool CKXMetaStore::execLocked(const char* sql)
+{
+    return sqlite3_exec(m_db, sql, nullptr, nullptr, nullptr) == SQLITE_OK;
+}
+
+ServerError CKXMetaStore::internalLocked(const std::string& what)
+{
+    return ServerError::make(500, "internal", what + ": " + sqlite3_errmsg(m_db));
+}
+
+bool CKXMetaStore::entry(const Target& target, EntryInfo* out)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return lookupLocked(target, out);
+}
+
+bool CKXMetaStore::lookupLocked(const Target& target, EntryInfo* out)
+{
+    if (target.path == "/") {
+        *out = EntryInfo();
+        out->path = "/";
+        out->isDir = true;
+        out->rev = 1;
+        return true;
+    }
+    Statement q(m_db, std::string(kEntryColumns) + "WHERE space = ? AND path = ?");
+    q.bind(1, target.space).bind(2, target.path);
+    if (!q.next()) {
+        return false;
+    }
+    *out = readEntry(q);
+    return true;
+}
+
+std::vector<EntryInfo> CKXMetaStore::children(const Target& folder, const ListOptions& options)
+{
+    const char* column = options.sort == "size" ? "size" : options.sort == "mtime" ? "mtime" : "name";
+    std::string sql = std::string(kEntryColumns) + "WHERE space = ? AND parent = ?" +
+                      (options.includeFiles ? "" : " AND is_dir = 1") + " ORDER BY " + column +
+                      (options.descending ? " DESC" : " ASC") + ", name ASC LIMIT ? OFFSET ?";
+    std::lock_guard<std::mutex> lock(m_mutex);
+    Statement q(m_db, sql);
+    q.bind(1, folder.space).bind(2, folder.path).bind(3, options.limit).bind(4, options.offset);
+    std::vector<EntryInfo> out;
+    while (q.next()) {
+        out.push_back(readEntry(q));
+    }
+    return out;
+}
+
+std::vector<BlockRef> CKXMetaStore::blocksOf(qint64 entryId)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    Statement q(m_db, "SELECT hash, size FROM file_blocks WHERE entry_id = ? ORDER BY idx");
+    q.bind(1, entryId);
+    std::vector<BlockRef> out;
+    while (q.next()) {
+        out.push_back(BlockRef{q.text(0), q.integer(1)});
+    }
+    return out;
+}
+
+qint64 CKXMetaStore::usageLocked(const std::string& space)
+{
+    Statement q(m_db, "SELECT COALESCE(SUM(size), 0) FROM entries WHERE space = ? AND is_dir = 0");
+    q.bind(1, space);
+    return q.next() ? q.integer(0) : 0;
+}
+
+ServerError CKXMetaStore::ancestorConflictLocked(const Target& target)
+{
+    std::vector<std::string> folders = KXServerPath::ancestors(target.path);
+    for (size_t i = 0; i < folders.size(); ++i) {
+        EntryInfo e;
+        if (!lookupLocked(Target{target.space, folders[i]}, &e)) {
+            break;
+        }
+        if (!e.isDir) {
+            return ServerError::make(
+                409, i == 0 ? "root parent folder conflict with file" : "parent folder conflict with file",
+                folders[i] + " is a file");
+        }
+    }
+    return {};
+}
+
+ServerError CKXMetaStore::checkTarget(const Target& target, bool overwrite, qint64 newSize, qint64 quota)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return checkTargetLocked(target, overwrite, newSize, quota);
+}
+
+ServerError CKXMetaStore::checkTargetLocked(const Target& target, bool overwrite, qint64 newSize,
+                                            qint64 quota)
+{
+    if (target.path == "/") {
+        return ServerError::make(409, "conflict with folder", "/ is a folder");
+    }
+    ServerError e = ancestorConflictLocked(target);
+    if (!e.ok()) {
+        return e;
+    }
+    EntryInfo current;
+    bool exists = lookupLocked(target, &current);
+    if (exists && current.isDir) {
+        return ServerError::make(409, "conflict with folder", target.path + " is a folder");
+    }
+    if (exists && !overwrite) {
+        return ServerError::make(409, "target name exists", target.path + " exists");
+    }
+    if (exists && current.locked) {
+        return ServerError::make(423, "file is locked", target.path + " is locked");
+    }
+    if (quota > 0 && usageLocked(target.space) - (exists ? current.size : 0) + newSize > quota) {
+        return ServerError::make(507, "space limit", "the upload would exceed the quota");
+    }
+    return {};
+}
+
+bool CKXMetaStore::sameBlocksLocked(qint64 entryId, const std::vector<BlockRef>& blocks)
+{
+    Statement q(m_db, "SELECT hash, size FROM file_blocks WHERE entry_id = ? ORDER BY idx");
+    q.bind(1, entryId);
+    size_t i = 0;
+    for (; q.next(); ++i) {
+        if (i >= blocks.size() || q.text(0) != blocks[i].hash || q.integer(1) != blocks[i].size) {
+            return false;
+        }
+    }
+    return i == blocks.size();
+}
+
+bool CKXMetaStore::insertEntryLocked(const Target& target, bool isDir, qint64 size, qint64 mtime, qint64* id)
+{
+    Statement q(m_db, "INSERT INTO entries(space, path, parent, name, is_dir, size, rev, mtime)"
+                      " VALUES(?, ?, ?, ?, ?, ?, 1, ?)");
+    q.bind(1, target.space).bind(2, target.path).bind(3, KXServerPath::parentOf(target.path));
+    q.bind(4, KXServerPath::nameOf(target.path)).bind(5, qint64(isDir ? 1 : 0)).bind(6, size).bind(7, mtime);
+    if (!q.run()) {
+        return false;
+    }
+    *id = sqlite3_last_insert_rowid(m_db);
+    return true;
+}
+
+bool CKXMetaStore::ensureParentsLocked(const Target& target, qint64 mtime)
+{
+    for (const std::string& folder : KXServerPath::ancestors(target.path)) {
+        EntryInfo e;
+        qint64 id = 0;
+        if (!lookupLocked(Target{target.space, folder}, &e) &&
+            !insertEntryLocked(Target{target.space, folder}, true, 0, mtime, &id)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool CKXMetaStore::writeBlocksLocked(qint64 entryId, const std::vector<BlockRef>& blocks)
+{
+    Statement clear(m_db, "DELETE FROM file_blocks WHERE entry_id = ?");
+    if (!clear.bind(1, entryId).run()) {
+        return false;
+    }
+    for (size_t i = 0; i < blocks.size(); ++i) {
+        Statement q(m_db, "INSERT INTO file_blocks(entry_id, idx, hash, size) VALUES(?, ?, ?, ?)");
+        q.bind(1, entryId).bind(2, qint64(i)).bind(3, blocks[i].hash).bind(4, blocks[i].size);
+        if (!q.run()) {
+            return false;
+        }
+    }
+    return true;
+}
+
+ServerError CKXMetaStore::commitFile(const CommitSpec& spec, EntryInfo* out)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    Transaction tx(m_db);
+    if (!tx.begun()) {
+        return internalLocked("cannot begin transaction");
+    }
+    ServerError e = checkTargetLocked(spec.target, spec.overwrite, spec.size, spec.quota);
+    if (!e.ok()) {
+        return e;
+    }
+    EntryInfo parent;
+    if (!spec.makeParents &&
+        !lookupLocked(Target{spec.target.space, KXServerPath::parentOf(spec.target.path)}, &parent)) {
+        return notFound(KXServerPath::parentOf(spec.target.path));
+    }
+    EntryInfo current;
+    bool exists = lookupLocked(spec.target, &current);
+    if (exists && sameBlocksLocked(current.id, spec.blocks)) {
+        *out = current;
+        return {};
+    }
+    qint64 id = current.id;
+    bool written = ensureParentsLocked(spec.target, spec.mtime);
+    if (written && exists) {
+        Statement q(m_db, "UPDATE entries SET size = ?, rev = rev + 1, mtime = ?, virus = 0 WHERE id = ?");
+        written = q.bind(1, spec.size).bind(2, spec.mtime).bind(3, id).run();
+    } else if (written) {
+        written = insertEntryLocked(spec.target, false, spec.size, spec.mtime, &id);
+    }
+    if (!written || !writeBlocksLocked(id, spec.blocks) || !tx.commit()) {
+        return internalLocked("cannot commit " + spec.target.path);
+    }
+    lookupLocked(spec.target, out);
+    return {};
+}
+
+ServerError CKXMetaStore::createFolder(const Target& target, bool makeParents, EntryInfo* out)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    Transaction tx(m_db);
+    if (!tx.begun()) {
+        return internalLocked("cannot begin transaction");
+    }
+    ServerError e = ancestorConflictLocked(target);
+    if (!e.ok()) {
+        return e;
+    }
+    EntryInfo current;
+    if (lookupLocked(target, &current)) {
+        return current.isDir ? ServerError::make(409, "folder_already_existed", target.path + " exists")
+                             : ServerError::make(409, "conflict with file", target.path + " is a file");
+    }
+    std::string parent = KXServerPath::parentOf(target.path);
+    if (!makeParents && !lookupLocked(Target{target.space, parent}, &current)) {
+        return notFound(parent);
+    }
+    qint64 id = 0;
+    if (!ensureParentsLocked(target, now()) || !insertEntryLocked(target, true, 0, now(), &id) ||
+        !tx.commit()) {
+        return internalLocked("cannot create " + target.path);
+    }
+    lookupLocked(target, out);
+    return {};
+}
+
+ServerError CKXMetaStore::setFlagLocked(const Target& target, const char* sql, bool on)
+{
+    Statement q(m_db, sql);
+    if (!q.bind(1, qint64(on ? 1 : 0)).bind(2, target.space).bind(3, target.path).run()) {
+        return internalLocked("cannot flag " + target.path);
+    }
+    return sqlite3_changes(m_db) == 0 ? notFound(target.path) : ServerError();
+}
+
+ServerError CKXMetaStore::setLocked(const Target& target, bool locked)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return setFlagLocked(target, "UPDATE entries SET locked = ? WHERE space = ? AND path = ? AND is_dir = 0",
+                         locked);
+}
+
+ServerError CKXMetaStore::setVirus(const Target& target, bool virus)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return setFlagLocked(target, "UPDATE entries SET virus = ? WHERE space = ? AND path = ? AND is_dir = 0",
+                         virus);
+}
+
+bool CKXMetaStore::saveUploadSession(const UploadSession& session)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    Statement q(
+        m_db, "INSERT OR IGNORE INTO upload_sessions(id, space, path, size, created) VALUES(?, ?, ?, ?, ?)");
+    return q.bind(1, session.id)
+        .bind(2, session.space)
+        .bind(3, session.path)
+        .bind(4, session.size)
+        .bind(5, now())
+        .run();
+}
+
+bool CKXMetaStore::uploadSession(const std::string& id, UploadSession* out)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    Statement q(m_db, "SELECT id, space, path, size FROM upload_sessions WHERE id = ?");
+    q.bind(1, id);
+    if (!q.next()) {
+        return false;
+    }
+    *out = UploadSession{q.text(0), q.text(1), q.text(2), q.integer(3)};
+    return true;
+}
+
+bool CKXMetaStore::saveShare(const ShareInfo& share)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    Statement q(m_db, "INSERT INTO shares(code, owner, space, path, upload, password, created)"
+                      " VALUES(?, ?, ?, ?, ?, ?, ?)");
+    q.bind(1, share.code).bind(2, share.owner).bind(3, share.space).bind(4, share.path);
+    return q.bind(5, qint64(share.upload ? 1 : 0)).bind(6, share.password).bind(7, now()).run();
+}
+
+bool CKXMetaStore::share(const std::string& code, ShareInfo* out)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    Statement q(m_db, "SELECT code, owner, space, path, upload, password FROM shares WHERE code = ?");
+    q.bind(1, code);
+    if (!q.next()) {
+        return false;
+    }
+    *out = ShareInfo{q.text(0), q.text(1), q.text(2), q.text(3), q.integer(4) != 0, q.text(5)};
+    return true;
+}
+
+bool CKXMetaStore::saveShareSession(const std::string& digest, const std::string& code)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    Statement q(m_db, "INSERT OR REPLACE INTO share_sessions(digest, code, created) VALUES(?, ?, ?)");
+    return q.bind(1, digest).bind(2, code).bind(3, now()).run();
+}
+
+bool CKXMetaStore::shareSessionCode(const std::string& digest, std::string* code)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    Statement q(m_db, "SELECT code FROM share_sessions WHERE digest = ?");
+    q.bind(1, digest);
+    if (!q.next()) {
+        return false;
+    }
+    *code = q.text(0);
+    return true;
+}

@@ -1,0 +1,67 @@
+#pragma once
+
+// File metadata in SQLite (<root>/meta.db, WAL, synchronous=FULL): entries (files and folders of
+// every space), each file's ordered block list, upload sessions, share links and share sessions.
+// Every change runs in one transaction, so after a crash a file is either there with all its
+// blocks listed or not there at all.
+//
+// Created once by the server (or the share command) and shared by all connection threads; one
+// connection, serialised by m_mutex.
+
+#include "KXServerTypes.h"
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+struct sqlite3;
+
+class CKXMetaStore
+{
+public:
+    CKXMetaStore() = default;
+    ~CKXMetaStore();
+    CKXMetaStore(const CKXMetaStore&) = delete;
+    CKXMetaStore& operator=(const CKXMetaStore&) = delete;
+
+    bool open(const std::string& path, std::string* error);
+
+    // false when the entry does not exist. The root "/" always exists.
+    bool entry(const Target& target, EntryInfo* out);
+    std::vector<EntryInfo> children(const Target& folder, const ListOptions& options);
+    std::vector<BlockRef> blocksOf(qint64 entryId);
+
+    // Whether a file of `newSize` bytes may be written at `target` (parents, folder in the way,
+    // existing name, lock, quota).
+    ServerError checkTarget(const Target& target, bool overwrite, qint64 newSize, qint64 quota);
+    // Makes the file appear (or replaces it) atomically after checking the target again. A
+    // repeated commit of exactly the blocks the file already holds changes nothing.
+    ServerError commitFile(const CommitSpec& spec, EntryInfo* out);
+    ServerError createFolder(const Target& target, bool makeParents, EntryInfo* out);
+    ServerError setLocked(const Target& target, bool locked);
+    ServerError setVirus(const Target& target, bool virus);
+
+    bool saveUploadSession(const UploadSession& session);
+    bool uploadSession(const std::string& id, UploadSession* out);
+    bool saveShare(const ShareInfo& share);
+    bool share(const std::string& code, ShareInfo* out);
+    bool saveShareSession(const std::string& digest, const std::string& code);
+    bool shareSessionCode(const std::string& digest, std::string* code);
+
+private:
+    // Helpers named *Locked expect m_mutex to be held.
+    bool execLocked(const char* sql);
+    bool lookupLocked(const Target& target, EntryInfo* out);
+    qint64 usageLocked(const std::string& space);
+    ServerError ancestorConflictLocked(const Target& target);
+    ServerError checkTargetLocked(const Target& target, bool overwrite, qint64 newSize, qint64 quota);
+    bool sameBlocksLocked(qint64 entryId, const std::vector<BlockRef>& blocks);
+    bool ensureParentsLocked(const Target& target, qint64 mtime);
+    bool insertEntryLocked(const Target& target, bool isDir, qint64 size, qint64 mtime, qint64* id);
+    bool writeBlocksLocked(qint64 entryId, const std::vector<BlockRef>& blocks);
+    ServerError setFlagLocked(const Target& target, const char* sql, bool on);
+    ServerError internalLocked(const std::string& what);
+
+    std::mutex m_mutex;
+    sqlite3* m_db = nullptr; // guarded by m_mutex
+};

@@ -1,0 +1,155 @@
+#include "KXRequest.h"
+
+#include "KXHttpUtil.h"
+#include "KXServerStats.h"
+
+#include <QJsonDocument>
+
+#include <httplib.h>
+
+#include <algorithm>
+
+namespace {
+
+constexpr qint64 kMaxJsonBytes = 32 * 1024 * 1024;
+constexpr qint64 kMaxDrainBytes = 8 * 1024 * 1024;
+
+} // namespace
+
+CKXRequest::CKXRequest(const httplib::Request& req, httplib::Response& res,
+                       const httplib::ContentReader* reader, CKXServerStats* stats, const Fault* fault)
+    : m_req(req), m_res(res), m_reader(reader), m_stats(stats), m_fault(fault ? *fault : Fault()),
+      m_hasFault(fault != nullptr), m_dropPending(fault && fault->action == "drop")
+{}
+
+std::string CKXRequest::param(const char* key) const
+{
+    return m_req.get_param_value(key);
+}
+
+std::string CKXRequest::header(const char* key) const
+{
+    return m_req.get_header_value(key);
+}
+
+std::string CKXRequest::match(size_t index) const
+{
+    return index < m_req.matches.size() ? m_req.matches[index].str() : std::string();
+}
+
+qint64 CKXRequest::contentLength() const
+{
+    std::string value = m_req.get_header_value("Content-Length");
+    bool ok = !value.empty() && std::all_of(value.begin(), value.end(), ::isdigit) && value.size() < 19;
+    return ok ? std::stoll(value) : -1;
+}
+
+bool CKXRequest::readBody(const Sink& sink)
+{
+    m_bodyRead = true;
+    if (!m_reader) {
+        return true;
+    }
+    qint64 length = contentLength();
+    // A drop fault lets half of the body in, then cuts the connection.
+    qint64 dropAt = m_dropPending ? std::max<qint64>(length < 0 ? 65536 : length / 2, 1) : -1;
+    qint64 seen = 0;
+    bool ok = (*m_reader)([&](const char* data, size_t size) {
+        if (dropAt >= 0 && seen + static_cast<qint64>(size) >= dropAt) {
+            return false;
+        }
+        seen += static_cast<qint64>(size);
+        if (m_stats) {
+            m_stats->add(CKXServerStats::BytesReceived, static_cast<qint64>(size));
+        }
+        return sink(data, size);
+    });
+    if (dropAt >= 0) {
+        dropNow();
+        return false;
+    }
+    if (!ok) {
+        // Whatever is left of the body is still on the wire; the connection cannot be reused.
+        m_res.set_header("Connection", "close");
+    }
+    return ok;
+}
+
+ServerError CKXRequest::readJson(QJsonObject* out)
+{
+    std::string body;
+    bool tooLarge = false;
+    bool complete = readBody([&](const char* data, size_t size) {
+        tooLarge = static_cast<qint64>(body.size() + size) > kMaxJsonBytes;
+        if (!tooLarge) {
+            body.append(data, size);
+        }
+        return !tooLarge;
+    });
+    if (tooLarge) {
+        return ServerError::make(413, "request too large", "JSON bodies are limited to 32 MiB");
+    }
+    if (!complete) {
+        return ServerError::make(400, "bad request", "the request body ended early");
+    }
+    QJsonParseError error;
+    QJsonDocument doc = QJsonDocument::fromJson(QByteArray::fromStdString(body), &error);
+    if (error.error != QJsonParseError::NoError) {
+        return ServerError::make(400, "bad request", "malformed JSON: " + error.errorString().toStdString());
+    }
+    if (!doc.isObject()) {
+        return ServerError::make(400, "bad request", "the body must be a JSON object");
+    }
+    *out = doc.object();
+    return {};
+}
+
+bool CKXRequest::faultIs(const char* action) const
+{
+    return m_hasFault && m_fault.action == action;
+}
+
+bool CKXRequest::takeDrop()
+{
+    bool pending = m_dropPending;
+    m_dropPending = false;
+    return pending;
+}
+
+void CKXRequest::dropNow()
+{
+    m_dropPending = false;
+    KXHttp::dropConnection(m_req);
+}
+
+void CKXRequest::replyJson(const QJsonObject& body, int status)
+{
+    m_res.status = status;
+    m_res.set_content(KXHttp::compact(body), "application/json");
+}
+
+void CKXRequest::replyError(const ServerError& error)
+{
+    replyJson(KXHttp::errorBody(error), error.status);
+}
+
+void CKXRequest::finish()
+{
+    if (m_dropPending) {
+        if (m_reader && !m_bodyRead) {
+            readBody([](const char*, size_t) { return true; });
+        } else {
+            dropNow();
+        }
+        return;
+    }
+    if (!m_reader || m_bodyRead) {
+        return;
+    }
+    qint64 length = contentLength();
+    if (length >= 0 && length <= kMaxDrainBytes) {
+        readBody([](const char*, size_t) { return true; });
+    } else {
+        m_res.set_header("Connection", "close");
+    }
+}

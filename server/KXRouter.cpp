@@ -1,0 +1,136 @@
+#include "KXRouter.h"
+
+#include "KXFaultInjector.h"
+#include "KXHttpUtil.h"
+#include "KXRequest.h"
+#include "KXServerLog.h"
+#include "KXServerStats.h"
+
+#include <httplib.h>
+
+#include <chrono>
+#include <thread>
+
+CKXRouter::CKXRouter(httplib::Server& server, CKXServerStats& stats, CKXFaultInjector& faults,
+                     CKXServerLog& log, std::string adminToken)
+    : m_server(server), m_stats(stats), m_faults(faults), m_log(log), m_adminToken(std::move(adminToken))
+{
+    m_server.set_expect_100_continue_handler(
+        [this](const httplib::Request& req, httplib::Response& res) { return onExpectContinue(req, res); });
+    m_server.set_error_handler(httplib::Server::HandlerWithResponse([](const httplib::Request&,
+                                                                       httplib::Response& res) {
+        if (!res.body.empty() || res.content_length_ > 0) {
+            return httplib::Server::HandlerResponse::Unhandled;
+        }
+        const char* code = res.status == 404   ? "not found"
+                           : res.status == 416 ? "invalid range"
+                                               : "bad request";
+        res.set_content(KXHttp::compact(KXHttp::errorBody(ServerError::make(res.status, code, res.reason))),
+                        "application/json");
+        return httplib::Server::HandlerResponse::Handled;
+    }));
+    m_server.set_logger(
+        [this](const httplib::Request& req, const httplib::Response& res) { onLog(req, res); });
+}
+
+void CKXRouter::get(const std::string& pattern, const std::string& op, Handler handler)
+{
+    m_server.Get(pattern, [this, op, handler](const httplib::Request& req, httplib::Response& res) {
+        dispatch(op, handler, req, res, nullptr);
+    });
+}
+
+void CKXRouter::post(const std::string& pattern, const std::string& op, Handler handler)
+{
+    m_server.Post(pattern, [this, op, handler](const httplib::Request& req, httplib::Response& res,
+                                               const httplib::ContentReader& reader) {
+        dispatch(op, handler, req, res, &reader);
+    });
+}
+
+void CKXRouter::put(const std::string& pattern, const std::string& op, Handler handler, Preflight preflight)
+{
+    m_server.Put(pattern, [this, op, handler](const httplib::Request& req, httplib::Response& res,
+                                              const httplib::ContentReader& reader) {
+        dispatch(op, handler, req, res, &reader);
+    });
+    if (preflight) {
+        m_preflights.push_back(PreflightRoute{"PUT", std::regex(pattern), std::move(preflight)});
+    }
+}
+
+void CKXRouter::del(const std::string& pattern, const std::string& op, Handler handler)
+{
+    m_server.Delete(pattern, [this, op, handler](const httplib::Request& req, httplib::Response& res,
+                                                 const httplib::ContentReader& reader) {
+        dispatch(op, handler, req, res, &reader);
+    });
+}
+
+void CKXRouter::dispatch(const std::string& op, const Handler& handler, const httplib::Request& req,
+                         httplib::Response& res, const httplib::ContentReader* reader)
+{
+    if (op == "admin") {
+        CKXRequest request(req, res, reader, nullptr, nullptr);
+        if (KXHttp::constantTimeEquals(m_adminToken, req.get_header_value("X-KX-Admin"))) {
+            handler(request);
+        } else {
+            request.replyError(ServerError::make(403, "forbidden", "X-KX-Admin missing or wrong"));
+        }
+        request.finish();
+        return;
+    }
+    m_stats.add(CKXServerStats::Requests);
+    Fault fault;
+    bool fires = m_faults.take(op, &fault);
+    CKXRequest request(req, res, reader, &m_stats, fires ? &fault : nullptr);
+    request.setInflightToken(m_stats.enterRequest());
+    if (!applyFault(request)) {
+        handler(request);
+    }
+    request.finish();
+}
+
+// Faults that act before the handler; true when the request is answered already.
+bool CKXRouter::applyFault(CKXRequest& request)
+{
+    if (request.faultIs("delay")) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(request.fault().ms));
+        return false;
+    }
+    if (request.faultIs("status")) {
+        const Fault& f = request.fault();
+        request.replyError(ServerError::make(f.status, f.code, "injected fault"));
+        return true;
+    }
+    return false;
+}
+
+int CKXRouter::onExpectContinue(const httplib::Request& req, httplib::Response& res)
+{
+    for (const PreflightRoute& route : m_preflights) {
+        std::smatch match;
+        if (route.method != req.method || !std::regex_match(req.path, match, route.pattern)) {
+            continue;
+        }
+        ServerError error = route.check(req, match);
+        if (error.ok()) {
+            break;
+        }
+        m_stats.add(CKXServerStats::Requests);
+        // This early answer is written without httplib's usual framing headers.
+        std::string body = KXHttp::compact(KXHttp::errorBody(error));
+        res.status = error.status;
+        res.set_header("Connection", "close");
+        res.set_header("Content-Length", std::to_string(body.size()));
+        res.set_content(body, "application/json");
+        return error.status;
+    }
+    return 100;
+}
+
+void CKXRouter::onLog(const httplib::Request& req, const httplib::Response& res)
+{
+    // The path only: raw addresses carry the session in the query.
+    m_log.line(req.remote_addr + " " + req.method + " " + req.path + " " + std::to_string(res.status));
+}

@@ -1,0 +1,188 @@
+#include "KXShareApi.h"
+
+#include "KXFileService.h"
+#include "KXHttpUtil.h"
+#include "KXRequest.h"
+#include "KXRouter.h"
+#include "KXServerPath.h"
+
+#include <httplib.h>
+
+namespace {
+
+const std::string kPrefix = "/v1/share/([A-Za-z0-9_-]{1,64})";
+
+} // namespace
+
+CKXShareApi::CKXShareApi(ServerContext& context) : m_ctx(context), m_links(context.meta, context.accounts) {}
+
+void CKXShareApi::registerRoutes(CKXRouter& router)
+{
+    router.post(kPrefix + "/auth", "share_auth", [this](CKXRequest& r) { authUpload(r); });
+    router.post(kPrefix + "/upload/hash", "hash", [this](CKXRequest& r) { queryHash(r); });
+    router.put(
+        kPrefix + "/upload/block", "block_upload", [this](CKXRequest& r) { uploadBlock(r); },
+        [this](const httplib::Request& req, const std::smatch& match) {
+            UploadSession session;
+            return prepareBlock(req, match[1].str(), &session);
+        });
+    router.post(kPrefix + "/upload/commit", "commit", [this](CKXRequest& r) { commit(r); });
+    router.put(
+        kPrefix + "/files", "file_upload", [this](CKXRequest& r) { uploadFile(r); },
+        [this](const httplib::Request& req, const std::smatch& match) {
+            Target target;
+            bool overwrite = false;
+            return prepareUpload(req, match[1].str(), &target, &overwrite);
+        });
+    router.get(kPrefix + "/files", "download", [this](CKXRequest& r) { download(r); });
+}
+
+ServerError CKXShareApi::uploadLink(const httplib::Request& req, const std::string& code, ShareInfo* share)
+{
+    ServerError e = m_links.find(code, share);
+    e = e.ok() ? m_links.checkSession(*share, req) : e;
+    if (e.ok() && !share->upload) {
+        e = ServerError::make(403, "forbidden", "this share link accepts no uploads");
+    }
+    return e;
+}
+
+ServerError CKXShareApi::prepareUpload(const httplib::Request& req, const std::string& code, Target* target,
+                                       bool* overwrite)
+{
+    ShareInfo share;
+    ServerError e = uploadLink(req, code, &share);
+    e = e.ok() ? CKXShareLinks::resolve(share, req.get_param_value("path"), target) : e;
+    *overwrite = KXHttp::isTrue(req.get_param_value("overwrite"));
+    return e.ok() ? m_ctx.files.preflightFile(req, *target, *overwrite) : e;
+}
+
+ServerError CKXShareApi::prepareBlock(const httplib::Request& req, const std::string& code,
+                                      UploadSession* session)
+{
+    ShareInfo share;
+    ServerError e = uploadLink(req, code, &share);
+    e = e.ok() ? CKXFileService::preflightBlock(req) : e;
+    e = e.ok() ? m_ctx.files.uploadSession(req.get_param_value("upload_id"), session) : e;
+    if (e.ok() && (session->space != share.space || !KXServerPath::isInside(share.path, session->path))) {
+        e = ServerError::make(403, "forbidden", "the upload session lies outside this share");
+    }
+    return e;
+}
+
+void CKXShareApi::authUpload(CKXRequest& r)
+{
+    ShareInfo share;
+    QJsonObject body;
+    std::string token;
+    std::string folder;
+    std::string name;
+    std::string session;
+    qint64 size = 0;
+    bool overwrite = false;
+    Target target;
+    ServerError e = m_links.find(r.match(1), &share);
+    e = e.ok() ? r.readJson(&body) : e;
+    e = e.ok() ? KXHttp::string(body, "token", &token) : e;
+    e = e.ok() ? KXHttp::string(body, "path", &folder) : e;
+    e = e.ok() ? KXHttp::string(body, "name", &name) : e;
+    e = e.ok() ? KXHttp::integer(body, "size", &size, true) : e;
+    e = e.ok() ? KXHttp::boolean(body, "overwrite", &overwrite, false) : e;
+    e = e.ok() ? m_links.checkPassword(share, token) : e;
+    if (e.ok() && !share.upload) {
+        e = ServerError::make(403, "forbidden", "this share link accepts no uploads");
+    }
+    if (e.ok() && (name.empty() || name.find('/') != std::string::npos)) {
+        e = ServerError::make(403, "forbidden", "\"name\" must be a single file name");
+    }
+    e = e.ok() ? KXServerPath::normalise(folder, &folder) : e;
+    e = e.ok() ? CKXShareLinks::resolve(share, KXServerPath::join(folder, name), &target) : e;
+    e = e.ok() ? m_ctx.files.checkUpload(target, overwrite, size) : e;
+    e = e.ok() ? m_links.openSession(share, &session) : e;
+    if (!e.ok()) {
+        return r.replyError(e);
+    }
+    r.response().set_header("Set-Cookie", "S=" + session + "; Path=/; HttpOnly");
+    r.replyJson(QJsonObject{{"result", true},
+                            {"session_id", QString::fromStdString(session)},
+                            {"upload_url", QString::fromStdString(m_ctx.publicUrl)},
+                            {"LBC", QStringLiteral("kxserver")}});
+}
+
+void CKXShareApi::queryHash(CKXRequest& r)
+{
+    ShareInfo share;
+    QJsonObject body;
+    std::string path;
+    qint64 size = 0;
+    bool overwrite = false;
+    std::vector<std::string> hashes;
+    Target target;
+    ServerError e = uploadLink(r.http(), r.match(1), &share);
+    e = e.ok() ? r.readJson(&body) : e;
+    e = e.ok() ? KXHttp::string(body, "path", &path) : e;
+    e = e.ok() ? KXHttp::integer(body, "size", &size, true) : e;
+    e = e.ok() ? KXHttp::boolean(body, "overwrite", &overwrite, false) : e;
+    e = e.ok() ? KXHttp::hashList(body, "hashes", &hashes) : e;
+    e = e.ok() ? CKXShareLinks::resolve(share, path, &target) : e;
+    if (!e.ok()) {
+        return r.replyError(e);
+    }
+    m_ctx.files.queryHash(r, target, size, overwrite, hashes);
+}
+
+void CKXShareApi::uploadBlock(CKXRequest& r)
+{
+    UploadSession session;
+    ServerError e = prepareBlock(r.http(), r.match(1), &session);
+    if (!e.ok()) {
+        return r.replyError(e);
+    }
+    m_ctx.files.receiveBlock(r, session, QString::fromStdString(r.param("hash")).toLower().toStdString());
+}
+
+void CKXShareApi::commit(CKXRequest& r)
+{
+    ShareInfo share;
+    QJsonObject body;
+    std::string path;
+    std::string uploadId;
+    std::vector<std::string> hashes;
+    CommitSpec spec;
+    ServerError e = uploadLink(r.http(), r.match(1), &share);
+    e = e.ok() ? r.readJson(&body) : e;
+    e = e.ok() ? KXHttp::string(body, "path", &path) : e;
+    e = e.ok() ? KXHttp::string(body, "upload_id", &uploadId) : e;
+    e = e.ok() ? KXHttp::integer(body, "size", &spec.size, true) : e;
+    e = e.ok() ? KXHttp::boolean(body, "overwrite", &spec.overwrite, false) : e;
+    e = e.ok() ? KXHttp::hashList(body, "hashes", &hashes) : e;
+    e = e.ok() ? CKXShareLinks::resolve(share, path, &spec.target) : e;
+    if (!e.ok()) {
+        return r.replyError(e);
+    }
+    m_ctx.files.commit(r, spec, hashes, uploadId);
+}
+
+void CKXShareApi::uploadFile(CKXRequest& r)
+{
+    Target target;
+    bool overwrite = false;
+    ServerError e = prepareUpload(r.http(), r.match(1), &target, &overwrite);
+    if (!e.ok()) {
+        return r.replyError(e);
+    }
+    m_ctx.files.receiveFile(r, target, overwrite, 0);
+}
+
+void CKXShareApi::download(CKXRequest& r)
+{
+    ShareInfo share;
+    Target target;
+    ServerError e = m_links.find(r.match(1), &share);
+    e = e.ok() ? m_links.checkPassword(share, r.header("X-Share-Token")) : e;
+    e = e.ok() ? CKXShareLinks::resolve(share, r.param("path"), &target) : e;
+    if (!e.ok()) {
+        return r.replyError(e);
+    }
+    m_ctx.files.sendFile(r, target, std::string(), "file/folder not found");
+}

@@ -1,0 +1,108 @@
+#include "KXStorageServer.h"
+
+#include "KXAccountApi.h"
+#include "KXAdminApi.h"
+#include "KXRouter.h"
+#include "KXServerContext.h"
+#include "KXServerLog.h"
+#include "KXServerOptions.h"
+#include "KXShareApi.h"
+
+#include <httplib.h>
+
+CKXStorageServer::CKXStorageServer(const ServerOptions& options, CKXServerLog& log)
+    : m_options(options), m_log(log), m_accounts(options.tokens), m_events(options.root + "/events.log"),
+      m_files(m_meta, m_blocks, m_stats, options)
+{}
+
+CKXStorageServer::~CKXStorageServer() = default;
+
+bool CKXStorageServer::start(std::string* error)
+{
+    if (!m_blocks.open(m_options.root, error) || !m_meta.open(m_options.root + "/meta.db", error) ||
+        !createHttpServer(error)) {
+        return false;
+    }
+    configureHttpServer();
+    if (!bind(error)) {
+        return false;
+    }
+    std::string publicUrl = m_options.publicUrl.empty() ? m_url : m_options.publicUrl;
+    while (!publicUrl.empty() && publicUrl.back() == '/') {
+        publicUrl.pop_back();
+    }
+    m_context.reset(new ServerContext{m_options, m_accounts, m_meta, m_blocks, m_stats, m_faults, m_events,
+                                      m_files, publicUrl});
+    registerRoutes();
+    return true;
+}
+
+bool CKXStorageServer::createHttpServer(std::string* error)
+{
+    if (m_options.tlsCert.empty()) {
+        m_http.reset(new httplib::Server());
+    } else {
+        m_http.reset(new httplib::SSLServer(m_options.tlsCert.c_str(), m_options.tlsKey.c_str()));
+    }
+    if (!m_http->is_valid()) {
+        *error = "cannot load the TLS certificate or key";
+        return false;
+    }
+    return true;
+}
+
+void CKXStorageServer::configureHttpServer()
+{
+    int threads = m_options.threads;
+    m_http->new_task_queue = [threads] {
+        return new httplib::ThreadPool(static_cast<size_t>(threads));
+    };
+    m_http->set_keep_alive_max_count(1000);
+    m_http->set_keep_alive_timeout(10);
+    // Generous: a rate-limited client may leave a transfer idle for a while.
+    m_http->set_read_timeout(60);
+    m_http->set_write_timeout(60);
+}
+
+bool CKXStorageServer::bind(std::string* error)
+{
+    int port = m_options.listenPort;
+    if (port == 0) {
+        port = m_http->bind_to_any_port(m_options.listenHost);
+    } else if (!m_http->bind_to_port(m_options.listenHost, port)) {
+        port = -1;
+    }
+    if (port <= 0) {
+        *error = "cannot listen on " + m_options.listenHost + ":" + std::to_string(m_options.listenPort);
+        return false;
+    }
+    bool ipv6 = m_options.listenHost.find(':') != std::string::npos;
+    std::string host = ipv6 ? "[" + m_options.listenHost + "]" : m_options.listenHost;
+    m_url = (m_options.tlsCert.empty() ? "http://" : "https://") + host + ":" + std::to_string(port);
+    return true;
+}
+
+void CKXStorageServer::registerRoutes()
+{
+    m_router.reset(new CKXRouter(*m_http, m_stats, m_faults, m_log, m_options.adminToken));
+    m_accountApi.reset(new CKXAccountApi(*m_context));
+    m_accountApi->registerRoutes(*m_router);
+    m_shareApi.reset(new CKXShareApi(*m_context));
+    m_shareApi->registerRoutes(*m_router);
+    if (!m_options.adminToken.empty()) {
+        m_adminApi.reset(new CKXAdminApi(*m_context));
+        m_adminApi->registerRoutes(*m_router);
+    }
+}
+
+bool CKXStorageServer::run()
+{
+    return m_http->listen_after_bind();
+}
+
+void CKXStorageServer::stop()
+{
+    if (m_http) {
+        m_http->stop();
+    }
+}

@@ -1,0 +1,74 @@
+#pragma once
+
+// The reference server kxserver for tests: start() launches the built binary on 127.0.0.1 with a
+// fresh temporary root, one session token and an admin token, and learns its base URL from the
+// first line it prints. The test hooks (counters, faults, share links, locks) are reached through
+// the admin calls below. kill9() and restart() simulate a crash and a restart on the same root
+// (and, when it is free, the same port). The destructor stops the server.
+//
+// Created, used and destroyed by one test thread (it owns a QProcess); needs a
+// QCoreApplication. Admin calls use libcurl and block until answered.
+
+#include "KXTestHttp.h"
+
+#include <QJsonObject>
+#include <QProcess>
+#include <QStringList>
+#include <QTemporaryDir>
+
+#include <memory>
+
+class CKXServerProcess
+{
+public:
+    // `extraArgs` go to kxserver as they are, e.g. {"--quota", "1000"}, {"--token", "second"},
+    // {"--tls-cert", cert, "--tls-key", key} (admin calls then trust that certificate).
+    explicit CKXServerProcess(QStringList extraArgs = {});
+    ~CKXServerProcess();
+    CKXServerProcess(const CKXServerProcess&) = delete;
+    CKXServerProcess& operator=(const CKXServerProcess&) = delete;
+
+    bool start();
+    bool isRunning() const;
+    // Graceful stop (SIGTERM); true when the server exited cleanly.
+    bool stop();
+    void kill9();
+    // Starts again on the same root; the base URL stays the same unless its port was taken.
+    bool restart();
+
+    QString baseUrl() const { return m_baseUrl; } // "http://127.0.0.1:PORT"
+    QString token() const { return m_token; }     // "kx-dev-token"
+    QString adminToken() const { return m_adminToken; }
+    QString rootPath() const; // the store: blocks/, meta.db, events.log
+    QString logPath() const;  // the server's request log
+    QString errorString() const { return m_error; }
+    // {"X-ORBALA-SESS-ID: <token>"}, ready for CKXTestHttp.
+    QList<QByteArray> sessionHeader() const;
+
+    QJsonObject stats();
+    bool resetStats();
+    bool armFault(const QJsonObject& fault);
+    bool clearFaults();
+    // The code of a new share link on `path` of the token's own space; empty on failure.
+    QString createShare(const QString& path, bool upload = false, const QString& password = {});
+    bool setLocked(const QString& path, bool locked);
+    bool flagVirus(const QString& path);
+    // Any other admin request; `path` like "/admin/stats".
+    TestHttpReply admin(const QByteArray& method, const QString& path, const QJsonObject& body = {});
+
+private:
+    bool launch(int port);
+
+    QStringList m_extraArgs;
+    QString m_token = QStringLiteral("kx-dev-token");
+    QString m_adminToken = QStringLiteral("kx-admin-token");
+    QString m_caFile;
+    std::unique_ptr<QTemporaryDir> m_dir;
+    std::unique_ptr<QProcess> m_process;
+    QString m_baseUrl;
+    int m_port = 0;
+    QString m_error;
+};
+
+// The same class under the name the test suites may spell without the prefix.
+using KXServerProcess = CKXServerProcess;

@@ -1,0 +1,262 @@
+// The store under stress: concurrent uploads of one block, bodies refused before they travel,
+// bodies that end early, and a crash in the middle of an upload.
+
+#include "KXServerProcess.h"
+#include "KXServerTestUtil.h"
+
+#include <QDir>
+#include <QDirIterator>
+#include <QFile>
+#include <QTcpSocket>
+#include <QUrl>
+#include <QtTest>
+
+#include <curl/curl.h>
+
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+using namespace KXServerTest;
+
+namespace {
+
+// A client whose upload stalls after `stallAt` bytes until release() is called.
+class StallingUpload
+{
+public:
+    StallingUpload(QString url, QByteArray session, qint64 size, qint64 stallAt)
+        : m_url(std::move(url)), m_session(std::move(session)), m_size(size), m_stallAt(stallAt)
+    {}
+
+    void run()
+    {
+        CURL* curl = curl_easy_init();
+        QByteArray url = m_url.toUtf8();
+        curl_slist* headers = curl_slist_append(nullptr, m_session.constData());
+        headers = curl_slist_append(headers, "Expect:");
+        curl_easy_setopt(curl, CURLOPT_URL, url.constData());
+        curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
+        curl_easy_setopt(curl, CURLOPT_UPLOAD, 1L);
+        curl_easy_setopt(curl, CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(m_size));
+        curl_easy_setopt(curl, CURLOPT_READFUNCTION, &StallingUpload::read);
+        curl_easy_setopt(curl, CURLOPT_READDATA, this);
+        curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
+        m_result = curl_easy_perform(curl);
+        curl_slist_free_all(headers);
+        curl_easy_cleanup(curl);
+    }
+
+    void release()
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_released = true;
+        m_wake.notify_all();
+    }
+
+    int result() const { return m_result; }
+
+private:
+    static size_t read(char* buffer, size_t size, size_t count, void* user)
+    {
+        auto* self = static_cast<StallingUpload*>(user);
+        if (self->m_sent >= self->m_stallAt) {
+            std::unique_lock<std::mutex> lock(self->m_mutex);
+            self->m_wake.wait(lock, [self] { return self->m_released; });
+        }
+        size_t n =
+            static_cast<size_t>(qMin<qint64>(static_cast<qint64>(size * count), self->m_size - self->m_sent));
+        memset(buffer, 'u', n);
+        self->m_sent += static_cast<qint64>(n);
+        return n;
+    }
+
+    QString m_url;
+    QByteArray m_session;
+    qint64 m_size;
+    qint64 m_stallAt;
+    qint64 m_sent = 0;
+    int m_result = -1;
+    std::mutex m_mutex;
+    std::condition_variable m_wake;
+    bool m_released = false; // guarded by m_mutex
+};
+
+} // namespace
+
+class TestKXServerStore : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void concurrentUploadsOfOneBlock();
+    void refusedBodiesNeverTravel();
+    void shortBodyStoresNothing();
+    void killDuringUploadKeepsStoreConsistent();
+};
+
+void TestKXServerStore::concurrentUploadsOfOneBlock()
+{
+    CKXServerProcess server;
+    QVERIFY2(server.start(), qPrintable(server.errorString()));
+    QByteArray block = bytes(50, kBlock);
+    QString hash = sha(block);
+    QJsonObject query{{"path", "/same.bin"}, {"size", kBlock}, {"hashes", QJsonArray{hash}}};
+    QString id = CKXTestHttp::post(server.baseUrl() + "/v1/upload/hash", query, server.sessionHeader())
+                     .json()
+                     .value("upload_id")
+                     .toString();
+    QVERIFY(server.resetStats());
+
+    constexpr int kClients = 8;
+    std::vector<TestHttpReply> replies(kClients);
+    std::vector<std::thread> clients;
+    for (int i = 0; i < kClients; ++i) {
+        clients.emplace_back([&, i] {
+            replies[i] = CKXTestHttp::put(blockUrl(server, id, hash), block, server.sessionHeader());
+        });
+    }
+    for (std::thread& client : clients) {
+        client.join();
+    }
+    for (const TestHttpReply& reply : replies) {
+        QCOMPARE(reply.status, 200);
+        QCOMPARE(reply.json().value("hash").toString(), hash);
+    }
+    QJsonObject stats = server.stats();
+    QCOMPARE(stats.value("block_uploads").toInt(), kClients);
+    QCOMPARE(stats.value("blocks_stored").toInt(), 1);
+    QCOMPARE(stats.value("blocks_deduplicated").toInt(), kClients - 1);
+    QFile stored(server.rootPath() + "/blocks/" + hash.left(2) + "/" + hash.mid(2));
+    QVERIFY(stored.open(QIODevice::ReadOnly));
+    QCOMPARE(sha(stored.readAll()), hash);
+    QCOMPARE(QDir(server.rootPath() + "/tmp").entryList(QDir::Files).size(), 0);
+    query.insert("upload_id", id);
+    QCOMPARE(CKXTestHttp::post(server.baseUrl() + "/v1/upload/commit", query, server.sessionHeader()).status,
+             200);
+}
+
+void TestKXServerStore::refusedBodiesNeverTravel()
+{
+    CKXServerProcess server;
+    QVERIFY2(server.start(), qPrintable(server.errorString()));
+    QJsonObject query{{"path", "/big.bin"}, {"size", kBlock + 1}, {"hashes", QJsonArray{sha("x")}}};
+    QString id = CKXTestHttp::post(server.baseUrl() + "/v1/upload/hash", query, server.sessionHeader())
+                     .json()
+                     .value("upload_id")
+                     .toString();
+    QVERIFY(server.resetStats());
+
+    // A client that waits for "100 Continue" gets the refusal instead, and keeps its body.
+    TestHttpRequest request;
+    request.method = "PUT";
+    request.url = blockUrl(server, id, sha("x"));
+    request.body = QByteArray(kBlock + 1, 'x');
+    request.headers = server.sessionHeader();
+    request.expectContinue = true;
+    TestHttpReply tooLarge = CKXTestHttp::send(request);
+    QCOMPARE(tooLarge.status, 413);
+    QCOMPARE(tooLarge.code(), QStringLiteral("block too large"));
+
+    request.url = server.baseUrl() + "/v1/files?path=/whole.bin";
+    request.headers.clear();
+    QCOMPARE(CKXTestHttp::send(request).code(), QStringLiteral("Invalid session"));
+    request.headers = server.sessionHeader();
+    request.url = server.baseUrl() + "/v1/files?path=/a/../whole.bin";
+    QCOMPARE(CKXTestHttp::send(request).code(), QStringLiteral("forbidden"));
+    QCOMPARE(server.stats().value("bytes_received").toInt(), 0);
+    QCOMPARE(server.stats().value("requests").toInt(), 3);
+}
+
+void TestKXServerStore::shortBodyStoresNothing()
+{
+    CKXServerProcess server;
+    QVERIFY2(server.start(), qPrintable(server.errorString()));
+    QUrl base(server.baseUrl());
+    QTcpSocket socket;
+    socket.connectToHost(base.host(), static_cast<quint16>(base.port()));
+    QVERIFY(socket.waitForConnected(5000));
+    socket.write("PUT /v1/files?path=/short.bin HTTP/1.1\r\nHost: kx\r\nX-ORBALA-SESS-ID: " +
+                 server.token().toUtf8() + "\r\nContent-Length: 9000000\r\n\r\n");
+    socket.write(QByteArray(5000000, 's'));
+    while (socket.bytesToWrite() > 0 && socket.waitForBytesWritten(5000)) {
+    }
+    QTRY_VERIFY_WITH_TIMEOUT(server.stats().value("file_upload_bytes").toInt() >= 5000000, 10000);
+    socket.abort();
+    QTRY_COMPARE_WITH_TIMEOUT(server.stats().value("inflight").toInt(), 0, 10000);
+
+    TestHttpReply meta =
+        CKXTestHttp::get(server.baseUrl() + "/v1/metadata?path=/short.bin", server.sessionHeader());
+    QCOMPARE(meta.code(), QStringLiteral("nameentry_not_exist"));
+    QByteArray full = bytes(70, 9000000);
+    QCOMPARE(
+        CKXTestHttp::put(server.baseUrl() + "/v1/files?path=/short.bin", full, server.sessionHeader()).status,
+        200);
+    QCOMPARE(CKXTestHttp::get(server.baseUrl() + "/v1/files?path=/short.bin", server.sessionHeader()).body,
+             full);
+}
+
+void TestKXServerStore::killDuringUploadKeepsStoreConsistent()
+{
+    CKXServerProcess server;
+    QVERIFY2(server.start(), qPrintable(server.errorString()));
+    QByteArray kept = bytes(60, kBlock) + bytes(61, 1234);
+    QCOMPARE(
+        CKXTestHttp::put(server.baseUrl() + "/v1/files?path=/kept.bin", kept, server.sessionHeader()).status,
+        200);
+    QList<QByteArray> resumed{bytes(62, kBlock), bytes(63, 10)};
+    QJsonObject query{{"path", "/resumed.bin"},
+                      {"size", kBlock + 10},
+                      {"hashes", QJsonArray::fromStringList(hashesOf(resumed))}};
+    QString id = CKXTestHttp::post(server.baseUrl() + "/v1/upload/hash", query, server.sessionHeader())
+                     .json()
+                     .value("upload_id")
+                     .toString();
+    QCOMPARE(
+        CKXTestHttp::put(blockUrl(server, id, sha(resumed[0])), resumed[0], server.sessionHeader()).status,
+        200);
+
+    StallingUpload doomed(server.baseUrl() + "/v1/files?path=/doomed.bin", server.sessionHeader().first(),
+                          5LL * kBlock, 2LL * kBlock + 1000);
+    std::thread client([&] { doomed.run(); });
+    QTRY_VERIFY_WITH_TIMEOUT(server.stats().value("file_upload_bytes").toInt() >= 2 * kBlock, 20000);
+    server.kill9();
+    doomed.release();
+    client.join();
+    QVERIFY(doomed.result() != CURLE_OK);
+    QVERIFY2(server.restart(), qPrintable(server.errorString()));
+
+    QCOMPARE(CKXTestHttp::get(server.baseUrl() + "/v1/files?path=/kept.bin", server.sessionHeader()).body,
+             kept);
+    QCOMPARE(
+        CKXTestHttp::get(server.baseUrl() + "/v1/metadata?path=/doomed.bin", server.sessionHeader()).status,
+        404);
+    int blockFiles = 0;
+    for (QDirIterator it(server.rootPath() + "/blocks", QDir::Files, QDirIterator::Subdirectories);
+         it.hasNext();) {
+        QFile file(it.next());
+        QVERIFY(file.open(QIODevice::ReadOnly));
+        QFileInfo info(file.fileName());
+        QCOMPARE(sha(file.readAll()), info.dir().dirName() + info.fileName());
+        ++blockFiles;
+    }
+    QVERIFY(blockFiles >=
+            3); // kept.bin's two blocks, the resumed block, and what the doomed upload completed
+    QCOMPARE(QDir(server.rootPath() + "/tmp").entryList(QDir::Files).size(), 0);
+
+    // The upload session outlived the crash: only the missing block is asked for.
+    TestHttpReply again =
+        CKXTestHttp::post(server.baseUrl() + "/v1/upload/hash", query, server.sessionHeader());
+    QCOMPARE(again.json().value("upload_id").toString(), id);
+    QCOMPARE(needed(again), QStringList{sha(resumed[1])});
+    QCOMPARE(
+        CKXTestHttp::put(blockUrl(server, id, sha(resumed[1])), resumed[1], server.sessionHeader()).status,
+        200);
+    query.insert("upload_id", id);
+    QCOMPARE(CKXTestHttp::post(server.baseUrl() + "/v1/upload/commit", query, server.sessionHeader()).status,
+             200);
+}
+
+QTEST_GUILESS_MAIN(TestKXServerStore)
+#include "tst_KXServerStore.moc"
