@@ -1,0 +1,739 @@
+// End-to-end tests of the server-API library against the reference server on a loopback port.
+
+#include "KXResponseRecorder.h"
+#include "KXServerProcess.h"
+#include "ServerApi.h"
+
+#include <QCryptographicHash>
+#include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QSet>
+#include <QTemporaryDir>
+#include <QtTest>
+
+#include <atomic>
+#include <thread>
+
+using Recorder = std::shared_ptr<KXResponseRecorder>;
+
+namespace {
+
+const qint64 kBlock = 4194304;
+const int kWaitMs = 60000;
+
+// Bytes that do not repeat from block to block, so that no two blocks deduplicate by accident.
+QByteArray patternBytes(qint64 size, quint32 seed)
+{
+    QByteArray bytes(int(size), Qt::Uninitialized);
+    quint32 state = seed * 2654435761u + 1;
+    for (qint64 i = 0; i < size; ++i) {
+        state = state * 1664525u + 1013904223u;
+        bytes[int(i)] = char(state >> 24);
+    }
+    return bytes;
+}
+
+QString sha256(const QByteArray& bytes)
+{
+    return QString::fromLatin1(QCryptographicHash::hash(bytes, QCryptographicHash::Sha256).toHex());
+}
+
+QJsonObject json(const ResponseData& response)
+{
+    return QJsonDocument::fromJson(response.body.toUtf8()).object();
+}
+
+bool writeFile(const QString& path, const QByteArray& bytes)
+{
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size();
+}
+
+QByteArray readFile(const QString& path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+KXServerApiEntryModel entryAt(const QString& path)
+{
+    KXServerApiEntryModel entry;
+    entry.path = path;
+    entry.overwrite = QStringLiteral("true");
+    return entry;
+}
+
+} // namespace
+
+// Waits for the one completion of a request and checks the library kept its promises so far.
+#define KX_COMPLETE(recorder)                                                                                \
+    do {                                                                                                     \
+        QTRY_VERIFY_WITH_TIMEOUT((recorder)->completions() > 0, kWaitMs);                                    \
+        QCOMPARE((recorder)->violations(), QStringList());                                                   \
+    } while (false)
+
+#define KX_OK(recorder)                                                                                      \
+    do {                                                                                                     \
+        KX_COMPLETE(recorder);                                                                               \
+        QVERIFY2((recorder)->response().errorCode == 0, qPrintable((recorder)->response().errorString));     \
+        QVERIFY2((recorder)->response().statusCode == 200 || (recorder)->response().statusCode == 206,       \
+                 qPrintable((recorder)->response().body));                                                   \
+    } while (false)
+
+class TestServerApi : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+    void init();
+    void cleanup();
+
+    void wholeFileUploadMetadataAndDownloads();
+    void chunkedUploadWithQuickTransfer();
+    void shareLinkOperations();
+    void plainAddressesCarryNoSession();
+    void errorAnswersAndBadInput();
+    void cancelInTheMiddleOfALargeDownload();
+    void droppedConnectionCompletesOnceWithAnError();
+    void hashQueriesAreRetriedAfterFaults();
+    void manyThreadsManyRequests();
+    void rateLimitedTransfersArriveIntact();
+    void shutdownCompletesPendingRequests();
+    void httpsTrustsOnlyTheGivenCertificate();
+
+private:
+    ServerApi::Config baseConfig() const;
+    ResponseData uploadWhole(const QString& remotePath, const QByteArray& bytes);
+
+    KXServerProcess m_server;
+    QTemporaryDir m_dir;
+};
+
+void TestServerApi::initTestCase()
+{
+    QVERIFY(m_dir.isValid());
+    QVERIFY2(m_server.start(), qPrintable(m_server.errorString()));
+}
+
+ServerApi::Config TestServerApi::baseConfig() const
+{
+    ServerApi::Config config;
+    config.baseUrl = m_server.baseUrl();
+    config.sessionId = m_server.token();
+    config.connectTimeoutMs = 5000;
+    return config;
+}
+
+void TestServerApi::init()
+{
+    ServerApi::configure(baseConfig());
+    m_server.clearFaults();
+}
+
+void TestServerApi::cleanup()
+{
+    // Nothing of a test may reach into the next one: after shutdown no callback can come.
+    ServerApi::shutdown();
+}
+
+ResponseData TestServerApi::uploadWhole(const QString& remotePath, const QByteArray& bytes)
+{
+    const QString local = m_dir.filePath(QStringLiteral("upload-%1").arg(sha256(bytes).left(12)));
+    if (!writeFile(local, bytes))
+        return ResponseData();
+    Recorder done = KXResponseRecorder::make();
+    KXServerApiUploadFileModel model;
+    model.entry = entryAt(remotePath);
+    model.localPath = local;
+    model.size = bytes.size();
+    ServerApi::UploadFile(model, done->onResponse(), done->onUploadProgress());
+    if (!QTest::qWaitFor([&] { return done->completions() > 0; }, kWaitMs))
+        return ResponseData();
+    return done->response();
+}
+
+void TestServerApi::wholeFileUploadMetadataAndDownloads()
+{
+    const QByteArray content = patternBytes(3 * 1024 * 1024 + 17, 1);
+    const QString local = m_dir.filePath(QStringLiteral("whole.bin"));
+    QVERIFY(writeFile(local, content));
+
+    Recorder auth = KXResponseRecorder::make();
+    ServerApi::AuthUpload(entryAt(QStringLiteral("/docs/whole.bin")), content.size(), auth->onResponse(),
+                          QString());
+    KX_OK(auth);
+    const QString region = json(auth->response()).value(QStringLiteral("region")).toString();
+    QVERIFY(!region.isEmpty());
+
+    Recorder upload = KXResponseRecorder::make();
+    KXServerApiUploadFileModel file;
+    file.entry = entryAt(QStringLiteral("/docs/whole.bin"));
+    file.entry.host = region;
+    file.localPath = local;
+    file.size = content.size();
+    const qint64 uploadId = ServerApi::UploadFile(file, upload->onResponse(), upload->onUploadProgress());
+    QVERIFY(uploadId > 0);
+    KX_OK(upload);
+    QCOMPARE(json(upload->response()).value(QStringLiteral("bytes")).toDouble(), double(content.size()));
+    // Cumulative progress ending in one final report of the whole body.
+    QVERIFY(!upload->progress().isEmpty());
+    QCOMPARE(upload->progress().last(), qMakePair(qint64(content.size()), qint64(content.size())));
+
+    Recorder meta = KXResponseRecorder::make();
+    KXServerApiMetaEntryModel folder;
+    folder.entry = entryAt(QStringLiteral("/docs"));
+    folder.list = true;
+    const qint64 metaId = ServerApi::MetaData(folder, meta->onResponse());
+    QVERIFY(metaId > uploadId);
+    KX_OK(meta);
+    const QJsonArray children = json(meta->response()).value(QStringLiteral("contents")).toArray();
+    QCOMPARE(children.size(), 1);
+    QCOMPARE(children.at(0).toObject().value(QStringLiteral("path")).toString(),
+             QStringLiteral("/docs/whole.bin"));
+
+    Recorder whole = KXResponseRecorder::make();
+    KXSeverApiDLRouterModel download;
+    download.entry = entryAt(QStringLiteral("/docs/whole.bin"));
+    ServerApi::DownloadRouter(download, whole->onData(), whole->onResponse(), whole->onDownloadProgress());
+    KX_OK(whole);
+    QVERIFY(whole->data() == content);
+    QVERIFY(whole->response().body.isEmpty());
+    QCOMPARE(whole->progress().last(), qMakePair(qint64(content.size()), qint64(content.size())));
+
+    Recorder ranged = KXResponseRecorder::make();
+    download.range = QStringLiteral("bytes=1000-2099999");
+    ServerApi::DownloadRouter(download, ranged->onData(), ranged->onResponse(), ranged->onDownloadProgress());
+    KX_OK(ranged);
+    QCOMPARE(ranged->response().statusCode, 206);
+    QVERIFY(ranged->data() == content.mid(1000, 2099000));
+    QCOMPARE(ranged->response().headers.value("Content-Range"),
+             QByteArray("bytes 1000-2099999/") + QByteArray::number(content.size()));
+    QCOMPARE(ranged->progress().last().second, qint64(2099000));
+
+    Recorder log = KXResponseRecorder::make();
+    ServerApi::RPCServerLogging(QStringLiteral("15"), QStringLiteral("/docs"), QStringLiteral("whole.bin"),
+                                QStringLiteral("self"), QString(), QString(), QString(), log->onResponse());
+    KX_OK(log);
+    QCOMPARE(json(log->response()).value(QStringLiteral("result")).toBool(), true);
+}
+
+void TestServerApi::chunkedUploadWithQuickTransfer()
+{
+    const QByteArray content = patternBytes(2 * kBlock + 5, 2);
+    const QStringList hashes = {sha256(content.mid(0, kBlock)), sha256(content.mid(kBlock, kBlock)),
+                                sha256(content.mid(2 * kBlock))};
+
+    Recorder query = KXResponseRecorder::make();
+    KXServerApiQueryHashModel offer;
+    offer.entry = entryAt(QStringLiteral("/big/one.bin"));
+    offer.fileSize = content.size();
+    offer.blockHashes = hashes;
+    ServerApi::QueryHash(offer, query->onResponse(), QString());
+    KX_OK(query);
+    const QString uploadId = json(query->response()).value(QStringLiteral("upload_id")).toString();
+    QVERIFY(!uploadId.isEmpty());
+    QCOMPARE(json(query->response()).value(QStringLiteral("needed_block")).toArray().size(), 3);
+
+    for (int i = 0; i < hashes.size(); ++i) {
+        Recorder block = KXResponseRecorder::make();
+        KXServerApiChunkedUploadModel model;
+        model.uploadId = uploadId;
+        model.hash = hashes.at(i);
+        model.data = content.mid(i * kBlock, kBlock);
+        model.length = model.data.size();
+        ServerApi::ChunkedUpload(model, block->onResponse(), block->onUploadProgress(), QString());
+        KX_OK(block);
+        QCOMPARE(json(block->response()).value(QStringLiteral("hash")).toString(), hashes.at(i));
+        QCOMPARE(block->progress().last().first, model.length);
+    }
+
+    Recorder commit = KXResponseRecorder::make();
+    KXServerApiCommitHashModel model;
+    model.entry = entryAt(QStringLiteral("/big/one.bin"));
+    model.uploadId = uploadId;
+    model.blockHashes = hashes;
+    model.size = content.size();
+    ServerApi::CommitHash(model, commit->onResponse(), QString());
+    KX_OK(commit);
+    QCOMPARE(json(commit->response()).value(QStringLiteral("needed_block")).toArray().size(), 0);
+
+    // The same blocks under another name: the server already holds all of them.
+    Recorder again = KXResponseRecorder::make();
+    offer.entry = entryAt(QStringLiteral("/big/two.bin"));
+    ServerApi::QueryHash(offer, again->onResponse(), QString());
+    KX_OK(again);
+    QCOMPARE(json(again->response()).value(QStringLiteral("needed_block")).toArray().size(), 0);
+
+    Recorder back = KXResponseRecorder::make();
+    KXSeverApiDLRouterModel download;
+    download.entry = entryAt(QStringLiteral("/big/one.bin"));
+    download.range = QStringLiteral("bytes=%1-%2").arg(kBlock - 10).arg(kBlock + 9);
+    ServerApi::DownloadRouter(download, back->onData(), back->onResponse(), nullptr);
+    KX_OK(back);
+    QVERIFY(back->data() == content.mid(kBlock - 10, 20));
+}
+
+void TestServerApi::shareLinkOperations()
+{
+    const QString code = m_server.createShare(QStringLiteral("/shared"), true, QStringLiteral("pw"));
+    QVERIFY(!code.isEmpty());
+
+    Recorder auth = KXResponseRecorder::make();
+    KXServerApiDeliveryAuthUploadModel authModel;
+    authModel.code = code;
+    authModel.token = QStringLiteral("pw");
+    authModel.name = QStringLiteral("small.txt");
+    authModel.size = 5;
+    ServerApi::DeliveryAuthUpload(authModel, auth->onResponse());
+    KX_OK(auth);
+    const QString session = json(auth->response()).value(QStringLiteral("session_id")).toString();
+    QVERIFY(!session.isEmpty());
+    QVERIFY(auth->response().headers.value("Set-Cookie").startsWith("S=" + session.toUtf8()));
+
+    KXServerApiDeliveryDataModel link;
+    link.code = code;
+    link.token = QStringLiteral("pw");
+    link.host = json(auth->response()).value(QStringLiteral("upload_url")).toString();
+    link.sessionId = session;
+    link.path = QStringLiteral("/small.txt");
+    link.localPath = m_dir.filePath(QStringLiteral("small.txt"));
+    link.size = 5;
+    QVERIFY(writeFile(link.localPath, "hello"));
+    Recorder upload = KXResponseRecorder::make();
+    ServerApi::DeliveryUploadFile(link, upload->onResponse(), upload->onUploadProgress());
+    KX_OK(upload);
+
+    const QByteArray big = patternBytes(kBlock + 100, 3);
+    const QStringList hashes = {sha256(big.left(kBlock)), sha256(big.mid(kBlock))};
+    KXServerApiDeliveryQueryHashModel offer;
+    offer.link = link;
+    offer.link.path = QStringLiteral("/sub/big.bin");
+    offer.link.size = big.size();
+    offer.blockHashes = hashes;
+    Recorder query = KXResponseRecorder::make();
+    ServerApi::DeliveryQueryHash(offer, query->onResponse());
+    KX_OK(query);
+    const QString uploadId = json(query->response()).value(QStringLiteral("upload_id")).toString();
+    for (int i = 0; i < 2; ++i) {
+        KXServerApiDeliveryChunkedUploadModel block;
+        block.link = offer.link;
+        block.block.uploadId = uploadId;
+        block.block.hash = hashes.at(i);
+        block.block.data = big.mid(i * kBlock, kBlock);
+        Recorder sent = KXResponseRecorder::make();
+        ServerApi::DeliveryChunkedUpload(block, sent->onResponse(), sent->onUploadProgress());
+        KX_OK(sent);
+    }
+    KXServerApiDeliveryCommitHashModel commit;
+    commit.link = offer.link;
+    commit.uploadId = uploadId;
+    commit.blockHashes = hashes;
+    commit.size = big.size();
+    Recorder committed = KXResponseRecorder::make();
+    ServerApi::DeliveryCommitHash(commit, committed->onResponse());
+    KX_OK(committed);
+    QVERIFY(json(committed->response()).contains(QStringLiteral("metadata")));
+
+    KXServerApiDeliveryDataModel get = link;
+    get.sessionId.clear();
+    get.path = QStringLiteral("/sub/big.bin");
+    get.localPath = m_dir.filePath(QStringLiteral("fetched.bin"));
+    QVERIFY(writeFile(get.localPath, "stale contents that must go"));
+    Recorder file = KXResponseRecorder::make();
+    ServerApi::DeliveryDownloadFile(get, file->onResponse(), file->onDownloadProgress());
+    KX_OK(file);
+    QVERIFY(readFile(get.localPath) == big);
+    QCOMPARE(file->progress().last().first, big.size());
+
+    KXSeverApiDeliveryDLRouterModel part;
+    part.link = get;
+    part.range = QStringLiteral("bytes=%1-").arg(kBlock);
+    Recorder tail = KXResponseRecorder::make();
+    ServerApi::DeliveryDownloadRouter(part, tail->onData(), tail->onResponse(), tail->onDownloadProgress());
+    KX_OK(tail);
+    QVERIFY(tail->data() == big.mid(kBlock));
+
+    // A wrong password: the error answer stays in the body, the local file gets nothing of it.
+    get.token = QStringLiteral("wrong");
+    Recorder refused = KXResponseRecorder::make();
+    ServerApi::DeliveryDownloadFile(get, refused->onResponse(), nullptr);
+    KX_COMPLETE(refused);
+    QCOMPARE(refused->response().statusCode, 401);
+    QCOMPARE(json(refused->response()).value(QStringLiteral("code")).toString(),
+             QStringLiteral("token is not exist"));
+    QVERIFY(readFile(get.localPath).isEmpty());
+}
+
+void TestServerApi::plainAddressesCarryNoSession()
+{
+    const QByteArray content = patternBytes(1024 * 1024 + 3, 4);
+    const QString local = m_dir.filePath(QStringLiteral("plain.bin"));
+    QVERIFY(writeFile(local, content));
+    const QString address = m_server.baseUrl() + QStringLiteral("/v1/raw/self/plain/p%20q.bin");
+    const QString withSession = address + QStringLiteral("?session=") + m_server.token();
+
+    Recorder put = KXResponseRecorder::make();
+    ServerApi::Upload(local, withSession, put->onResponse(), put->onUploadProgress());
+    KX_OK(put);
+    QCOMPARE(put->progress().last(), qMakePair(qint64(content.size()), qint64(content.size())));
+
+    Recorder get = KXResponseRecorder::make();
+    ServerApi::Download(withSession, get->onData(), get->onResponse(), get->onDownloadProgress());
+    KX_OK(get);
+    QVERIFY(get->data() == content);
+
+    // The configured session would let this in; a plain address must not be given it.
+    Recorder bare = KXResponseRecorder::make();
+    ServerApi::Download(address, bare->onData(), bare->onResponse(), nullptr);
+    KX_COMPLETE(bare);
+    QCOMPARE(bare->response().statusCode, 401);
+    QVERIFY(bare->data().isEmpty());
+    QCOMPARE(json(bare->response()).value(QStringLiteral("code")).toString(),
+             QStringLiteral("Invalid session"));
+}
+
+void TestServerApi::errorAnswersAndBadInput()
+{
+    Recorder missing = KXResponseRecorder::make();
+    KXServerApiMetaEntryModel meta;
+    meta.entry = entryAt(QStringLiteral("/no/such/file"));
+    ServerApi::MetaData(meta, missing->onResponse());
+    KX_COMPLETE(missing);
+    QCOMPARE(missing->response().statusCode, 404);
+    QCOMPARE(missing->response().errorCode, 0);
+    QCOMPARE(json(missing->response()).value(QStringLiteral("code")).toString(),
+             QStringLiteral("nameentry_not_exist"));
+
+    QVERIFY(uploadWhole(QStringLiteral("/err/five.txt"), "12345").statusCode == 200);
+    Recorder outside = KXResponseRecorder::make();
+    KXSeverApiDLRouterModel range;
+    range.entry = entryAt(QStringLiteral("/err/five.txt"));
+    range.range = QStringLiteral("bytes=10-20");
+    ServerApi::DownloadRouter(range, outside->onData(), outside->onResponse(), nullptr);
+    KX_COMPLETE(outside);
+    QCOMPARE(outside->response().statusCode, 416);
+    QVERIFY(outside->data().isEmpty());
+    QCOMPARE(json(outside->response()).value(QStringLiteral("code")).toString(),
+             QStringLiteral("invalid range"));
+
+    Recorder noPath = KXResponseRecorder::make();
+    ServerApi::MetaData(KXServerApiMetaEntryModel(), noPath->onResponse());
+    KX_COMPLETE(noPath);
+    QCOMPARE(noPath->response().errorCode, int(ServerApi::ErrorBadArgument));
+
+    Recorder injected = KXResponseRecorder::make();
+    KXSeverApiDLRouterModel evil = range;
+    evil.range = QStringLiteral("bytes=0-1\r\nX-Evil: 1");
+    ServerApi::DownloadRouter(evil, injected->onData(), injected->onResponse(), nullptr);
+    KX_COMPLETE(injected);
+    QCOMPARE(injected->response().errorCode, int(ServerApi::ErrorBadArgument));
+
+    Recorder noFile = KXResponseRecorder::make();
+    ServerApi::Upload(m_dir.filePath(QStringLiteral("absent")), m_server.baseUrl(), noFile->onResponse(),
+                      nullptr);
+    KX_COMPLETE(noFile);
+    QCOMPARE(noFile->response().errorCode, int(ServerApi::ErrorLocalFile));
+    QCOMPARE(noFile->response().statusCode, 0);
+
+    const QString local = m_dir.filePath(QStringLiteral("grown.bin"));
+    QVERIFY(writeFile(local, "123456"));
+    Recorder changed = KXResponseRecorder::make();
+    KXServerApiUploadFileModel file;
+    file.entry = entryAt(QStringLiteral("/err/grown.bin"));
+    file.localPath = local;
+    file.size = 5;
+    ServerApi::UploadFile(file, changed->onResponse(), nullptr);
+    KX_COMPLETE(changed);
+    QCOMPARE(changed->response().errorCode, int(ServerApi::ErrorLocalFile));
+
+    Recorder unwritable = KXResponseRecorder::make();
+    KXServerApiDeliveryDataModel link;
+    link.code = QStringLiteral("nocode");
+    link.localPath = m_dir.filePath(QStringLiteral("no/such/folder/file"));
+    ServerApi::DeliveryDownloadFile(link, unwritable->onResponse(), nullptr);
+    KX_COMPLETE(unwritable);
+    QCOMPARE(unwritable->response().errorCode, int(ServerApi::ErrorLocalFile));
+
+    ServerApi::Config config = baseConfig();
+    config.baseUrl = QStringLiteral("http://127.0.0.1:1");
+    config.maxRetries = 0;
+    ServerApi::configure(config);
+    Recorder refused = KXResponseRecorder::make();
+    ServerApi::MetaData(meta, refused->onResponse());
+    KX_COMPLETE(refused);
+    QCOMPARE(refused->response().statusCode, 0);
+    QCOMPARE(refused->response().errorCode, 7); // could not connect
+    QVERIFY(!refused->response().errorString.isEmpty());
+}
+
+void TestServerApi::cancelInTheMiddleOfALargeDownload()
+{
+    const qint64 size = 48 * 1024 * 1024;
+    QCOMPARE(uploadWhole(QStringLiteral("/large.bin"), patternBytes(size, 5)).statusCode, 200);
+
+    // Slow enough that the cancel surely lands while the body is still flowing.
+    ServerApi::Config config = baseConfig();
+    config.maxRecvBytesPerSec = 8 * 1024 * 1024;
+    ServerApi::configure(config);
+    Recorder download = KXResponseRecorder::make();
+    KXSeverApiDLRouterModel model;
+    model.entry = entryAt(QStringLiteral("/large.bin"));
+    std::atomic<qint64> id{0};
+    std::atomic<bool> cancelled{false};
+    download->setDataHook([&](qint64 received) {
+        if (received >= 1024 * 1024 && !cancelled.exchange(true))
+            ServerApi::Cancel(id.load());
+    });
+    id = ServerApi::DownloadRouter(model, download->onData(), download->onResponse(),
+                                   download->onDownloadProgress());
+    KX_COMPLETE(download);
+    QCOMPARE(download->response().errorCode, int(ServerApi::ErrorCancelled));
+    QCOMPARE(download->response().statusCode, 0);
+    QVERIFY(download->data().size() < size);
+    ServerApi::Cancel(id); // a finished request: ignored
+
+    ServerApi::shutdown();
+    QCOMPARE(download->completions(), 1);
+    QCOMPARE(download->violations(), QStringList());
+}
+
+void TestServerApi::droppedConnectionCompletesOnceWithAnError()
+{
+    QCOMPARE(uploadWhole(QStringLiteral("/drop.bin"), patternBytes(6 * 1024 * 1024, 6)).statusCode, 200);
+    ServerApi::Config config = baseConfig();
+    config.maxRetries = 0;
+    ServerApi::configure(config);
+
+    QVERIFY(m_server.armFault(QJsonObject{{"op", "download"}, {"nth", 1}, {"action", "drop"}}));
+    Recorder download = KXResponseRecorder::make();
+    KXSeverApiDLRouterModel model;
+    model.entry = entryAt(QStringLiteral("/drop.bin"));
+    ServerApi::DownloadRouter(model, download->onData(), download->onResponse(),
+                              download->onDownloadProgress());
+    KX_COMPLETE(download);
+    QCOMPARE(download->response().statusCode, 0);
+    QVERIFY2(download->response().errorCode != 0, qPrintable(download->response().errorString));
+    QVERIFY(download->data().size() < 6 * 1024 * 1024);
+
+    QVERIFY(m_server.armFault(QJsonObject{{"op", "file_upload"}, {"nth", 1}, {"action", "drop"}}));
+    config.maxRetries = 3; // an upload is never repeated, whatever the limit
+    ServerApi::configure(config);
+    const QString local = m_dir.filePath(QStringLiteral("drop-up.bin"));
+    QVERIFY(writeFile(local, patternBytes(2 * 1024 * 1024, 7)));
+    Recorder upload = KXResponseRecorder::make();
+    KXServerApiUploadFileModel file;
+    file.entry = entryAt(QStringLiteral("/drop-up.bin"));
+    file.localPath = local;
+    ServerApi::UploadFile(file, upload->onResponse(), upload->onUploadProgress());
+    KX_COMPLETE(upload);
+    QVERIFY(upload->response().errorCode != 0 || upload->response().statusCode >= 500);
+
+    ServerApi::shutdown();
+    QCOMPARE(download->completions(), 1);
+    QCOMPARE(upload->completions(), 1);
+    QCOMPARE(download->violations() + upload->violations(), QStringList());
+}
+
+void TestServerApi::hashQueriesAreRetriedAfterFaults()
+{
+    KXServerApiQueryHashModel offer;
+    offer.entry = entryAt(QStringLiteral("/retry/a.bin"));
+    offer.fileSize = 3;
+    offer.blockHashes << sha256("abc");
+
+    QVERIFY(m_server.armFault(
+        QJsonObject{{"op", "hash"}, {"nth", 1}, {"count", 2}, {"action", "status"}, {"status", 503}}));
+    Recorder recovered = KXResponseRecorder::make();
+    ServerApi::QueryHash(offer, recovered->onResponse(), QString());
+    KX_OK(recovered);
+    QVERIFY(json(recovered->response()).contains(QStringLiteral("upload_id")));
+
+    QVERIFY(m_server.armFault(QJsonObject{{"op", "hash"}, {"nth", 1}, {"action", "drop"}}));
+    Recorder afterDrop = KXResponseRecorder::make();
+    ServerApi::QueryHash(offer, afterDrop->onResponse(), QString());
+    KX_OK(afterDrop);
+
+    // More faults than retries: the last answer is what the caller gets.
+    QVERIFY(m_server.armFault(
+        QJsonObject{{"op", "hash"}, {"nth", 1}, {"count", 10}, {"action", "status"}, {"status", 503}}));
+    ServerApi::Config config = baseConfig();
+    config.maxRetries = 2;
+    ServerApi::configure(config);
+    m_server.resetStats();
+    Recorder exhausted = KXResponseRecorder::make();
+    ServerApi::QueryHash(offer, exhausted->onResponse(), QString());
+    KX_COMPLETE(exhausted);
+    QCOMPARE(exhausted->response().statusCode, 503);
+    QCOMPARE(m_server.stats().value(QStringLiteral("requests")).toInt(), 3);
+
+    // A commit is not safe to repeat: one attempt only.
+    m_server.clearFaults();
+    QVERIFY(
+        m_server.armFault(QJsonObject{{"op", "commit"}, {"nth", 1}, {"action", "status"}, {"status", 503}}));
+    m_server.resetStats();
+    Recorder commit = KXResponseRecorder::make();
+    KXServerApiCommitHashModel model;
+    model.entry = offer.entry;
+    model.blockHashes = offer.blockHashes;
+    model.size = 3;
+    ServerApi::CommitHash(model, commit->onResponse(), QString());
+    KX_COMPLETE(commit);
+    QCOMPARE(commit->response().statusCode, 503);
+    QCOMPARE(m_server.stats().value(QStringLiteral("requests")).toInt(), 1);
+}
+
+void TestServerApi::manyThreadsManyRequests()
+{
+    QCOMPARE(uploadWhole(QStringLiteral("/many/file.bin"), patternBytes(200 * 1024, 8)).statusCode, 200);
+    const int threads = 6;
+    const int perThread = 30;
+    QVector<QVector<qint64>> ids(threads);
+    QVector<QVector<Recorder>> recorders(threads);
+    std::vector<std::thread> workers;
+    for (int t = 0; t < threads; ++t) {
+        workers.emplace_back([&, t] {
+            for (int i = 0; i < perThread; ++i) {
+                Recorder r = KXResponseRecorder::make();
+                recorders[t] << r;
+                if (i % 2 == 0) {
+                    KXServerApiMetaEntryModel meta;
+                    meta.entry = entryAt(QStringLiteral("/many/file.bin"));
+                    ids[t] << ServerApi::MetaData(meta, r->onResponse());
+                } else {
+                    KXSeverApiDLRouterModel get;
+                    get.entry = entryAt(QStringLiteral("/many/file.bin"));
+                    ids[t] << ServerApi::DownloadRouter(get, r->onData(), r->onResponse(),
+                                                        r->onDownloadProgress());
+                }
+            }
+        });
+    }
+    for (std::thread& worker : workers)
+        worker.join();
+
+    QSet<qint64> unique;
+    for (const QVector<qint64>& list : ids) {
+        for (qint64 id : list) {
+            QVERIFY(id > 0);
+            unique.insert(id);
+        }
+    }
+    QCOMPARE(unique.size(), threads * perThread);
+    for (const QVector<Recorder>& list : recorders) {
+        for (const Recorder& r : list)
+            KX_OK(r);
+    }
+    ServerApi::shutdown();
+    for (const QVector<Recorder>& list : recorders) {
+        for (const Recorder& r : list) {
+            QCOMPARE(r->completions(), 1);
+            QCOMPARE(r->violations(), QStringList());
+        }
+    }
+}
+
+void TestServerApi::rateLimitedTransfersArriveIntact()
+{
+    // Paused and resumed many times over by the shared limit, every body must still arrive whole.
+    ServerApi::Config config = baseConfig();
+    config.maxSendBytesPerSec = 12 * 1024 * 1024;
+    config.maxRecvBytesPerSec = 12 * 1024 * 1024;
+    ServerApi::configure(config);
+    QVector<QByteArray> contents;
+    QVector<Recorder> uploads;
+    for (int i = 0; i < 3; ++i) {
+        contents << patternBytes(3 * 1024 * 1024 + i, 20 + i);
+        KXServerApiUploadFileModel file;
+        file.entry = entryAt(QStringLiteral("/limited/%1.bin").arg(i));
+        file.localPath = m_dir.filePath(QStringLiteral("limited-%1.bin").arg(i));
+        QVERIFY(writeFile(file.localPath, contents.last()));
+        uploads << KXResponseRecorder::make();
+        ServerApi::UploadFile(file, uploads.last()->onResponse(), uploads.last()->onUploadProgress());
+    }
+    for (const Recorder& r : uploads)
+        KX_OK(r);
+
+    QVector<Recorder> downloads;
+    for (int i = 0; i < 3; ++i) {
+        KXSeverApiDLRouterModel get;
+        get.entry = entryAt(QStringLiteral("/limited/%1.bin").arg(i));
+        downloads << KXResponseRecorder::make();
+        ServerApi::DownloadRouter(get, downloads.last()->onData(), downloads.last()->onResponse(),
+                                  downloads.last()->onDownloadProgress());
+    }
+    for (int i = 0; i < 3; ++i) {
+        KX_OK(downloads.at(i));
+        QVERIFY(downloads.at(i)->data() == contents.at(i));
+    }
+}
+
+void TestServerApi::shutdownCompletesPendingRequests()
+{
+    QVERIFY(m_server.armFault(
+        QJsonObject{{"op", "metadata"}, {"nth", 1}, {"count", 5}, {"action", "delay"}, {"ms", 20000}}));
+    QVector<Recorder> pending;
+    for (int i = 0; i < 5; ++i) {
+        Recorder r = KXResponseRecorder::make();
+        KXServerApiMetaEntryModel meta;
+        meta.entry = entryAt(QStringLiteral("/"));
+        ServerApi::MetaData(meta, r->onResponse());
+        pending << r;
+    }
+    ServerApi::shutdown();
+    for (const Recorder& r : pending) {
+        QCOMPARE(r->completions(), 1);
+        QCOMPARE(r->response().errorCode, int(ServerApi::ErrorShutdown));
+        QCOMPARE(r->violations(), QStringList());
+    }
+
+    // The next request starts the library again.
+    m_server.clearFaults();
+    Recorder later = KXResponseRecorder::make();
+    KXServerApiMetaEntryModel root;
+    root.entry = entryAt(QStringLiteral("/"));
+    ServerApi::MetaData(root, later->onResponse());
+    KX_OK(later);
+}
+
+void TestServerApi::httpsTrustsOnlyTheGivenCertificate()
+{
+    const QString cert = m_dir.filePath(QStringLiteral("cert.pem"));
+    const QString key = m_dir.filePath(QStringLiteral("key.pem"));
+    QProcess openssl;
+    openssl.start(QStringLiteral("openssl"),
+                  {"req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2", "-subj", "/CN=127.0.0.1",
+                   "-addext", "subjectAltName=IP:127.0.0.1", "-keyout", key, "-out", cert});
+    QVERIFY(openssl.waitForFinished(60000));
+    QCOMPARE(openssl.exitCode(), 0);
+
+    KXServerProcess tls({"--tls-cert", cert, "--tls-key", key});
+    QVERIFY2(tls.start(), qPrintable(tls.errorString()));
+    QVERIFY(tls.baseUrl().startsWith(QStringLiteral("https://")));
+
+    ServerApi::Config config = baseConfig();
+    config.baseUrl = tls.baseUrl();
+    config.sessionId = tls.token();
+    config.maxRetries = 0;
+    ServerApi::configure(config);
+    KXServerApiMetaEntryModel root;
+    root.entry = entryAt(QStringLiteral("/"));
+    Recorder untrusted = KXResponseRecorder::make();
+    ServerApi::MetaData(root, untrusted->onResponse());
+    KX_COMPLETE(untrusted);
+    QCOMPARE(untrusted->response().statusCode, 0);
+    QCOMPARE(untrusted->response().errorCode, 60); // peer certificate not trusted
+
+    config.caFile = cert;
+    ServerApi::configure(config);
+    Recorder trusted = KXResponseRecorder::make();
+    ServerApi::MetaData(root, trusted->onResponse());
+    KX_OK(trusted);
+    QCOMPARE(json(trusted->response()).value(QStringLiteral("is_dir")).toBool(), true);
+}
+
+QTEST_GUILESS_MAIN(TestServerApi)
+#include "tst_ServerApi.moc"
