@@ -36,6 +36,9 @@ CKXTransfer::~CKXTransfer()
 
 void CKXTransfer::threadEnd()
 {
+    if (m_deleted) {
+        CKXTFStoreManager::inst()->db()->DelTransferTask(m_task->getId());
+    }
     emit threadFinished(m_handle, this);
 }
 
@@ -59,6 +62,7 @@ void CKXTransfer::cancelTask()
 void CKXTransfer::del()
 {
     TLOG_FATAL(QStringLiteral("删除任务 %1").arg(m_task->getId()));
+    m_deleted = true;
     cancelTask();
     CKXTFStoreManager::inst()->db()->DelTransferTask(m_task->getId());
 }

@@ -13,6 +13,7 @@
 #include "KXTFBaseThread.h"
 #include "KXTransferDefine.h"
 
+#include <atomic>
 #include <functional>
 
 class CKXTransferTask;
@@ -75,6 +76,9 @@ protected:
     TransferProgressCallback m_progressCallback = nullptr;
     CKXTransferTask* m_task = nullptr;
     long long m_handle = 0;
+    // Set by del(). A transfer whose cancelTask() does not wait may still end in a handler that
+    // saves the task again; threadEnd() then removes that row once more.
+    std::atomic<bool> m_deleted{false};
 };
 
 Q_DECLARE_METATYPE(CKXTransfer*)

@@ -1,5 +1,6 @@
 #include "KXTransferCreator.h"
 
+#include "KXChunkedTransfer.h"
 #include "KXComTransfer.h"
 #include "KXDeliveryTransfer.h"
 #include "KXLoggerWrapper.h"
@@ -26,14 +27,14 @@ CKXTransfer* CKXTransferCreator::transfer(const SubTaskInfo& task)
     if (record.remoteFile.isDeliveryTrans) {
         if (chunked) {
             TLOG_FATAL(QStringLiteral("生成分块外链传输任务 %1").arg(record.subTaskId));
-            return nullptr;
+            return new CKXChunkedTransfer(record, nullptr, nullptr);
         }
         TLOG_FATAL(QStringLiteral("生成普通外链传输任务 %1").arg(record.subTaskId));
         return new CKXDeliveryTransfer(record, nullptr, nullptr);
     }
     if (chunked) {
         TLOG_FATAL(QStringLiteral("生成分块传输任务 %1").arg(record.subTaskId));
-        return nullptr;
+        return new CKXChunkedTransfer(record, nullptr, nullptr);
     }
     TLOG_FATAL(QStringLiteral("生成普通传输任务 %1").arg(record.subTaskId));
     return new CKXComTransfer(record, nullptr, nullptr);

@@ -1,0 +1,206 @@
+#include "KXApiFixture.h"
+
+#include "ServerApiConfig.h"
+
+#include <QCryptographicHash>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QHash>
+#include <QMutex>
+#include <QRandomGenerator>
+#include <QSqlDatabase>
+#include <QSqlQuery>
+#include <QTest>
+#include <QUuid>
+
+namespace {
+
+QMutex g_recordsMutex;
+QHash<long long, ApiTaskRecord> g_records; // guarded by g_recordsMutex
+
+void onFinal(long long handle, const SubTaskInfo& task, ErrorCode code)
+{
+    QMutexLocker locker(&g_recordsMutex);
+    ApiTaskRecord& record = g_records[handle];
+    ++record.finals;
+    record.code = code;
+    record.task = task;
+}
+
+void onProgress(long long handle, const SubTaskInfo& task, long long bytes)
+{
+    Q_UNUSED(task)
+    QMutexLocker locker(&g_recordsMutex);
+    ApiTaskRecord& record = g_records[handle];
+    ++record.progress;
+    record.lastBytes = bytes;
+}
+
+QString newId(const QString& prefix)
+{
+    return prefix + QUuid::createUuid().toString(QUuid::WithoutBraces);
+}
+
+} // namespace
+
+CKXApiFixture::CKXApiFixture(const QStringList& serverArgs) : m_server(serverArgs) {}
+
+CKXApiFixture::~CKXApiFixture()
+{
+    Transfer::deinit();
+    // Closes the library's kept-alive connections, which would hold up the server's stop.
+    ServerApi::shutdown();
+}
+
+bool CKXApiFixture::setUp()
+{
+    // The engine's database and logs follow these; nothing may reach the real home folder.
+    qputenv("XDG_DATA_HOME", m_home.path().toUtf8() + "/data");
+    qputenv("HOME", m_home.path().toUtf8());
+    {
+        QMutexLocker locker(&g_recordsMutex);
+        g_records.clear();
+    }
+    if (!m_home.isValid() || !m_work.isValid()) {
+        m_error = QStringLiteral("no temporary folder");
+        return false;
+    }
+    if (!m_server.start()) {
+        m_error = m_server.errorString();
+        return false;
+    }
+    configureServerApi(m_server.token());
+    Transfer::setConfig(TransferConfigUserPath, QString());
+    Transfer::setConfig(TransferConfigMaxConcurrentCount, QStringLiteral("4"));
+    return true;
+}
+
+void CKXApiFixture::configureServerApi(const QString& sessionId)
+{
+    ServerApi::Config config;
+    config.baseUrl = m_server.baseUrl();
+    config.sessionId = sessionId;
+    ServerApi::configure(config);
+}
+
+QString CKXApiFixture::localPath(const QString& name) const
+{
+    return m_work.filePath(name);
+}
+
+int CKXApiFixture::dbRowState(const QString& subTaskId) const
+{
+    const QString connection = QStringLiteral("probe");
+    int state = -1;
+    {
+        QSqlDatabase db = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), connection);
+        db.setDatabaseName(m_home.path() + QStringLiteral("/data/Transfer/transfer.db"));
+        db.setConnectOptions(QStringLiteral("QSQLITE_OPEN_READONLY"));
+        if (db.open()) {
+            QSqlQuery query(db);
+            query.prepare(QStringLiteral("SELECT state FROM transfer_v1 WHERE id = ?"));
+            query.addBindValue(subTaskId);
+            if (query.exec() && query.next()) {
+                state = query.value(0).toInt();
+            }
+        }
+    }
+    QSqlDatabase::removeDatabase(connection);
+    return state;
+}
+
+long long CKXApiFixture::start(const SubTaskInfo& task, bool isUrl)
+{
+    const long long handle = Transfer::init(task, onFinal, onProgress, isUrl);
+    Transfer::start(handle);
+    return handle;
+}
+
+void CKXApiFixture::runToEnd(const SubTaskInfo& task, ApiTaskRecord* out, bool isUrl)
+{
+    const long long handle = start(task, isUrl);
+    QVERIFY(handle != 0);
+    QTRY_VERIFY_WITH_TIMEOUT(record(handle).finals > 0, kFinishMs);
+    QTRY_COMPARE_WITH_TIMEOUT(Transfer::transferCount(), 0, kFinishMs);
+    *out = record(handle);
+    QCOMPARE(out->finals, 1);
+}
+
+ApiTaskRecord CKXApiFixture::record(long long handle)
+{
+    QMutexLocker locker(&g_recordsMutex);
+    return g_records.value(handle);
+}
+
+SubTaskInfo CKXApiFixture::uploadTask(const QString& localPath, const QString& remotePath)
+{
+    SubTaskInfo task;
+    task.taskId = newId(QStringLiteral("task-"));
+    task.subTaskId = newId(QStringLiteral("sub-"));
+    task.isUpload = true;
+    task.localFile.path = localPath;
+    task.localFile.size = QFileInfo(localPath).size();
+    task.remoteFile.path = remotePath;
+    task.remoteFile.pathType = QStringLiteral("self");
+    return task;
+}
+
+SubTaskInfo CKXApiFixture::downloadTask(const QString& remotePath, qint64 size, const QString& localPath)
+{
+    SubTaskInfo task;
+    task.taskId = newId(QStringLiteral("task-"));
+    task.subTaskId = newId(QStringLiteral("sub-"));
+    task.isUpload = false;
+    task.localFile.path = localPath;
+    task.remoteFile.path = remotePath;
+    task.remoteFile.pathType = QStringLiteral("self");
+    task.remoteFile.size = size;
+    return task;
+}
+
+bool CKXApiFixture::readRemoteFile(const QString& remotePath, QByteArray* content)
+{
+    const TestHttpReply reply = CKXTestHttp::get(m_server.baseUrl() + QStringLiteral("/v1/files?path=") +
+                                                     CKXTestHttp::encode(remotePath),
+                                                 m_server.sessionHeader());
+    *content = reply.body;
+    return reply.status == 200;
+}
+
+bool CKXApiFixture::putRemoteFile(const QString& remotePath, const QByteArray& content)
+{
+    const TestHttpReply reply =
+        CKXTestHttp::put(m_server.baseUrl() + QStringLiteral("/v1/files?overwrite=true&path=") +
+                             CKXTestHttp::encode(remotePath),
+                         content, m_server.sessionHeader());
+    return reply.status == 200;
+}
+
+QByteArray sha256(const QByteArray& data)
+{
+    return QCryptographicHash::hash(data, QCryptographicHash::Sha256).toHex();
+}
+
+QByteArray randomBytes(qint64 size, int seed)
+{
+    QByteArray data(static_cast<int>(size), Qt::Uninitialized);
+    QRandomGenerator generator(static_cast<quint32>(seed));
+    for (char& byte : data) {
+        byte = static_cast<char>(generator.bounded(256));
+    }
+    return data;
+}
+
+bool writeFile(const QString& path, const QByteArray& data)
+{
+    QDir().mkpath(QFileInfo(path).absolutePath());
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly) && file.write(data) == data.size();
+}
+
+QByteArray fileContent(const QString& path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}

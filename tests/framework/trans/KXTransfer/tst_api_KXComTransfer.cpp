@@ -1,0 +1,348 @@
+// Whole-file transfers (up to 4 MiB) driven through the public API against a real kxserver.
+
+#include "KXApiFixture.h"
+#include "KXUtil.h"
+
+#include <QFile>
+#include <QFileInfo>
+#include <QJsonObject>
+#include <QTest>
+
+#include <memory>
+
+namespace {
+
+const qint64 kOneBlock = 4194304;
+const qint64 kOnePiB = qint64(1) << 50;
+
+int statOf(CKXServerProcess& server, const char* name)
+{
+    return server.stats().value(QLatin1String(name)).toInt();
+}
+
+} // namespace
+
+class TestApiComTransfer : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void init();
+    void cleanup();
+
+    void roundTrip_data();
+    void roundTrip();
+    void nameCollisions();
+    void failedDownloadLeavesNoPartialFile();
+    void serverErrorsAreMapped();
+    void quotaRefusesUpload();
+    void localProblemsNeverReachServer();
+    void cancelForgetsHandleAtOnce();
+    void delWaitsForFinishingThread();
+    void storedCompleteTaskSkipsServer();
+
+private:
+    void checkReadOnce(const QString& subTaskId, qint64 size);
+
+    std::unique_ptr<CKXApiFixture> m_env;
+};
+
+void TestApiComTransfer::init()
+{
+    QStringList serverArgs;
+    if (QByteArray(QTest::currentTestFunction()) == "quotaRefusesUpload") {
+        serverArgs << QStringLiteral("--quota") << QStringLiteral("1000");
+    }
+    m_env.reset(new CKXApiFixture(serverArgs));
+    QVERIFY2(m_env->setUp(), qPrintable(m_env->errorString()));
+}
+
+void TestApiComTransfer::cleanup()
+{
+    m_env.reset();
+}
+
+// A completed task is handed out once, then it is gone from the store and from transfer.db.
+void TestApiComTransfer::checkReadOnce(const QString& subTaskId, qint64 size)
+{
+    QCOMPARE(m_env->dbRowState(subTaskId), int(StateCompleted));
+    SubTaskInfo info;
+    QVERIFY(Transfer::taskInfo(subTaskId, info));
+    QCOMPARE(info.state, StateCompleted);
+    QCOMPARE(info.errorCode, NoError);
+    QCOMPARE(info.completeBytes, size);
+    SubTaskInfo again;
+    QVERIFY(!Transfer::taskInfo(subTaskId, again));
+    QCOMPARE(m_env->dbRowState(subTaskId), -1);
+}
+
+void TestApiComTransfer::roundTrip_data()
+{
+    QTest::addColumn<qint64>("size");
+    QTest::newRow("empty") << qint64(0);
+    QTest::newRow("one byte") << qint64(1);
+    QTest::newRow("exactly one block") << kOneBlock;
+}
+
+void TestApiComTransfer::roundTrip()
+{
+    QFETCH(qint64, size);
+    CKXApiFixture& env = *m_env;
+    const QByteArray content = randomBytes(size, int(size));
+    const QString local = env.localPath(QStringLiteral("up.bin"));
+    QVERIFY(writeFile(local, content));
+    const QString remote = QStringLiteral("/round/trip-%1.bin").arg(size);
+    QVERIFY(env.server().resetStats());
+
+    const SubTaskInfo up = CKXApiFixture::uploadTask(local, remote);
+    ApiTaskRecord upRecord;
+    KX_RUN_TO_END(env, up, &upRecord, false);
+    QCOMPARE(upRecord.code, NoError);
+    QCOMPARE(upRecord.task.state, StateCompleted);
+    QByteArray stored;
+    QVERIFY(env.readRemoteFile(remote, &stored));
+    QCOMPARE(sha256(stored), sha256(content));
+    // Even 4194304 bytes travel whole, in one request.
+    QCOMPARE(statOf(env.server(), "block_uploads"), 0);
+    QCOMPARE(qint64(env.server().stats().value("file_upload_bytes").toDouble()), size);
+    if (size == kOneBlock) {
+        QVERIFY(upRecord.progress > 0);
+        QVERIFY(upRecord.lastBytes <= size);
+    }
+    checkReadOnce(up.subTaskId, size);
+    if (QTest::currentTestFailed()) {
+        return;
+    }
+
+    // Into a folder that does not exist yet.
+    const QString back = env.localPath(QStringLiteral("back/down.bin"));
+    const SubTaskInfo down = CKXApiFixture::downloadTask(remote, size, back);
+    ApiTaskRecord downRecord;
+    KX_RUN_TO_END(env, down, &downRecord, false);
+    QCOMPARE(downRecord.code, NoError);
+    QVERIFY(QFile::exists(back));
+    QCOMPARE(sha256(fileContent(back)), sha256(content));
+    QVERIFY(!QFile::exists(KXUtil::tmpFile(back)));
+    if (size == kOneBlock) {
+        QVERIFY(downRecord.progress > 0);
+        QCOMPARE(downRecord.lastBytes, size);
+    }
+    checkReadOnce(down.subTaskId, size);
+}
+
+void TestApiComTransfer::nameCollisions()
+{
+    CKXApiFixture& env = *m_env;
+    const QByteArray remoteContent("remote content\n");
+    QVERIFY(env.putRemoteFile(QStringLiteral("/c/report.txt"), remoteContent));
+    const QString local = env.localPath(QStringLiteral("report.txt"));
+    QVERIFY(writeFile(local, "local original"));
+
+    // Without overwrite every download takes the next free numbered name.
+    for (int n = 1; n <= 2; ++n) {
+        ApiTaskRecord record;
+        KX_RUN_TO_END(
+            env, CKXApiFixture::downloadTask(QStringLiteral("/c/report.txt"), remoteContent.size(), local),
+            &record, false);
+        QCOMPARE(record.code, NoError);
+        QCOMPARE(fileContent(env.localPath(QStringLiteral("report(%1).txt").arg(n))), remoteContent);
+    }
+    QCOMPARE(fileContent(local), QByteArray("local original"));
+
+    SubTaskInfo replace =
+        CKXApiFixture::downloadTask(QStringLiteral("/c/report.txt"), remoteContent.size(), local);
+    replace.remoteFile.syncOverwrite = true;
+    ApiTaskRecord replaced;
+    KX_RUN_TO_END(env, replace, &replaced, false);
+    QCOMPARE(replaced.code, NoError);
+    QCOMPARE(fileContent(local), remoteContent);
+    QVERIFY(!QFile::exists(env.localPath(QStringLiteral("report(3).txt"))));
+
+    // An upload onto an existing remote name is refused unless it may overwrite.
+    const QString source = env.localPath(QStringLiteral("new.txt"));
+    QVERIFY(writeFile(source, "new remote content"));
+    ApiTaskRecord refused;
+    KX_RUN_TO_END(env, CKXApiFixture::uploadTask(source, QStringLiteral("/c/report.txt")), &refused, false);
+    QCOMPARE(refused.code, TargetExists);
+    QByteArray stored;
+    QVERIFY(env.readRemoteFile(QStringLiteral("/c/report.txt"), &stored));
+    QCOMPARE(stored, remoteContent);
+
+    SubTaskInfo overwrite = CKXApiFixture::uploadTask(source, QStringLiteral("/c/report.txt"));
+    overwrite.remoteFile.syncOverwrite = true;
+    ApiTaskRecord overwritten;
+    KX_RUN_TO_END(env, overwrite, &overwritten, false);
+    QCOMPARE(overwritten.code, NoError);
+    QVERIFY(env.readRemoteFile(QStringLiteral("/c/report.txt"), &stored));
+    QCOMPARE(stored, QByteArray("new remote content"));
+}
+
+void TestApiComTransfer::failedDownloadLeavesNoPartialFile()
+{
+    CKXApiFixture& env = *m_env;
+    const QByteArray content = randomBytes(1 << 20);
+    QVERIFY(env.putRemoteFile(QStringLiteral("/f/big.bin"), content));
+
+    // The connection drops in the middle of the body on every attempt, so no retry can hide it.
+    QVERIFY(env.server().armFault({{"op", "download"}, {"action", "drop"}, {"count", 10}}));
+    const QString kept = env.localPath(QStringLiteral("kept.bin"));
+    QVERIFY(writeFile(kept, "previous version"));
+    SubTaskInfo overwrite = CKXApiFixture::downloadTask(QStringLiteral("/f/big.bin"), content.size(), kept);
+    overwrite.remoteFile.syncOverwrite = true;
+    ApiTaskRecord dropped;
+    KX_RUN_TO_END(env, overwrite, &dropped, false);
+    QVERIFY(dropped.code != NoError);
+    QCOMPARE(dropped.task.state, StateError);
+    QCOMPARE(fileContent(kept), QByteArray("previous version"));
+    QVERIFY(env.server().clearFaults());
+
+    // A missing remote file; the whole-file download reports the HTTP status as its code.
+    const QString fresh = env.localPath(QStringLiteral("fresh.bin"));
+    ApiTaskRecord missing;
+    KX_RUN_TO_END(env, CKXApiFixture::downloadTask(QStringLiteral("/f/missing.bin"), 10, fresh), &missing,
+                  false);
+    QCOMPARE(int(missing.code), 404);
+    QCOMPARE(missing.task.httpCode, 404);
+    QCOMPARE(missing.task.state, StateError);
+    QVERIFY(!QFile::exists(fresh));
+    QCOMPARE(env.dbRowState(missing.task.subTaskId), int(StateError));
+}
+
+void TestApiComTransfer::serverErrorsAreMapped()
+{
+    CKXApiFixture& env = *m_env;
+    const QString local = env.localPath(QStringLiteral("a.txt"));
+    QVERIFY(writeFile(local, "some bytes"));
+    QVERIFY(env.putRemoteFile(QStringLiteral("/e/there.txt"), "there"));
+
+    ApiTaskRecord escape;
+    KX_RUN_TO_END(env, CKXApiFixture::uploadTask(local, QStringLiteral("/../escape.txt")), &escape, false);
+    QCOMPARE(escape.code, Forbidden);
+    QCOMPARE(escape.task.httpCode, 403);
+    QCOMPARE(escape.task.state, StateError);
+
+    ApiTaskRecord parentIsFile;
+    KX_RUN_TO_END(env, CKXApiFixture::uploadTask(local, QStringLiteral("/e/there.txt/child.txt")),
+                  &parentIsFile, false);
+    QCOMPARE(parentIsFile.code, ParentConflictWithFile);
+
+    // A wrong session token: the upload maps the answer's code, the download reports the status.
+    env.configureServerApi(QStringLiteral("not-a-token"));
+    ApiTaskRecord upload;
+    KX_RUN_TO_END(env, CKXApiFixture::uploadTask(local, QStringLiteral("/e/a.txt")), &upload, false);
+    QCOMPARE(upload.code, SessionInvalid);
+    const QString target = env.localPath(QStringLiteral("there.txt"));
+    ApiTaskRecord download;
+    KX_RUN_TO_END(env, CKXApiFixture::downloadTask(QStringLiteral("/e/there.txt"), 5, target), &download,
+                  false);
+    QCOMPARE(int(download.code), 401);
+    QVERIFY(!QFile::exists(target));
+}
+
+void TestApiComTransfer::quotaRefusesUpload()
+{
+    CKXApiFixture& env = *m_env;
+    const QString small = env.localPath(QStringLiteral("small.bin"));
+    QVERIFY(writeFile(small, randomBytes(600)));
+    ApiTaskRecord fits;
+    KX_RUN_TO_END(env, CKXApiFixture::uploadTask(small, QStringLiteral("/q/small.bin")), &fits, false);
+    QCOMPARE(fits.code, NoError);
+
+    const QString large = env.localPath(QStringLiteral("large.bin"));
+    QVERIFY(writeFile(large, randomBytes(600, 2)));
+    ApiTaskRecord over;
+    KX_RUN_TO_END(env, CKXApiFixture::uploadTask(large, QStringLiteral("/q/large.bin")), &over, false);
+    QCOMPARE(over.code, NoSpace);
+    QByteArray stored;
+    QVERIFY(!env.readRemoteFile(QStringLiteral("/q/large.bin"), &stored));
+}
+
+void TestApiComTransfer::localProblemsNeverReachServer()
+{
+    CKXApiFixture& env = *m_env;
+    QVERIFY(env.server().resetStats());
+
+    ApiTaskRecord missing;
+    KX_RUN_TO_END(env,
+                  CKXApiFixture::uploadTask(env.localPath(QStringLiteral("nothing.bin")), "/l/nothing.bin"),
+                  &missing, false);
+    QCOMPARE(missing.code, LocalFileError);
+    QCOMPARE(missing.task.state, StateError);
+
+    // More than any disk holds; the check happens before a byte is asked for.
+    const QString huge = env.localPath(QStringLiteral("huge.bin"));
+    ApiTaskRecord noSpace;
+    KX_RUN_TO_END(env, CKXApiFixture::downloadTask(QStringLiteral("/l/huge.bin"), kOnePiB, huge), &noSpace,
+                  false);
+    QCOMPARE(noSpace.code, NoSpace);
+    QVERIFY(!QFile::exists(huge));
+    QVERIFY(!QFile::exists(KXUtil::tmpFile(huge)));
+
+    QCOMPARE(statOf(env.server(), "requests"), 0);
+}
+
+void TestApiComTransfer::cancelForgetsHandleAtOnce()
+{
+    CKXApiFixture& env = *m_env;
+    QVERIFY(env.putRemoteFile(QStringLiteral("/slow/a.bin"), randomBytes(1 << 20)));
+    QVERIFY(env.server().armFault({{"op", "download"}, {"action", "delay"}, {"ms", 3000}}));
+    const QString local = env.localPath(QStringLiteral("a.bin"));
+    const SubTaskInfo task = CKXApiFixture::downloadTask(QStringLiteral("/slow/a.bin"), 1 << 20, local);
+    const long long handle = CKXApiFixture::start(task);
+    QTRY_VERIFY_WITH_TIMEOUT(statOf(env.server(), "inflight") > 0, kFinishMs);
+    QCOMPARE(Transfer::transferCount(), 1);
+
+    Transfer::cancel(handle);
+    QCOMPARE(Transfer::transferCount(), 0);
+    QTRY_VERIFY_WITH_TIMEOUT(CKXApiFixture::record(handle).finals > 0, kFinishMs);
+    // Once the server has given up its delayed answer nothing else can arrive.
+    QTRY_COMPARE_WITH_TIMEOUT(statOf(env.server(), "inflight"), 0, kFinishMs);
+    const ApiTaskRecord record = CKXApiFixture::record(handle);
+    QCOMPARE(record.finals, 1);
+    QCOMPARE(record.task.state, StateError);
+    QVERIFY(!QFile::exists(local));
+    // A cancelled task keeps its row, so that it can be taken up again.
+    QTRY_COMPARE_WITH_TIMEOUT(env.dbRowState(task.subTaskId), int(StateError), kFinishMs);
+}
+
+void TestApiComTransfer::delWaitsForFinishingThread()
+{
+    CKXApiFixture& env = *m_env;
+    const QString local = env.localPath(QStringLiteral("a.bin"));
+    QVERIFY(writeFile(local, randomBytes(64 * 1024)));
+    // The authorisation is held back, so the transfer is certainly still running at del().
+    QVERIFY(env.server().armFault({{"op", "auth"}, {"action", "delay"}, {"ms", 2000}}));
+    const SubTaskInfo task = CKXApiFixture::uploadTask(local, QStringLiteral("/del/a.bin"));
+    const long long handle = CKXApiFixture::start(task);
+    QTRY_VERIFY_WITH_TIMEOUT(statOf(env.server(), "inflight") > 0, kFinishMs);
+
+    Transfer::del(handle);
+    QCOMPARE(Transfer::transferCount(), 1);
+    QTRY_COMPARE_WITH_TIMEOUT(Transfer::transferCount(), 0, kFinishMs);
+    QCOMPARE(CKXApiFixture::record(handle).finals, 1);
+    QCOMPARE(env.dbRowState(task.subTaskId), -1);
+}
+
+void TestApiComTransfer::storedCompleteTaskSkipsServer()
+{
+    CKXApiFixture& env = *m_env;
+    const QString local = env.localPath(QStringLiteral("done.bin"));
+    QVERIFY(writeFile(local, randomBytes(1000)));
+    const SubTaskInfo task = CKXApiFixture::uploadTask(local, QStringLiteral("/done/a.bin"));
+    ApiTaskRecord first;
+    KX_RUN_TO_END(env, task, &first, false);
+    QCOMPARE(first.code, NoError);
+
+    // The stored row alone decides: not even the missing local file is noticed.
+    QVERIFY(QFile::remove(local));
+    QVERIFY(env.server().resetStats());
+    ApiTaskRecord second;
+    KX_RUN_TO_END(env, task, &second, false);
+    QCOMPARE(second.code, NoError);
+    QCOMPARE(second.task.state, StateCompleted);
+    QCOMPARE(statOf(env.server(), "requests"), 0);
+    checkReadOnce(task.subTaskId, 1000);
+}
+
+QTEST_GUILESS_MAIN(TestApiComTransfer)
+#include "tst_api_KXComTransfer.moc"
