@@ -24,7 +24,8 @@ namespace {
 
 bool parseCount(const std::string& text, qint64* out)
 {
-    if (text.empty() || text.size() > 18 || !std::all_of(text.begin(), text.end(), ::isdigit)) {
+    if (text.empty() || text.size() > 18 ||
+        !std::all_of(text.begin(), text.end(), [](unsigned char c) { return std::isdigit(c) != 0; })) {
         return false;
     }
     *out = std::stoll(text);
@@ -198,26 +199,36 @@ void CKXFileService::receiveFile(CKXRequest& r, const Target& target, bool overw
     r.replyJson(metadataJson(entry));
 }
 
+ServerError CKXFileService::locateFile(const Target& target, const std::string& rev, const char* notFoundCode,
+                                       EntryInfo* entry, std::vector<BlockRef>* blocks)
+{
+    if (!m_meta.entry(target, entry) ||
+        (!rev.empty() && !entry->isDir && rev != std::to_string(entry->rev))) {
+        return ServerError::make(404, notFoundCode, "no such file (or revision): " + target.path);
+    }
+    if (entry->isDir) {
+        return ServerError::make(409, "conflict with folder", target.path + " is a folder");
+    }
+    if (entry->virus) {
+        return ServerError::make(403, "download_file_VirusF", target.path + " is flagged as a virus");
+    }
+    *blocks = m_meta.blocksOf(entry->id);
+    for (const BlockRef& block : *blocks) {
+        if (m_blocks.sizeOf(block.hash) != block.size) {
+            return ServerError::make(500, "internal", "block " + block.hash + " is missing");
+        }
+    }
+    return {};
+}
+
 void CKXFileService::sendFile(CKXRequest& r, const Target& target, const std::string& rev,
                               const char* notFoundCode)
 {
     EntryInfo entry;
-    if (!m_meta.entry(target, &entry) || (!rev.empty() && !entry.isDir && rev != std::to_string(entry.rev))) {
-        return r.replyError(
-            ServerError::make(404, notFoundCode, "no such file (or revision): " + target.path));
-    }
-    if (entry.isDir) {
-        return r.replyError(ServerError::make(409, "conflict with folder", target.path + " is a folder"));
-    }
-    if (entry.virus) {
-        return r.replyError(
-            ServerError::make(403, "download_file_VirusF", target.path + " is flagged as a virus"));
-    }
-    std::vector<BlockRef> blocks = m_meta.blocksOf(entry.id);
-    for (const BlockRef& block : blocks) {
-        if (m_blocks.sizeOf(block.hash) != block.size) {
-            return r.replyError(ServerError::make(500, "internal", "block " + block.hash + " is missing"));
-        }
+    std::vector<BlockRef> blocks;
+    ServerError e = locateFile(target, rev, notFoundCode, &entry, &blocks);
+    if (!e.ok()) {
+        return r.replyError(e);
     }
     // httplib would cut the body a second time by its own reading of Range (without clamping
     // the end to the file); ranges are answered here alone. The Request object is httplib's own

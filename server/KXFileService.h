@@ -54,6 +54,9 @@ public:
 private:
     ServerError resolveUploadId(const Target& target, qint64 size, const std::string& given,
                                 std::string* out);
+    // The file to download with its blocks, all present on disk.
+    ServerError locateFile(const Target& target, const std::string& rev, const char* notFoundCode,
+                           EntryInfo* entry, std::vector<BlockRef>* blocks);
     void streamBody(CKXRequest& r, std::vector<BlockRef> blocks, qint64 start, qint64 length);
 
     CKXMetaStore& m_meta;

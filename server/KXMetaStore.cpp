@@ -323,6 +323,23 @@ bool CKXMetaStore::writeBlocksLocked(qint64 entryId, const std::vector<BlockRef>
     return true;
 }
 
+bool CKXMetaStore::writeFileLocked(const CommitSpec& spec, qint64 existingId)
+{
+    qint64 id = existingId;
+    if (!ensureParentsLocked(spec.target, spec.mtime)) {
+        return false;
+    }
+    if (existingId != 0) {
+        Statement q(m_db, "UPDATE entries SET size = ?, rev = rev + 1, mtime = ?, virus = 0 WHERE id = ?");
+        if (!q.bind(1, spec.size).bind(2, spec.mtime).bind(3, id).run()) {
+            return false;
+        }
+    } else if (!insertEntryLocked(spec.target, false, spec.size, spec.mtime, &id)) {
+        return false;
+    }
+    return writeBlocksLocked(id, spec.blocks);
+}
+
 ServerError CKXMetaStore::commitFile(const CommitSpec& spec, EntryInfo* out)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
@@ -345,15 +362,7 @@ ServerError CKXMetaStore::commitFile(const CommitSpec& spec, EntryInfo* out)
         *out = current;
         return {};
     }
-    qint64 id = current.id;
-    bool written = ensureParentsLocked(spec.target, spec.mtime);
-    if (written && exists) {
-        Statement q(m_db, "UPDATE entries SET size = ?, rev = rev + 1, mtime = ?, virus = 0 WHERE id = ?");
-        written = q.bind(1, spec.size).bind(2, spec.mtime).bind(3, id).run();
-    } else if (written) {
-        written = insertEntryLocked(spec.target, false, spec.size, spec.mtime, &id);
-    }
-    if (!written || !writeBlocksLocked(id, spec.blocks) || !tx.commit()) {
+    if (!writeFileLocked(spec, exists ? current.id : 0) || !tx.commit()) {
         return internalLocked("cannot commit " + spec.target.path);
     }
     lookupLocked(spec.target, out);

@@ -59,6 +59,8 @@ private:
     bool ensureParentsLocked(const Target& target, qint64 mtime);
     bool insertEntryLocked(const Target& target, bool isDir, qint64 size, qint64 mtime, qint64* id);
     bool writeBlocksLocked(qint64 entryId, const std::vector<BlockRef>& blocks);
+    // Parents, the entry (new, or `existingId` replaced with a new revision) and its block list.
+    bool writeFileLocked(const CommitSpec& spec, qint64 existingId);
     ServerError setFlagLocked(const Target& target, const char* sql, bool on);
     ServerError internalLocked(const std::string& what);
 

@@ -8,6 +8,7 @@
 #include <httplib.h>
 
 #include <algorithm>
+#include <cctype>
 
 namespace {
 
@@ -40,7 +41,9 @@ std::string CKXRequest::match(size_t index) const
 qint64 CKXRequest::contentLength() const
 {
     std::string value = m_req.get_header_value("Content-Length");
-    bool ok = !value.empty() && std::all_of(value.begin(), value.end(), ::isdigit) && value.size() < 19;
+    bool ok = !value.empty() &&
+              std::all_of(value.begin(), value.end(), [](unsigned char c) { return std::isdigit(c) != 0; }) &&
+              value.size() < 19;
     return ok ? std::stoll(value) : -1;
 }
 

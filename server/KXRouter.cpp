@@ -8,6 +8,7 @@
 
 #include <httplib.h>
 
+#include <algorithm>
 #include <chrono>
 #include <thread>
 
@@ -131,6 +132,10 @@ int CKXRouter::onExpectContinue(const httplib::Request& req, httplib::Response& 
 
 void CKXRouter::onLog(const httplib::Request& req, const httplib::Response& res)
 {
-    // The path only: raw addresses carry the session in the query.
-    m_log.line(req.remote_addr + " " + req.method + " " + req.path + " " + std::to_string(res.status));
+    // The path only: raw addresses carry the session in the query. Control characters a client
+    // smuggled into the path must not forge log lines.
+    std::string path = req.path;
+    std::replace_if(
+        path.begin(), path.end(), [](unsigned char c) { return c < 0x20 || c == 0x7f; }, '?');
+    m_log.line(req.remote_addr + " " + req.method + " " + path + " " + std::to_string(res.status));
 }
