@@ -135,6 +135,7 @@ void TestKXServerStore::concurrentUploadsOfOneBlock()
     query.insert("upload_id", id);
     QCOMPARE(CKXTestHttp::post(server.baseUrl() + "/v1/upload/commit", query, server.sessionHeader()).status,
              200);
+    QVERIFY(server.stop()); // SIGTERM ends the server cleanly (exit code 0)
 }
 
 void TestKXServerStore::refusedBodiesNeverTravel()
