@@ -119,12 +119,36 @@ long long CKXApiFixture::start(const SubTaskInfo& task, bool isUrl)
 
 void CKXApiFixture::runToEnd(const SubTaskInfo& task, ApiTaskRecord* out, bool isUrl)
 {
-    const long long handle = start(task, isUrl);
+    waitToEnd(start(task, isUrl), out);
+}
+
+void CKXApiFixture::runAddressToEnd(const QString& address, const QString& localPath, ApiTaskRecord* out)
+{
+    const long long handle = Transfer::init(address, localPath, onFinal, onProgress);
+    Transfer::start(handle);
+    waitToEnd(handle, out);
+}
+
+void CKXApiFixture::waitToEnd(long long handle, ApiTaskRecord* out)
+{
     QVERIFY(handle != 0);
     QTRY_VERIFY_WITH_TIMEOUT(record(handle).finals > 0, kFinishMs);
     QTRY_COMPARE_WITH_TIMEOUT(Transfer::transferCount(), 0, kFinishMs);
     *out = record(handle);
     QCOMPARE(out->finals, 1);
+}
+
+void CKXApiFixture::checkReadOnce(const QString& subTaskId, qint64 size)
+{
+    QCOMPARE(dbRowState(subTaskId), int(StateCompleted));
+    SubTaskInfo info;
+    QVERIFY(Transfer::taskInfo(subTaskId, info));
+    QCOMPARE(info.state, StateCompleted);
+    QCOMPARE(info.errorCode, NoError);
+    QCOMPARE(info.completeBytes, size);
+    SubTaskInfo again;
+    QVERIFY(!Transfer::taskInfo(subTaskId, again));
+    QCOMPARE(dbRowState(subTaskId), -1);
 }
 
 ApiTaskRecord CKXApiFixture::record(long long handle)

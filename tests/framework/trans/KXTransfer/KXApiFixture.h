@@ -48,6 +48,10 @@ public:
     // Starts the task and waits for its one final callback and for the finishing thread to take
     // it off the manager (fails the current test otherwise); `out` gets what was reported.
     void runToEnd(const SubTaskInfo& task, ApiTaskRecord* out, bool isUrl = false);
+    // The same for a plain address downloaded into localPath.
+    void runAddressToEnd(const QString& address, const QString& localPath, ApiTaskRecord* out);
+    // A completed task is handed out once, then it is gone from the store and from transfer.db.
+    void checkReadOnce(const QString& subTaskId, qint64 size);
     static long long start(const SubTaskInfo& task, bool isUrl = false);
     static ApiTaskRecord record(long long handle);
 
@@ -61,6 +65,8 @@ public:
     void configureServerApi(const QString& sessionId);
 
 private:
+    static void waitToEnd(long long handle, ApiTaskRecord* out);
+
     QTemporaryDir m_home;
     QTemporaryDir m_work;
     CKXServerProcess m_server;
@@ -71,6 +77,14 @@ private:
 #define KX_RUN_TO_END(fixture, task, out, isUrl)                                                             \
     do {                                                                                                     \
         (fixture).runToEnd((task), (out), (isUrl));                                                          \
+        if (QTest::currentTestFailed())                                                                      \
+            return;                                                                                          \
+    } while (0)
+
+// The same for a plain address.
+#define KX_RUN_ADDRESS_TO_END(fixture, address, localPath, out)                                              \
+    do {                                                                                                     \
+        (fixture).runAddressToEnd((address), (localPath), (out));                                            \
         if (QTest::currentTestFailed())                                                                      \
             return;                                                                                          \
     } while (0)

@@ -42,8 +42,6 @@ private slots:
     void storedCompleteTaskSkipsServer();
 
 private:
-    void checkReadOnce(const QString& subTaskId, qint64 size);
-
     std::unique_ptr<CKXApiFixture> m_env;
 };
 
@@ -60,20 +58,6 @@ void TestApiComTransfer::init()
 void TestApiComTransfer::cleanup()
 {
     m_env.reset();
-}
-
-// A completed task is handed out once, then it is gone from the store and from transfer.db.
-void TestApiComTransfer::checkReadOnce(const QString& subTaskId, qint64 size)
-{
-    QCOMPARE(m_env->dbRowState(subTaskId), int(StateCompleted));
-    SubTaskInfo info;
-    QVERIFY(Transfer::taskInfo(subTaskId, info));
-    QCOMPARE(info.state, StateCompleted);
-    QCOMPARE(info.errorCode, NoError);
-    QCOMPARE(info.completeBytes, size);
-    SubTaskInfo again;
-    QVERIFY(!Transfer::taskInfo(subTaskId, again));
-    QCOMPARE(m_env->dbRowState(subTaskId), -1);
 }
 
 void TestApiComTransfer::roundTrip_data()
@@ -109,7 +93,7 @@ void TestApiComTransfer::roundTrip()
         QVERIFY(upRecord.progress > 0);
         QVERIFY(upRecord.lastBytes <= size);
     }
-    checkReadOnce(up.subTaskId, size);
+    m_env->checkReadOnce(up.subTaskId, size);
     if (QTest::currentTestFailed()) {
         return;
     }
@@ -127,7 +111,7 @@ void TestApiComTransfer::roundTrip()
         QVERIFY(downRecord.progress > 0);
         QCOMPARE(downRecord.lastBytes, size);
     }
-    checkReadOnce(down.subTaskId, size);
+    m_env->checkReadOnce(down.subTaskId, size);
 }
 
 void TestApiComTransfer::nameCollisions()
@@ -341,7 +325,7 @@ void TestApiComTransfer::storedCompleteTaskSkipsServer()
     QCOMPARE(second.code, NoError);
     QCOMPARE(second.task.state, StateCompleted);
     QCOMPARE(statOf(env.server(), "requests"), 0);
-    checkReadOnce(task.subTaskId, 1000);
+    m_env->checkReadOnce(task.subTaskId, 1000);
 }
 
 QTEST_GUILESS_MAIN(TestApiComTransfer)
