@@ -16,7 +16,7 @@ const qint64 kMaxTextBody = 64 * 1024 * 1024;
 // Error bodies of file downloads are kept only this far.
 const qint64 kMaxErrorBody = 1024 * 1024;
 
-const long kTransferBuffer = 128 * 1024;
+const long kTransferBuffer = 256 * 1024;
 const int kMaxRetryDelayMs = 5000;
 const int kFirstRetryDelayMs = 200;
 
@@ -78,8 +78,10 @@ bool CKXCurlRequest::prepare(CKXBandwidthLimiter* limiter)
     }
     for (const QByteArray& line : qAsConst(m_spec.headers))
         m_headerList = curl_slist_append(m_headerList, line.constData());
-    // The servers we talk to answer at once; waiting for "100 Continue" only adds a round trip.
-    m_headerList = curl_slist_append(m_headerList, "Expect:");
+    // A whole file waits for "100 Continue", so that a refusal (quota, name, lock) costs no upload;
+    // JSON and blocks are small enough to be sent at once.
+    if (m_spec.source != KXHttpRequestSpec::Source::File)
+        m_headerList = curl_slist_append(m_headerList, "Expect:");
     setTransportOptions();
     setMethodOptions();
     return true;

@@ -420,6 +420,21 @@ void TestServerApi::errorAnswersAndBadInput()
     QCOMPARE(json(outside->response()).value(QStringLiteral("code")).toString(),
              QStringLiteral("invalid range"));
 
+    // A refused whole-file upload gets the server's answer before its body is sent.
+    const QString large = m_dir.filePath(QStringLiteral("refused.bin"));
+    QVERIFY(writeFile(large, QByteArray(64 * 1024 * 1024, 'r')));
+    Recorder exists = KXResponseRecorder::make();
+    KXServerApiUploadFileModel again;
+    again.entry = entryAt(QStringLiteral("/err/five.txt"));
+    again.entry.overwrite = QStringLiteral("false");
+    again.localPath = large;
+    ServerApi::UploadFile(again, exists->onResponse(), exists->onUploadProgress());
+    KX_COMPLETE(exists);
+    QCOMPARE(exists->response().statusCode, 409);
+    QCOMPARE(json(exists->response()).value(QStringLiteral("code")).toString(),
+             QStringLiteral("target name exists"));
+    QVERIFY(exists->progress().isEmpty() || exists->progress().last().first < 1024 * 1024);
+
     Recorder noPath = KXResponseRecorder::make();
     ServerApi::MetaData(KXServerApiMetaEntryModel(), noPath->onResponse());
     KX_COMPLETE(noPath);
