@@ -307,10 +307,12 @@ void CKXTransfer::compelteHandler()
     m_task->setSendBytes(m_task->getSize());
     const SubTaskInfo record = m_task->getSubTaskInfo();
     CKXTFStoreManager::inst()->addTaskInfo(record);
+    // Saved before the client hears of it: a client that reads the task from the callback deletes
+    // its row (a completed task is read once), and a later save would bring the row back.
+    saveDB();
     if (m_errorCallback) {
         m_errorCallback(m_handle, record, NoError);
     }
-    saveDB();
     cancel();
 }
 

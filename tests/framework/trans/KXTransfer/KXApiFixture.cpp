@@ -14,18 +14,25 @@
 #include <QTest>
 #include <QUuid>
 
+#include <atomic>
+
 namespace {
 
 QMutex g_recordsMutex;
 QHash<long long, ApiTaskRecord> g_records; // guarded by g_recordsMutex
 
+std::atomic<bool> g_readInFinal{false};
+
 void onFinal(long long handle, const SubTaskInfo& task, ErrorCode code)
 {
+    SubTaskInfo stored;
+    const bool read = g_readInFinal && Transfer::taskInfo(task.subTaskId, stored);
     QMutexLocker locker(&g_recordsMutex);
     ApiTaskRecord& record = g_records[handle];
     ++record.finals;
     record.code = code;
     record.task = task;
+    record.readInFinal = read;
 }
 
 void onProgress(long long handle, const SubTaskInfo& task, long long bytes)
@@ -58,6 +65,7 @@ bool CKXApiFixture::setUp()
     // The engine's database and logs follow these; nothing may reach the real home folder.
     qputenv("XDG_DATA_HOME", m_home.path().toUtf8() + "/data");
     qputenv("HOME", m_home.path().toUtf8());
+    g_readInFinal = false;
     {
         QMutexLocker locker(&g_recordsMutex);
         g_records.clear();
@@ -149,6 +157,11 @@ void CKXApiFixture::checkReadOnce(const QString& subTaskId, qint64 size)
     SubTaskInfo again;
     QVERIFY(!Transfer::taskInfo(subTaskId, again));
     QCOMPARE(dbRowState(subTaskId), -1);
+}
+
+void CKXApiFixture::readTaskInFinalCallback(bool read)
+{
+    g_readInFinal = read;
 }
 
 ApiTaskRecord CKXApiFixture::record(long long handle)

@@ -24,6 +24,7 @@ struct ApiTaskRecord
     SubTaskInfo task;         // the record it carried
     int progress = 0;         // progress callbacks so far
     qint64 lastBytes = 0;     // bytes of the last one
+    bool readInFinal = false; // Transfer::taskInfo answered inside the final callback
 };
 
 // Long enough for a 4 MiB transfer on a loaded two-core machine.
@@ -54,6 +55,8 @@ public:
     void checkReadOnce(const QString& subTaskId, qint64 size);
     static long long start(const SubTaskInfo& task, bool isUrl = false);
     static ApiTaskRecord record(long long handle);
+    // Makes the final callback read the task at once, as a client that is told it ended would.
+    static void readTaskInFinalCallback(bool read);
 
     static SubTaskInfo uploadTask(const QString& localPath, const QString& remotePath);
     static SubTaskInfo downloadTask(const QString& remotePath, qint64 size, const QString& localPath);

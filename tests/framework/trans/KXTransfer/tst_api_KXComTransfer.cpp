@@ -40,6 +40,7 @@ private slots:
     void cancelForgetsHandleAtOnce();
     void delWaitsForFinishingThread();
     void storedCompleteTaskSkipsServer();
+    void taskReadInFinalCallbackStaysGone();
 
 private:
     std::unique_ptr<CKXApiFixture> m_env;
@@ -326,6 +327,23 @@ void TestApiComTransfer::storedCompleteTaskSkipsServer()
     QCOMPARE(second.task.state, StateCompleted);
     QCOMPARE(statOf(env.server(), "requests"), 0);
     m_env->checkReadOnce(task.subTaskId, 1000);
+}
+
+void TestApiComTransfer::taskReadInFinalCallbackStaysGone()
+{
+    CKXApiFixture& env = *m_env;
+    const QString local = env.localPath(QStringLiteral("read.bin"));
+    QVERIFY(writeFile(local, randomBytes(1000)));
+    const SubTaskInfo task = CKXApiFixture::uploadTask(local, QStringLiteral("/read/a.bin"));
+    CKXApiFixture::readTaskInFinalCallback(true);
+    ApiTaskRecord record;
+    KX_RUN_TO_END(env, task, &record, false);
+    QCOMPARE(record.code, NoError);
+    QVERIFY(record.readInFinal);
+    // Read once is read once: the finished transfer must not write the row back afterwards.
+    QCOMPARE(env.dbRowState(task.subTaskId), -1);
+    SubTaskInfo again;
+    QVERIFY(!Transfer::taskInfo(task.subTaskId, again));
 }
 
 QTEST_GUILESS_MAIN(TestApiComTransfer)
