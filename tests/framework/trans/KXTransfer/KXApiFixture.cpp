@@ -118,9 +118,14 @@ int CKXApiFixture::dbRowState(const QString& subTaskId) const
     return state;
 }
 
+long long CKXApiFixture::init(const SubTaskInfo& task, bool isUrl)
+{
+    return Transfer::init(task, onFinal, onProgress, isUrl);
+}
+
 long long CKXApiFixture::start(const SubTaskInfo& task, bool isUrl)
 {
-    const long long handle = Transfer::init(task, onFinal, onProgress, isUrl);
+    const long long handle = init(task, isUrl);
     Transfer::start(handle);
     return handle;
 }

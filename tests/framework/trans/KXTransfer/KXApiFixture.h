@@ -53,6 +53,8 @@ public:
     void runAddressToEnd(const QString& address, const QString& localPath, ApiTaskRecord* out);
     // A completed task is handed out once, then it is gone from the store and from transfer.db.
     void checkReadOnce(const QString& subTaskId, qint64 size);
+    // Transfer::init with the recording callbacks; start() also starts it.
+    static long long init(const SubTaskInfo& task, bool isUrl = false);
     static long long start(const SubTaskInfo& task, bool isUrl = false);
     static ApiTaskRecord record(long long handle);
     // Makes the final callback read the task at once, as a client that is told it ended would.

@@ -41,6 +41,7 @@ private slots:
     void delWaitsForFinishingThread();
     void storedCompleteTaskSkipsServer();
     void taskReadInFinalCallbackStaysGone();
+    void parallelTransfersEachEndOnce();
 
 private:
     std::unique_ptr<CKXApiFixture> m_env;
@@ -344,6 +345,36 @@ void TestApiComTransfer::taskReadInFinalCallbackStaysGone()
     QCOMPARE(env.dbRowState(task.subTaskId), -1);
     SubTaskInfo again;
     QVERIFY(!Transfer::taskInfo(task.subTaskId, again));
+}
+
+void TestApiComTransfer::parallelTransfersEachEndOnce()
+{
+    CKXApiFixture& env = *m_env;
+    const int count = 8;
+    QList<QByteArray> contents;
+    QList<long long> handles;
+    for (int i = 0; i < count; ++i) {
+        contents << randomBytes(64 * 1024 + i, 100 + i);
+        QVERIFY(writeFile(env.localPath(QStringLiteral("p%1.bin").arg(i)), contents.last()));
+    }
+    // Created back to back, mostly within one millisecond: each must still get a handle of its own.
+    for (int i = 0; i < count; ++i) {
+        handles << CKXApiFixture::init(CKXApiFixture::uploadTask(
+            env.localPath(QStringLiteral("p%1.bin").arg(i)), QStringLiteral("/p/%1.bin").arg(i)));
+    }
+    QCOMPARE(Transfer::transferCount(), count);
+    for (long long handle : handles) {
+        Transfer::start(handle);
+    }
+    QTRY_COMPARE_WITH_TIMEOUT(Transfer::transferCount(), 0, kFinishMs);
+    for (int i = 0; i < count; ++i) {
+        const ApiTaskRecord record = CKXApiFixture::record(handles[i]);
+        QCOMPARE(record.finals, 1);
+        QCOMPARE(record.code, NoError);
+        QByteArray stored;
+        QVERIFY(env.readRemoteFile(QStringLiteral("/p/%1.bin").arg(i), &stored));
+        QCOMPARE(stored, contents[i]);
+    }
 }
 
 QTEST_GUILESS_MAIN(TestApiComTransfer)
