@@ -11,6 +11,8 @@
 #include <QJsonObject>
 #include <QProcess>
 #include <QSet>
+#include <QTcpServer>
+#include <QTcpSocket>
 #include <QTemporaryDir>
 #include <QtTest>
 
@@ -96,6 +98,7 @@ private slots:
     void chunkedUploadWithQuickTransfer();
     void shareLinkOperations();
     void plainAddressesCarryNoSession();
+    void repeatedHeadersAndRedirects();
     void errorAnswersAndBadInput();
     void cancelInTheMiddleOfALargeDownload();
     void droppedConnectionCompletesOnceWithAnError();
@@ -394,6 +397,50 @@ void TestServerApi::plainAddressesCarryNoSession()
     QVERIFY(bare->data().isEmpty());
     QCOMPARE(json(bare->response()).value(QStringLiteral("code")).toString(),
              QStringLiteral("Invalid session"));
+}
+
+void TestServerApi::repeatedHeadersAndRedirects()
+{
+    QCOMPARE(uploadWhole(QStringLiteral("/moved/target.txt"), "moved here").statusCode, 200);
+    const QByteArray target =
+        (m_server.baseUrl() + QStringLiteral("/v1/raw/self/moved/target.txt?session=") + m_server.token())
+            .toUtf8();
+    // A scripted server on the test thread: two Set-Cookie lines, or a redirect to the real one.
+    QTcpServer scripted;
+    QVERIFY(scripted.listen(QHostAddress::LocalHost));
+    connect(&scripted, &QTcpServer::newConnection, &scripted, [&] {
+        QTcpSocket* socket = scripted.nextPendingConnection();
+        connect(socket, &QTcpSocket::readyRead, socket, [socket, target] {
+            const QByteArray request = socket->peek(socket->bytesAvailable());
+            if (!request.contains("\r\n\r\n"))
+                return;
+            socket->readAll();
+            if (request.startsWith("GET /cookies "))
+                socket->write("HTTP/1.1 200 OK\r\nSet-Cookie: S=one; Path=/\r\nset-cookie: lower\r\n"
+                              "Set-Cookie: T=two\r\nContent-Length: 2\r\nConnection: close\r\n\r\nok");
+            else
+                socket->write("HTTP/1.1 302 Found\r\nLocation: " + target +
+                              "\r\nContent-Length: 5\r\nConnection: close\r\n\r\nmoved");
+            socket->disconnectFromHost();
+        });
+        connect(socket, &QTcpSocket::disconnected, socket, &QObject::deleteLater);
+    });
+    const QString base = QStringLiteral("http://127.0.0.1:%1").arg(scripted.serverPort());
+
+    Recorder cookies = KXResponseRecorder::make();
+    ServerApi::Download(base + QStringLiteral("/cookies"), cookies->onData(), cookies->onResponse(), nullptr);
+    KX_OK(cookies);
+    QCOMPARE(cookies->response().headers.value("Set-Cookie"), QByteArray("S=one; Path=/\nT=two"));
+    QCOMPARE(cookies->response().headers.value("set-cookie"), QByteArray("lower"));
+    QCOMPARE(cookies->data(), QByteArray("ok"));
+
+    Recorder moved = KXResponseRecorder::make();
+    ServerApi::Download(base + QStringLiteral("/elsewhere"), moved->onData(), moved->onResponse(),
+                        moved->onDownloadProgress());
+    KX_OK(moved);
+    QCOMPARE(moved->data(), QByteArray("moved here")); // the redirect's own body is not handed on
+    QVERIFY(!moved->response().headers.contains("Location"));
+    QCOMPARE(moved->progress().last(), qMakePair(qint64(10), qint64(10)));
 }
 
 void TestServerApi::errorAnswersAndBadInput()
@@ -705,8 +752,20 @@ void TestServerApi::shutdownCompletesPendingRequests()
         QCOMPARE(r->violations(), QStringList());
     }
 
-    // The next request starts the library again.
     m_server.clearFaults();
+    // Shut down from a completion callback: the library cannot wait for its own thread there,
+    // and must not hang; the next shutdown from outside collects that thread.
+    std::atomic<bool> returned{false};
+    KXServerApiMetaEntryModel top;
+    top.entry = entryAt(QStringLiteral("/"));
+    ServerApi::MetaData(top, [&returned](const ResponseData&) {
+        ServerApi::shutdown();
+        returned = true;
+    });
+    QTRY_VERIFY_WITH_TIMEOUT(returned.load(), kWaitMs);
+    ServerApi::shutdown();
+
+    // The next request starts the library again.
     Recorder later = KXResponseRecorder::make();
     KXServerApiMetaEntryModel root;
     root.entry = entryAt(QStringLiteral("/"));
