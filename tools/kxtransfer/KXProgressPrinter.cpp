@@ -83,6 +83,7 @@ void CKXProgressPrinter::begin(const QString& name, qint64 total)
     m_lastDrawMs = -1;
     m_lineOpen = false;
     m_pending = false;
+    m_awaitingFirst = true;
     update(0, total);
 }
 
@@ -106,6 +107,11 @@ void CKXProgressPrinter::update(qint64 done, qint64 total)
     const qint64 now = m_clock.elapsed();
     if (!m_samples.isEmpty() && done < m_samples.last().second) {
         m_samples.clear(); // the count went back (a restarted request): measure afresh
+    }
+    if (m_awaitingFirst && done > 0) {
+        // A resumed transfer starts with what earlier runs did: that is no speed of this run.
+        m_samples.clear();
+        m_awaitingFirst = false;
     }
     m_samples.append({now, done});
     while (m_samples.size() > 2 && now - m_samples.at(1).first >= kWindowMs) {

@@ -51,6 +51,7 @@ private:
     qint64 m_lastDrawMs = -1;
     qint64 m_lastDone = 0;
     qint64 m_lastTotal = 0;
-    bool m_pending = false; // figures newer than the last drawn line
+    bool m_pending = false;       // figures newer than the last drawn line
+    bool m_awaitingFirst = false; // no bytes reported yet since begin()
     bool m_lineOpen = false;
 };

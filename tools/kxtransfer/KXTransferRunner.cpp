@@ -241,12 +241,24 @@ void CKXTransferRunner::discardCompletedRow(const SubTaskInfo& task, bool isUrl)
 {
     // The engine reports a task whose stored row says complete as done without moving a byte.
     // Such a row is a leftover of an earlier run that ended before it could be cleared; this run
-    // must transfer again, so the row goes (the discarding transfer is never started).
+    // must transfer again, so the row goes.
     CKXTaskDatabase db(CKXEngine::databaseFile());
     KXStoredTask stored;
-    if (!db.find(task.subTaskId, stored) || !(stored.state & StateCompleted)) {
-        return;
+    if (db.find(task.subTaskId, stored) && (stored.state & StateCompleted)) {
+        discardRow(task, isUrl);
     }
+}
+
+bool CKXTransferRunner::hasFinishedBlocks(const SubTaskInfo& task)
+{
+    CKXTaskDatabase db(CKXEngine::databaseFile());
+    KXStoredTask stored;
+    return db.find(task.subTaskId, stored) && stored.blocksDone > 0;
+}
+
+void CKXTransferRunner::discardRow(const SubTaskInfo& task, bool isUrl)
+{
+    // Through the public API: a transfer made for the task and deleted unstarted takes its rows.
     const long long handle = Transfer::init(task, nullptr, nullptr, isUrl);
     Transfer::del(handle);
 }
@@ -333,6 +345,9 @@ void CKXTransferRunner::conclude(const SubTaskInfo& task, bool isUrl,
         outcome.status = KXTransferOutcome::Failed;
         outcome.code = code != NoError ? code : ServerError;
         outcome.message = last.errorInfo.isEmpty() ? QStringLiteral("the transfer stopped") : last.errorInfo;
+        if (!m_busy && !hasFinishedBlocks(task)) {
+            discardRow(task, isUrl); // nothing a later run could resume from
+        }
         return;
     }
     outcome.status = KXTransferOutcome::Done;

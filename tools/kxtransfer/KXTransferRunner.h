@@ -75,6 +75,9 @@ private:
     bool prepareDownload(const KXTransferJob& job, SubTaskInfo& task, KXTransferOutcome& outcome);
     void prepareUrl(const KXTransferJob& job, SubTaskInfo& task, KXTransferOutcome& outcome);
     void discardCompletedRow(const SubTaskInfo& task, bool isUrl);
+    void discardRow(const SubTaskInfo& task, bool isUrl);
+    // Whether a failed task has blocks that a later run would not move again.
+    static bool hasFinishedBlocks(const SubTaskInfo& task);
     void execute(const SubTaskInfo& task, bool isUrl, KXTransferOutcome& outcome);
     bool follow(const SubTaskInfo& task, const std::shared_ptr<CKXJobState>& state,
                 KXTransferOutcome& outcome);

@@ -1,0 +1,282 @@
+// kxtransfer run as a user runs it: a separate process, its exit status and what it prints,
+// against a real kxserver.
+
+#include "KXServerProcess.h"
+#include "KXTestHttp.h"
+
+#include <QCryptographicHash>
+#include <QDir>
+#include <QFile>
+#include <QProcess>
+#include <QRandomGenerator>
+#include <QRegularExpression>
+#include <QTemporaryDir>
+#include <QtTest>
+
+#include <csignal>
+
+namespace {
+
+struct ToolRun
+{
+    int exitCode = -1;
+    QString out;
+    QString err;
+};
+
+const qint64 kResumeFileSize = 16 * 1024 * 1024 + 4321; // 5 blocks, the last one short
+
+QString toolPath()
+{
+    return QStringLiteral(KX_BIN_DIR "/kxtransfer");
+}
+
+QByteArray randomBytes(qint64 size, quint32 seed)
+{
+    QVector<quint32> words(static_cast<int>((size + 3) / 4));
+    QRandomGenerator(seed).fillRange(words.data(), words.size());
+    return QByteArray(reinterpret_cast<const char*>(words.constData()), static_cast<int>(size));
+}
+
+bool writeFile(const QString& path, const QByteArray& data)
+{
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly) && file.write(data) == data.size();
+}
+
+QByteArray sha256(const QByteArray& data)
+{
+    return QCryptographicHash::hash(data, QCryptographicHash::Sha256);
+}
+
+// The highest percentage among the progress lines printed so far.
+int highestPercent(const QString& output)
+{
+    static const QRegularExpression percent(QStringLiteral("(\\d+)%"));
+    int best = -1;
+    auto it = percent.globalMatch(output);
+    while (it.hasNext()) {
+        best = qMax(best, it.next().captured(1).toInt());
+    }
+    return best;
+}
+
+} // namespace
+
+class TestKXTransferTool : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+    void argumentErrors_data();
+    void argumentErrors();
+    void helpNamesTheDataLocation();
+    void failuresPrintOneErrorLine();
+    void interruptedUploadResumes();
+    void getFetchesPlainAddress();
+
+private:
+    QProcessEnvironment environment(bool withServer) const;
+    ToolRun run(const QStringList& args, bool withServer = true) const;
+    QByteArray remoteFile(const QString& path) const;
+
+    QTemporaryDir m_dir;
+    KXServerProcess m_server;
+};
+
+void TestKXTransferTool::initTestCase()
+{
+    QVERIFY(m_dir.isValid());
+    QVERIFY(QFileInfo(toolPath()).isExecutable());
+    QVERIFY2(m_server.start(), qPrintable(m_server.errorString()));
+}
+
+QProcessEnvironment TestKXTransferTool::environment(bool withServer) const
+{
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert(QStringLiteral("XDG_DATA_HOME"), m_dir.filePath(QStringLiteral("data")));
+    env.remove(QStringLiteral("KX_SERVER"));
+    env.remove(QStringLiteral("KX_TOKEN"));
+    if (withServer) {
+        env.insert(QStringLiteral("KX_SERVER"), m_server.baseUrl());
+        env.insert(QStringLiteral("KX_TOKEN"), m_server.token());
+    }
+    return env;
+}
+
+ToolRun TestKXTransferTool::run(const QStringList& args, bool withServer) const
+{
+    QProcess process;
+    process.setProcessEnvironment(environment(withServer));
+    process.setWorkingDirectory(m_dir.path());
+    process.start(toolPath(), args);
+    ToolRun result;
+    if (!process.waitForFinished(120000) || process.exitStatus() != QProcess::NormalExit) {
+        process.kill();
+        process.waitForFinished();
+        return result;
+    }
+    result.exitCode = process.exitCode();
+    result.out = QString::fromLocal8Bit(process.readAllStandardOutput());
+    result.err = QString::fromLocal8Bit(process.readAllStandardError());
+    return result;
+}
+
+QByteArray TestKXTransferTool::remoteFile(const QString& path) const
+{
+    const TestHttpReply reply =
+        CKXTestHttp::get(m_server.baseUrl() + QStringLiteral("/v1/files?path=") + CKXTestHttp::encode(path),
+                         m_server.sessionHeader());
+    return reply.status == 200 ? reply.body : QByteArray();
+}
+
+void TestKXTransferTool::argumentErrors_data()
+{
+    QTest::addColumn<QStringList>("args");
+    QTest::addColumn<bool>("withServer");
+    QTest::addColumn<QString>("message");
+
+    QTest::newRow("no command") << QStringList() << true << "no command given";
+    QTest::newRow("unknown command") << QStringList{"fly", "a", "b"} << true << "unknown command 'fly'";
+    QTest::newRow("missing operand") << QStringList{"upload", "a.bin"} << true
+                                     << "'upload' takes 2 operand(s), got 1";
+    QTest::newRow("operand too many")
+        << QStringList{"list", "x"} << true << "'list' takes 0 operand(s), got 1";
+    QTest::newRow("no server") << QStringList{"download", "/a", "a"} << false << "no server";
+    QTest::newRow("no token") << QStringList{"upload", "a", "/a", "--server", "http://127.0.0.1:1"} << false
+                              << "no token";
+    QTest::newRow("not http") << QStringList{"upload", "a", "/a", "--server", "ftp://h", "--token", "t"}
+                              << false << "not an http:// or https:// address";
+    QTest::newRow("jobs zero") << QStringList{"upload", "a", "/a", "--jobs", "0"} << true << "--jobs wants";
+    QTest::newRow("jobs text") << QStringList{"upload", "a", "/a", "--jobs", "many"} << true
+                               << "--jobs wants";
+    QTest::newRow("limit text") << QStringList{"upload", "a", "/a", "--limit", "fast"} << true
+                                << "--limit wants";
+    QTest::newRow("limit unit") << QStringList{"upload", "a", "/a", "--limit", "10X"} << true
+                                << "--limit wants";
+    QTest::newRow("task id quote") << QStringList{"upload", "a", "/a", "--task-id", "it's"} << true
+                                   << "--task-id wants";
+    QTest::newRow("unknown option") << QStringList{"list", "--fast"} << true << "Unknown option 'fast'";
+}
+
+void TestKXTransferTool::argumentErrors()
+{
+    QFETCH(QStringList, args);
+    QFETCH(bool, withServer);
+    QFETCH(QString, message);
+    const ToolRun result = run(args, withServer);
+    QCOMPARE(result.exitCode, 2);
+    QVERIFY2(result.err.contains(message), qPrintable(result.err));
+    QVERIFY(result.err.contains(QLatin1String("Usage:")));
+    QVERIFY(result.out.isEmpty());
+}
+
+void TestKXTransferTool::helpNamesTheDataLocation()
+{
+    const ToolRun result = run({QStringLiteral("--help")});
+    QCOMPARE(result.exitCode, 0);
+    const QString database =
+        QDir(m_dir.filePath(QStringLiteral("data"))).filePath(QStringLiteral("Transfer/transfer.db"));
+    QVERIFY2(result.out.contains(database), qPrintable(result.out));
+    QVERIFY(result.out.contains(QLatin1String("Transfer.log")));
+    QVERIFY(result.err.isEmpty());
+}
+
+void TestKXTransferTool::failuresPrintOneErrorLine()
+{
+    const QString local = m_dir.filePath(QStringLiteral("small.bin"));
+    QVERIFY(writeFile(local, randomBytes(2000, 7)));
+    QCOMPARE(run({"upload", local, "/errors/small.bin", "-q"}).exitCode, 0);
+
+    struct Case
+    {
+        QStringList args;
+        QString line;
+    };
+    const QList<Case> cases = {
+        {{"upload", m_dir.filePath("missing.bin"), "/errors/m.bin"}, "error 20106 LocalFileError: "},
+        {{"upload", local, "/errors/small.bin"}, "error 20004 TargetExists: "},
+        {{"download", "/errors/none.bin", m_dir.filePath("none.bin")}, "error 20005 SourceNotFound: "},
+        {{"download", "/errors", m_dir.filePath("dir.bin")}, "error 20019 ConflictWithFolder: "},
+        {{"upload", local, "/errors/t.bin", "--token", "wrong"}, "error 20003 SessionInvalid: "},
+    };
+    for (const Case& c : cases) {
+        const ToolRun result = run(c.args + QStringList{"-q"});
+        QCOMPARE(result.exitCode, 1);
+        const QStringList lines = result.err.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+        QCOMPARE(lines.size(), 1);
+        QVERIFY2(lines.first().startsWith(c.line), qPrintable(lines.first()));
+    }
+    QVERIFY(!QFile::exists(m_dir.filePath("none.bin")));
+    // None of these left anything to resume.
+    const ToolRun list = run({"list"});
+    QCOMPARE(list.exitCode, 0);
+    QVERIFY2(list.out.startsWith(QLatin1String("no unfinished transfers")), qPrintable(list.out));
+}
+
+void TestKXTransferTool::interruptedUploadResumes()
+{
+    const QString local = m_dir.filePath(QStringLiteral("resume.bin"));
+    const QByteArray content = randomBytes(kResumeFileSize, 11);
+    QVERIFY(writeFile(local, content));
+    // Slow and one block at a time, so that the interrupt falls after the first blocks are in.
+    const QStringList command{"upload", local, "/resume/resume.bin", "--limit", "4M", "--jobs", "1"};
+
+    QProcess first;
+    first.setProcessEnvironment(environment(true));
+    first.start(toolPath(), command);
+    QVERIFY(first.waitForStarted());
+    QString progress;
+    QTRY_VERIFY_WITH_TIMEOUT(
+        (progress += QString::fromLocal8Bit(first.readAllStandardOutput()), highestPercent(progress) >= 40),
+        30000);
+    ::kill(static_cast<pid_t>(first.processId()), SIGINT);
+    QVERIFY(first.waitForFinished(30000));
+    QCOMPARE(first.exitStatus(), QProcess::NormalExit);
+    QCOMPARE(first.exitCode(), 130);
+    const QString firstErr = QString::fromLocal8Bit(first.readAllStandardError());
+    QVERIFY2(firstErr.contains(QLatin1String("Run the same command again to resume")), qPrintable(firstErr));
+    QVERIFY(remoteFile(QStringLiteral("/resume/resume.bin")).isEmpty());
+
+    const ToolRun list = run({"list"});
+    QCOMPARE(list.exitCode, 0);
+    QVERIFY2(list.out.contains(QLatin1String("Paused")) && list.out.contains(local), qPrintable(list.out));
+
+    QVERIFY(m_server.resetStats());
+    const ToolRun second = run(command);
+    QVERIFY2(second.exitCode == 0, qPrintable(second.err));
+    const qint64 resent =
+        static_cast<qint64>(m_server.stats().value(QStringLiteral("block_bytes")).toDouble());
+    QVERIFY2(resent > 0 && resent <= kResumeFileSize - 4 * 1024 * 1024, qPrintable(QString::number(resent)));
+
+    QCOMPARE(sha256(remoteFile(QStringLiteral("/resume/resume.bin"))), sha256(content));
+    const ToolRun after = run({"list"});
+    QVERIFY2(after.out.startsWith(QLatin1String("no unfinished transfers")), qPrintable(after.out));
+}
+
+void TestKXTransferTool::getFetchesPlainAddress()
+{
+    const QString local = m_dir.filePath(QStringLiteral("plain.bin"));
+    const QByteArray content = randomBytes(300000, 23);
+    QVERIFY(writeFile(local, content));
+    QCOMPARE(run({"upload", local, "/plain/plain.bin", "-q"}).exitCode, 0);
+
+    const QString address =
+        QStringLiteral("%1/v1/raw/self/plain/plain.bin?session=%2").arg(m_server.baseUrl(), m_server.token());
+    const QString fetched = m_dir.filePath(QStringLiteral("fetched.bin"));
+    const ToolRun result = run({"get", address, fetched}, false);
+    QVERIFY2(result.exitCode == 0, qPrintable(result.err));
+    QFile file(fetched);
+    QVERIFY(file.open(QIODevice::ReadOnly));
+    QCOMPARE(sha256(file.readAll()), sha256(content));
+
+    const ToolRun missing = run(
+        {"get", m_server.baseUrl() + QStringLiteral("/v1/raw/self/plain/none.bin"), fetched + ".2"}, false);
+    QCOMPARE(missing.exitCode, 1);
+    QVERIFY2(missing.err.startsWith(QLatin1String("error ")), qPrintable(missing.err));
+    QVERIFY(!QFile::exists(fetched + ".2"));
+}
+
+QTEST_GUILESS_MAIN(TestKXTransferTool)
+#include "tst_kxtransfer.moc"
