@@ -95,9 +95,12 @@ void CKXBlockOpQueue::startTransfer(CKXBlockMgr* mgr, CKXBlockTask* task, CKXBlo
         m_transfers.insert(task->taskId(), transfer);
     }
     // Filing comes before the handler hears of the block, so that a listener of the handler sees
-    // the queues as they are after this block.
-    connect(transfer.get(), &CKXBlockTransfer::complete, this, &CKXBlockOpQueue::blockFinish);
-    connect(transfer.get(), &CKXBlockTransfer::complete, handler, &CKXBlockHandler::blockComplete);
+    // the queues as they are after this block. Always queued: filing waits for the block thread,
+    // which must never happen inside a report made on the thread that files.
+    connect(transfer.get(), &CKXBlockTransfer::complete, this, &CKXBlockOpQueue::blockFinish,
+            Qt::QueuedConnection);
+    connect(transfer.get(), &CKXBlockTransfer::complete, handler, &CKXBlockHandler::blockComplete,
+            Qt::QueuedConnection);
     connect(transfer.get(), &CKXBlockTransfer::progress, handler, &CKXBlockHandler::blockTransferring);
     transfer->start(QThread::InheritPriority);
 }

@@ -404,9 +404,11 @@ void CKXBlockTransfer::errorHandler(ErrorCode code, QString msg, int statusCode)
 
 void CKXBlockTransfer::cancelTask()
 {
+    // The request is aborted before the report goes out, so that whoever files the block on the
+    // report and waits for this thread never waits for a server answer.
     cancel();
-    cancelHandler();
     ServerApi::Cancel(m_request.load());
+    cancelHandler();
 }
 
 void CKXBlockTransfer::cancelHandler()

@@ -1,0 +1,50 @@
+#pragma once
+
+// Shared by the end-to-end tests of chunked transfers and their runner executable: test files with
+// known content, task records for uploads and downloads against kxserver, and the final results of
+// tasks as the engine's error callback reports them.
+
+#include "KXTransferDefine.h"
+
+#include <QMap>
+#include <QMutex>
+#include <QString>
+
+namespace KXChunkedE2e {
+
+constexpr qint64 kBlock = 4194304;
+
+// Writes `size` pseudo-random bytes drawn from `seed`; returns their SHA-256 (lower-case hex), or ""
+// when the file cannot be written.
+QString writeRandomFile(const QString& path, qint64 size, quint32 seed);
+// SHA-256 of a file read in pieces, or "" when it cannot be read.
+QString fileSha256(const QString& path);
+
+SubTaskInfo uploadTask(const QString& id, const QString& localPath, const QString& remotePath, qint64 size);
+SubTaskInfo downloadTask(const QString& id, const QString& remotePath, const QString& localPath, qint64 size);
+
+// Points the server-API library at kxserver with the account's token.
+void configureServer(const QString& baseUrl, const QString& token);
+
+} // namespace KXChunkedE2e
+
+// What the error callback reported for each task, by sub-task id. The callback comes on a transfer
+// thread; m_mutex guards m_outcomes.
+class KXOutcomes
+{
+public:
+    struct Outcome
+    {
+        int calls = 0;
+        ErrorCode code = NoError;
+        SubTaskInfo record;
+    };
+
+    static void onError(long long handle, const SubTaskInfo& record, ErrorCode code);
+    static bool has(const QString& id);
+    static Outcome get(const QString& id);
+
+private:
+    static QMutex m_mutex;
+    static QMap<QString, Outcome> m_outcomes;
+};

@@ -1,0 +1,97 @@
+// Runs one chunked task through the public API and reports on stdout, one line each:
+//   "sent <bytes>"            whenever the task's sent bytes change
+//   "blocks_done <n>"         whenever the number of blocks stored as done changes
+//   "done <code> <state>"     when the final callback came
+// The resumption tests kill it with SIGKILL part-way and start it again with the same task.
+//
+// kx_chunked_runner --base URL --token T --id SUBTASK --local PATH --remote PATH --size BYTES
+//                   [--download] [--concurrency N]
+// The engine's database goes where XDG_DATA_HOME points.
+
+#include "IKXTransfer.h"
+#include "KXBlockTask.h"
+#include "KXChunkedE2e.h"
+#include "KXTFStoreManager.h"
+#include "KXTransferDB.h"
+
+#include <QCommandLineParser>
+#include <QCoreApplication>
+#include <QThread>
+
+#include <cstdio>
+
+namespace {
+
+// Blocks of the task stored as done: what a restarted run will not move again.
+int blocksDone(const QString& id)
+{
+    QList<CKXBlockTask*> blocks;
+    CKXTFStoreManager::inst()->db()->LoadBlockTasks(id, blocks);
+    int done = 0;
+    for (CKXBlockTask* block : blocks) {
+        done += block->state() == BlockTaskStateCompleted ? 1 : 0;
+    }
+    qDeleteAll(blocks);
+    return done;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    QCoreApplication app(argc, argv);
+    QCommandLineParser parser;
+    const QStringList valued = {QStringLiteral("base"),       QStringLiteral("token"),
+                                QStringLiteral("id"),         QStringLiteral("local"),
+                                QStringLiteral("remote"),     QStringLiteral("size"),
+                                QStringLiteral("concurrency")};
+    for (const QString& name : valued) {
+        parser.addOption(QCommandLineOption(name, name, name));
+    }
+    parser.addOption(QCommandLineOption(QStringLiteral("download")));
+    parser.process(app);
+    bool sizeOk = false;
+    const qint64 size = parser.value(QStringLiteral("size")).toLongLong(&sizeOk);
+    const QString id = parser.value(QStringLiteral("id"));
+    if (!sizeOk || id.isEmpty()) {
+        std::fprintf(stderr, "kx_chunked_runner: --id and a numeric --size are required\n");
+        return 2;
+    }
+
+    KXChunkedE2e::configureServer(parser.value(QStringLiteral("base")),
+                                  parser.value(QStringLiteral("token")));
+    Transfer::setConfig(TransferConfigUserPath, QString());
+    Transfer::setConfig(TransferConfigMaxConcurrentCount, parser.value(QStringLiteral("concurrency")));
+    const QString local = parser.value(QStringLiteral("local"));
+    const QString remote = parser.value(QStringLiteral("remote"));
+    const SubTaskInfo task = parser.isSet(QStringLiteral("download"))
+                                 ? KXChunkedE2e::downloadTask(id, remote, local, size)
+                                 : KXChunkedE2e::uploadTask(id, local, remote, size);
+    const long long handle = Transfer::init(task, &KXOutcomes::onError, nullptr);
+    if (handle == 0) {
+        std::fprintf(stderr, "kx_chunked_runner: no transfer for the task\n");
+        return 2;
+    }
+    Transfer::start(handle);
+
+    qint64 reported = -1;
+    int reportedBlocks = -1;
+    while (!KXOutcomes::has(id)) {
+        SubTaskInfo info;
+        if (Transfer::taskInfo(id, info) && info.sendBytes != reported && !(info.state & StateCompleted)) {
+            reported = info.sendBytes;
+            std::printf("sent %lld\n", static_cast<long long>(reported));
+        }
+        const int done = blocksDone(id);
+        if (done != reportedBlocks) {
+            reportedBlocks = done;
+            std::printf("blocks_done %d\n", done);
+        }
+        std::fflush(stdout);
+        QThread::msleep(5);
+    }
+    const KXOutcomes::Outcome outcome = KXOutcomes::get(id);
+    std::printf("done %d %d\n", int(outcome.code), int(outcome.record.state));
+    std::fflush(stdout);
+    return outcome.code == NoError ? 0 : 1;
+}

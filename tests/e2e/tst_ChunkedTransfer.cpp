@@ -1,0 +1,392 @@
+// Chunked uploads and downloads end to end: the engine against kxserver over real HTTP on a free
+// loopback port. Content is compared by SHA-256 on both sides; the server's counters show which
+// blocks travelled and how many requests were in flight at once.
+
+#include "IKXTransfer.h"
+#include "KXBlockBuilder.h"
+#include "KXBlockHandler.h"
+#include "KXBlockMgr.h"
+#include "KXBlockOpQueue.h"
+#include "KXBlockTask.h"
+#include "KXChunkedE2e.h"
+#include "KXChunkedTransfer.h"
+#include "KXServerProcess.h"
+#include "KXTFStoreManager.h"
+#include "KXTestHttp.h"
+#include "KXTransferDB.h"
+#include "KXTransferManager.h"
+#include "KXTransferTask.h"
+#include "KXUtil.h"
+
+#include <QCryptographicHash>
+#include <QJsonObject>
+#include <QTemporaryDir>
+#include <QUuid>
+#include <QtTest>
+
+#include <memory>
+
+using namespace KXChunkedE2e;
+
+namespace {
+
+const int kWait = 120000;
+
+QMutex g_progressMutex;
+QMap<QString, int> g_progressCalls; // guarded by g_progressMutex
+
+void onProgress(long long, const SubTaskInfo& record, long long)
+{
+    QMutexLocker locker(&g_progressMutex);
+    ++g_progressCalls[record.subTaskId];
+}
+
+int progressCalls(const QString& id)
+{
+    QMutexLocker locker(&g_progressMutex);
+    return g_progressCalls.value(id);
+}
+
+QString newId()
+{
+    return QUuid::createUuid().toString(QUuid::WithoutBraces);
+}
+
+// The task's stored blocks, as a resumed run would load them.
+struct StoredBlocks
+{
+    explicit StoredBlocks(const QString& id) { CKXTFStoreManager::inst()->db()->LoadBlockTasks(id, list); }
+    ~StoredBlocks() { qDeleteAll(list); }
+    int withState(BlockTaskState state) const
+    {
+        int n = 0;
+        for (CKXBlockTask* block : list) {
+            n += block->state() == state ? 1 : 0;
+        }
+        return n;
+    }
+    QList<CKXBlockTask*> list;
+};
+
+} // namespace
+
+class TestChunkedTransfer : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+    void init();
+    void cleanup();
+
+    void smallestChunkedFileBothWays();
+    void largeFileKeepsTheConcurrencyLimit();
+    void sameContentAgainIsQuick();
+    void zeroLimitStartsNothingUntilCancelled();
+    void refusedBlockFailsTheTaskWithItsCode();
+    void commitStillNeedingBlocksFails();
+    void cancelPausesRunningBlocksAndResumes();
+    void opQueueFilesCancelledBlocksAsPaused();
+
+private:
+    // Starts a chunked transfer of `task` through the manager; returns its handle.
+    long long start(const SubTaskInfo& task);
+    // Runs `task` to its final callback and hands back what it reported; false on a time-out.
+    bool run(const SubTaskInfo& task, KXOutcomes::Outcome& outcome);
+    QString serverSha256(const QString& remotePath);
+    int stat(const char* name) { return m_server.stats().value(QLatin1String(name)).toInt(); }
+    void setLimit(int limit)
+    {
+        Transfer::setConfig(TransferConfigMaxConcurrentCount, QString::number(limit));
+    }
+
+    QTemporaryDir m_home;
+    KXServerProcess m_server;
+    std::unique_ptr<QTemporaryDir> m_dir;
+};
+
+void TestChunkedTransfer::initTestCase()
+{
+    QVERIFY(m_home.isValid());
+    qputenv("XDG_DATA_HOME", m_home.path().toUtf8());
+    qputenv("HOME", m_home.path().toUtf8());
+    QVERIFY2(m_server.start(), qPrintable(m_server.errorString()));
+    configureServer(m_server.baseUrl(), m_server.token());
+    Transfer::setConfig(TransferConfigUserPath, QString());
+}
+
+void TestChunkedTransfer::init()
+{
+    m_dir = std::make_unique<QTemporaryDir>();
+    QVERIFY(m_dir->isValid());
+    setLimit(4);
+    QVERIFY(m_server.resetStats());
+}
+
+void TestChunkedTransfer::cleanup()
+{
+    m_server.clearFaults();
+}
+
+long long TestChunkedTransfer::start(const SubTaskInfo& task)
+{
+    const long long handle = CKXTransferManager::inst()->initTransfer(
+        new CKXChunkedTransfer(task, nullptr, nullptr), &KXOutcomes::onError, &onProgress);
+    Transfer::start(handle);
+    return handle;
+}
+
+bool TestChunkedTransfer::run(const SubTaskInfo& task, KXOutcomes::Outcome& outcome)
+{
+    const int callsBefore = KXOutcomes::get(task.subTaskId).calls;
+    start(task);
+    if (!QTest::qWaitFor([&] { return KXOutcomes::get(task.subTaskId).calls > callsBefore; }, kWait)) {
+        return false;
+    }
+    outcome = KXOutcomes::get(task.subTaskId);
+    return true;
+}
+
+QString TestChunkedTransfer::serverSha256(const QString& remotePath)
+{
+    const TestHttpReply reply = CKXTestHttp::get(m_server.baseUrl() + QStringLiteral("/v1/files?path=") +
+                                                     CKXTestHttp::encode(remotePath),
+                                                 m_server.sessionHeader());
+    if (reply.status != 200) {
+        return QStringLiteral("status %1").arg(reply.status);
+    }
+    return QString::fromLatin1(QCryptographicHash::hash(reply.body, QCryptographicHash::Sha256).toHex());
+}
+
+void TestChunkedTransfer::smallestChunkedFileBothWays()
+{
+    // Two blocks, the second of one byte; the public entry point picks the chunked transfer.
+    const qint64 size = kBlock + 1;
+    const QString source = m_dir->filePath(QStringLiteral("two.bin"));
+    const QString sha = writeRandomFile(source, size, 1);
+    const QString up = newId();
+    const long long handle = Transfer::init(uploadTask(up, source, QStringLiteral("/e2e/two.bin"), size),
+                                            &KXOutcomes::onError, nullptr);
+    QVERIFY(handle != 0);
+    Transfer::start(handle);
+    QTRY_VERIFY_WITH_TIMEOUT(KXOutcomes::has(up), kWait);
+    KXOutcomes::Outcome outcome = KXOutcomes::get(up);
+    QCOMPARE(outcome.code, NoError);
+    QCOMPARE(outcome.record.state, StateCompleted);
+    QCOMPARE(stat("block_uploads"), 2);
+    QCOMPARE(stat("block_bytes"), int(size));
+    QCOMPARE(serverSha256(QStringLiteral("/e2e/two.bin")), sha);
+    QVERIFY(StoredBlocks(up).list.isEmpty()); // a committed file keeps no block rows
+    QVERIFY(m_server.resetStats());
+
+    const QString target = m_dir->filePath(QStringLiteral("back/two.bin"));
+    const QString down = newId();
+    QVERIFY(run(downloadTask(down, QStringLiteral("/e2e/two.bin"), target, size), outcome));
+    QCOMPARE(outcome.code, NoError);
+    QCOMPARE(fileSha256(target), sha);
+    QVERIFY(!QFile::exists(KXUtil::tmpFile(target)));
+    QVERIFY(StoredBlocks(down).list.isEmpty());
+    QCOMPARE(stat("downloads"), 2);
+}
+
+void TestChunkedTransfer::largeFileKeepsTheConcurrencyLimit()
+{
+    const qint64 size = 10 * kBlock - 12345;
+    const QString source = m_dir->filePath(QStringLiteral("large.bin"));
+    const QString sha = writeRandomFile(source, size, 2);
+    // Slow answers keep several blocks in flight at once, so the limit is really tested.
+    QVERIFY(m_server.armFault({{"op", "block_upload"}, {"action", "delay"}, {"ms", 150}, {"count", 10}}));
+    KXOutcomes::Outcome outcome;
+    QVERIFY(run(uploadTask(newId(), source, QStringLiteral("/e2e/large.bin"), size), outcome));
+    QCOMPARE(outcome.code, NoError);
+    QCOMPARE(stat("block_uploads"), 10);
+    QVERIFY2(stat("inflight_max") <= 4, qPrintable(QString::number(stat("inflight_max"))));
+    QVERIFY(stat("inflight_max") >= 2);
+    QCOMPARE(serverSha256(QStringLiteral("/e2e/large.bin")), sha);
+
+    QVERIFY(m_server.resetStats());
+    QVERIFY(m_server.armFault({{"op", "download"}, {"action", "delay"}, {"ms", 150}, {"count", 10}}));
+    const QString target = m_dir->filePath(QStringLiteral("large.copy"));
+    const QString down = newId();
+    QVERIFY(run(downloadTask(down, QStringLiteral("/e2e/large.bin"), target, size), outcome));
+    QCOMPARE(outcome.code, NoError);
+    QCOMPARE(outcome.record.sendBytes, size);
+    QCOMPARE(fileSha256(target), sha);
+    QCOMPARE(stat("downloads"), 10);
+    QVERIFY(stat("inflight_max") <= 4);
+    QVERIFY(stat("inflight_max") >= 2);
+}
+
+void TestChunkedTransfer::sameContentAgainIsQuick()
+{
+    const qint64 size = 3 * kBlock;
+    const QString source = m_dir->filePath(QStringLiteral("quick.bin"));
+    const QString sha = writeRandomFile(source, size, 3);
+    KXOutcomes::Outcome outcome;
+    QVERIFY(run(uploadTask(newId(), source, QStringLiteral("/e2e/quick-a.bin"), size), outcome));
+    QCOMPARE(outcome.code, NoError);
+    QVERIFY(!outcome.record.isQuickTrans);
+    QCOMPARE(stat("block_uploads"), 3);
+
+    QVERIFY(m_server.resetStats());
+    QVERIFY(run(uploadTask(newId(), source, QStringLiteral("/e2e/quick-b.bin"), size), outcome));
+    QCOMPARE(outcome.code, NoError);
+    QVERIFY(outcome.record.isQuickTrans);
+    QCOMPARE(stat("block_uploads"), 0);
+    QCOMPARE(stat("block_bytes"), 0);
+    QCOMPARE(stat("commits"), 1);
+    QCOMPARE(serverSha256(QStringLiteral("/e2e/quick-b.bin")), sha);
+}
+
+void TestChunkedTransfer::zeroLimitStartsNothingUntilCancelled()
+{
+    const qint64 size = 2 * kBlock + 7;
+    const QString source = m_dir->filePath(QStringLiteral("zero.bin"));
+    const QString sha = writeRandomFile(source, size, 4);
+    const SubTaskInfo task = uploadTask(newId(), source, QStringLiteral("/e2e/zero.bin"), size);
+    setLimit(0);
+    const long long handle = start(task);
+    // The one progress report of a chunked transfer comes as its blocks are queued.
+    QTRY_VERIFY_WITH_TIMEOUT(progressCalls(task.subTaskId) == 1, kWait);
+    Transfer::cancel(handle);
+    QVERIFY(KXOutcomes::has(task.subTaskId)); // the cancel waits for the final callback
+    KXOutcomes::Outcome outcome = KXOutcomes::get(task.subTaskId);
+    QCOMPARE(outcome.code, NoError);
+    QCOMPARE(outcome.record.state, StatePaused);
+    QCOMPARE(stat("hash_queries"), 0);
+    QCOMPARE(stat("block_uploads"), 0);
+    QCOMPARE(StoredBlocks(task.subTaskId).list.size(), 3);
+
+    // Resumed with blocks allowed, the same task goes through.
+    setLimit(4);
+    QVERIFY(run(task, outcome));
+    QCOMPARE(outcome.code, NoError);
+    QCOMPARE(outcome.record.state, StateCompleted);
+    QCOMPARE(serverSha256(QStringLiteral("/e2e/zero.bin")), sha);
+}
+
+void TestChunkedTransfer::refusedBlockFailsTheTaskWithItsCode()
+{
+    const qint64 size = 4 * kBlock;
+    const QString source = m_dir->filePath(QStringLiteral("refused.bin"));
+    const QString sha = writeRandomFile(source, size, 5);
+    const SubTaskInfo task = uploadTask(newId(), source, QStringLiteral("/e2e/refused.bin"), size);
+    setLimit(1);
+    QVERIFY(m_server.armFault(
+        {{"op", "block_upload"}, {"nth", 3}, {"action", "status"}, {"status", 403}, {"code", "forbidden"}}));
+    KXOutcomes::Outcome outcome;
+    QVERIFY(run(task, outcome));
+    QCOMPARE(outcome.code, Forbidden);
+    QCOMPARE(outcome.record.state, StateError);
+    QCOMPARE(outcome.record.httpCode, 403);
+    QCOMPARE(stat("commits"), 0);
+    {
+        // The refusal fails its block only: the others went through and stay done.
+        const StoredBlocks stored(task.subTaskId);
+        QCOMPARE(stored.withState(BlockTaskStateCompleted), 3);
+    }
+
+    QVERIFY(m_server.clearFaults());
+    QVERIFY(m_server.resetStats());
+    QVERIFY(run(task, outcome));
+    QCOMPARE(outcome.code, NoError);
+    QCOMPARE(stat("block_uploads"), 1);
+    QCOMPARE(serverSha256(QStringLiteral("/e2e/refused.bin")), sha);
+}
+
+void TestChunkedTransfer::commitStillNeedingBlocksFails()
+{
+    const qint64 size = 3 * kBlock;
+    const QString source = m_dir->filePath(QStringLiteral("stale.bin"));
+    writeRandomFile(source, size, 6);
+    const SubTaskInfo task = uploadTask(newId(), source, QStringLiteral("/e2e/stale.bin"), size);
+    // A first run stores the blocks and is cancelled before any moves.
+    setLimit(0);
+    const long long handle = start(task);
+    QTRY_VERIFY_WITH_TIMEOUT(progressCalls(task.subTaskId) == 1, kWait);
+    Transfer::cancel(handle);
+    {
+        // The local record claims a block the server never got.
+        StoredBlocks stored(task.subTaskId);
+        QCOMPARE(stored.list.size(), 3);
+        CKXBlockTask* block = stored.list[1];
+        block->setState(BlockTaskStateCompleted);
+        block->setHash(QString(64, QLatin1Char('e')));
+        QVERIFY(CKXTFStoreManager::inst()->db()->AddBlockTask(*block));
+    }
+    setLimit(4);
+    KXOutcomes::Outcome outcome;
+    QVERIFY(run(task, outcome));
+    QCOMPARE(outcome.code, UploadHashError);
+    QCOMPARE(outcome.record.errorInfo, QStringLiteral("上传文件hash出错，需要重传"));
+    QCOMPARE(outcome.record.state, StateError);
+    QCOMPARE(stat("block_uploads"), 2);
+    QCOMPARE(stat("commits"), 0); // counts files made, and none was
+    QVERIFY(serverSha256(QStringLiteral("/e2e/stale.bin")).startsWith(QStringLiteral("status 404")));
+}
+
+void TestChunkedTransfer::cancelPausesRunningBlocksAndResumes()
+{
+    const qint64 size = 6 * kBlock;
+    const QString source = m_dir->filePath(QStringLiteral("cancel.bin"));
+    const QString sha = writeRandomFile(source, size, 7);
+    const SubTaskInfo task = uploadTask(newId(), source, QStringLiteral("/e2e/cancel.bin"), size);
+    setLimit(2);
+    QVERIFY(m_server.armFault({{"op", "block_upload"}, {"action", "delay"}, {"ms", 10000}, {"count", 2}}));
+    const long long handle = start(task);
+    QTRY_VERIFY_WITH_TIMEOUT(stat("inflight") >= 2, kWait);
+    Transfer::cancel(handle);
+    KXOutcomes::Outcome outcome = KXOutcomes::get(task.subTaskId);
+    QCOMPARE(outcome.calls, 1);
+    QCOMPARE(outcome.code, NoError);
+    QCOMPARE(outcome.record.state, StatePaused);
+    QCOMPARE(StoredBlocks(task.subTaskId).withState(BlockTaskStateCompleted), 0);
+
+    QVERIFY(m_server.clearFaults());
+    QVERIFY(run(task, outcome));
+    QCOMPARE(outcome.code, NoError);
+    QCOMPARE(serverSha256(QStringLiteral("/e2e/cancel.bin")), sha);
+}
+
+void TestChunkedTransfer::opQueueFilesCancelledBlocksAsPaused()
+{
+    // The block engine on its own: five blocks, two at a time, both held up by the server.
+    const qint64 size = 5 * kBlock;
+    const QString source = m_dir->filePath(QStringLiteral("queue.bin"));
+    writeRandomFile(source, size, 8);
+    SubTaskInfo info = uploadTask(newId(), source, QStringLiteral("/e2e/queue.bin"), size);
+    CKXTransferTask task(info);
+    QList<CKXBlockTask*> blocks;
+    CKXBlockBuilder(&task).createBlocks(blocks);
+    CKXBlockMgr mgr;
+    for (CKXBlockTask* block : blocks) {
+        mgr.addWaitingQueueWithMutex(block);
+    }
+    CKXBlockHandler handler(&task);
+    QSignalSpy reports(&handler, &CKXBlockHandler::completeHandler);
+    QVERIFY(m_server.armFault({{"op", "block_upload"}, {"action", "delay"}, {"ms", 10000}, {"count", 5}}));
+    {
+        CKXBlockOpQueue queue(&mgr, &handler, 2);
+        queue.start();
+        QTRY_VERIFY_WITH_TIMEOUT(stat("inflight") >= 2, kWait);
+        QCOMPARE(mgr.count(CKXBlockMgr::Running), 2);
+        queue.cancel();
+        queue.end();
+        queue.cancelTask();
+        QTRY_VERIFY_WITH_TIMEOUT(mgr.isEmpty(CKXBlockMgr::Running), kWait);
+    }
+    QCOMPARE(reports.count(), 2);
+    QCOMPARE(mgr.count(CKXBlockMgr::Pause), 2);
+    QCOMPARE(mgr.count(CKXBlockMgr::Waiting), 3);
+    QVERIFY(mgr.isEmpty(CKXBlockMgr::Complete));
+    QVERIFY(mgr.isEmpty(CKXBlockMgr::Error));
+    const QList<CKXBlockTask*> paused = mgr.tasks(CKXBlockMgr::Pause);
+    QCOMPARE(QSet<CKXBlockTask*>(paused.begin(), paused.end()), (QSet<CKXBlockTask*>{blocks[0], blocks[1]}));
+    QCOMPARE(blocks[0]->state(), BlockTaskStatePaused);
+    QCOMPARE(blocks[1]->state(), BlockTaskStatePaused);
+    QCOMPARE(mgr.firstTask(CKXBlockMgr::Waiting), blocks[2]);
+    qDeleteAll(blocks);
+}
+
+QTEST_GUILESS_MAIN(TestChunkedTransfer)
+#include "tst_ChunkedTransfer.moc"
