@@ -26,44 +26,58 @@ qint64 CKXCurlEngine::submit(KXHttpRequestSpec spec)
 {
     const qint64 id = m_nextId.fetch_add(1);
     std::unique_ptr<CKXCurlRequest> request(new CKXCurlRequest(id, std::move(spec)));
+    // A worker refuses requests once it is stopping; by then shutdown has taken it away from
+    // m_worker, so the next turn finds (or starts) a fresh one.
+    while (request)
+        request = currentWorker()->submit(std::move(request));
+    return id;
+}
+
+std::shared_ptr<CKXCurlWorker> CKXCurlEngine::currentWorker()
+{
     std::lock_guard<std::mutex> lock(m_mutex);
     if (!m_worker) {
-        m_worker.reset(new CKXCurlWorker);
+        m_worker = std::make_shared<CKXCurlWorker>();
         m_worker->start();
     }
-    m_worker->submit(std::move(request));
-    return id;
+    return m_worker;
 }
 
 void CKXCurlEngine::cancel(qint64 requestId)
 {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    if (m_worker)
-        m_worker->cancel(requestId);
+    std::shared_ptr<CKXCurlWorker> worker;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        worker = m_worker;
+    }
+    if (worker)
+        worker->cancel(requestId);
 }
 
 void CKXCurlEngine::shutdown()
 {
     if (CKXCurlWorker::onLibraryThread()) {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        if (m_worker) {
-            m_worker->requestStop();
-            m_retired.push_back(std::move(m_worker));
+        std::shared_ptr<CKXCurlWorker> worker;
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            worker = std::move(m_worker);
+            if (worker)
+                m_retired.push_back(worker);
         }
+        if (worker)
+            worker->requestStop();
         return;
     }
     std::lock_guard<std::mutex> shutdownLock(m_shutdownMutex);
-    std::vector<std::unique_ptr<CKXCurlWorker>> stopping;
+    std::vector<std::shared_ptr<CKXCurlWorker>> stopping;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        if (m_worker) {
-            m_worker->requestStop();
+        stopping.swap(m_retired);
+        if (m_worker)
             stopping.push_back(std::move(m_worker));
-        }
-        for (std::unique_ptr<CKXCurlWorker>& worker : m_retired)
-            stopping.push_back(std::move(worker));
-        m_retired.clear();
     }
-    for (std::unique_ptr<CKXCurlWorker>& worker : stopping)
+    for (const std::shared_ptr<CKXCurlWorker>& worker : stopping) {
+        worker->requestStop();
         worker->join();
+    }
 }

@@ -4,7 +4,8 @@
 // to the current worker, starting one on first use; routes cancels; stops the worker on shutdown.
 //
 // A process-wide singleton (inst()); its destructor at process exit shuts the library down. It
-// owns the current worker and any worker stopped from its own thread and not yet joined.
+// shares the current worker with callers that are handing it a request; whoever stops a worker
+// joins it before letting go, or files it in m_retired to be joined by the next shutdown.
 
 #include "KXHttpRequestSpec.h"
 
@@ -31,9 +32,11 @@ private:
     CKXCurlEngine();
     ~CKXCurlEngine();
 
+    std::shared_ptr<CKXCurlWorker> currentWorker();
+
     std::mutex m_mutex; // guards m_worker and m_retired
-    std::unique_ptr<CKXCurlWorker> m_worker;
-    std::vector<std::unique_ptr<CKXCurlWorker>> m_retired; // stopped, not yet joined
+    std::shared_ptr<CKXCurlWorker> m_worker;
+    std::vector<std::shared_ptr<CKXCurlWorker>> m_retired; // stopped, not yet joined
 
     std::mutex m_shutdownMutex; // one shutdown waits at a time; the others wait for it
     std::atomic<qint64> m_nextId{1};

@@ -28,13 +28,16 @@ void CKXCurlWorker::start()
     m_thread = std::thread([this] { run(); });
 }
 
-void CKXCurlWorker::submit(std::unique_ptr<CKXCurlRequest> request)
+std::unique_ptr<CKXCurlRequest> CKXCurlWorker::submit(std::unique_ptr<CKXCurlRequest> request)
 {
     {
         std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_stop)
+            return request;
         m_incoming.push_back(std::move(request));
     }
     curl_multi_wakeup(m_multi);
+    return nullptr;
 }
 
 void CKXCurlWorker::cancel(qint64 requestId)

@@ -5,9 +5,10 @@
 // threads only hand in requests and cancels through submit() and cancel(), which queue them and
 // wake the loop; everything else happens on the worker's own thread.
 //
-// Created and started by CKXCurlEngine, which later calls requestStop() and join() and then
-// deletes it. The requests it holds are its own and are completed and deleted on its thread; once
-// stopped, it completes every request it still holds with ErrorShutdown before its thread ends.
+// Created and started by CKXCurlEngine, which later calls requestStop() and join() before the
+// last reference goes. The requests it holds are its own and are completed and deleted on its
+// thread; once stopped, it refuses new ones and completes every request it still holds with
+// ErrorShutdown before its thread ends.
 
 #include "KXBandwidthLimiter.h"
 
@@ -34,7 +35,8 @@ public:
     CKXCurlWorker& operator=(const CKXCurlWorker&) = delete;
 
     void start();
-    void submit(std::unique_ptr<CKXCurlRequest> request);
+    // Takes the request, or hands it back when the worker is stopping.
+    std::unique_ptr<CKXCurlRequest> submit(std::unique_ptr<CKXCurlRequest> request);
     void cancel(qint64 requestId);
     void requestStop();
     void join();
