@@ -266,6 +266,7 @@ void CKXTransferRunner::discardRow(const SubTaskInfo& task, bool isUrl)
 void CKXTransferRunner::execute(const SubTaskInfo& task, bool isUrl, KXTransferOutcome& outcome)
 {
     outcome.chunked = !isUrl && task.size > kBlockSize;
+    outcome.resumable = !isUrl;
     auto state = std::make_shared<CKXJobState>();
     registerJob(task.subTaskId, state);
     const long long handle = Transfer::init(task, onEngineError, onEngineProgress, isUrl);
@@ -277,18 +278,24 @@ void CKXTransferRunner::execute(const SubTaskInfo& task, bool isUrl, KXTransferO
     }
     QElapsedTimer clock;
     clock.start();
-    m_printer.begin(
-        QFileInfo(isUrl ? task.localFile.path : (task.isUpload ? task.localFile.path : task.remoteFile.path))
-            .fileName(),
-        task.size);
+    m_printer.begin(labelFor(task), task.size);
     Transfer::start(handle);
     if (follow(task, state, outcome)) {
         conclude(task, isUrl, state, outcome);
+    } else if (isUrl) {
+        abandon(outcome);
     } else {
         pause(handle, state, outcome);
     }
     outcome.elapsedMs = clock.elapsed();
     unregisterJob(task.subTaskId);
+}
+
+QString CKXTransferRunner::labelFor(const SubTaskInfo& task)
+{
+    return QFileInfo(task.isUpload || task.remoteFile.path.isEmpty() ? task.localFile.path
+                                                                     : task.remoteFile.path)
+        .fileName();
 }
 
 bool CKXTransferRunner::follow(const SubTaskInfo& task, const std::shared_ptr<CKXJobState>& state,
@@ -334,6 +341,17 @@ void CKXTransferRunner::pause(long long handle, const std::shared_ptr<CKXJobStat
     }
 }
 
+void CKXTransferRunner::abandon(KXTransferOutcome& outcome)
+{
+    // A plain-address download cannot be stopped early: the engine's cancel waits until the
+    // whole body is in. It would start from byte 0 again anyway, so the tool just leaves; the
+    // download's temporary file is rewritten by the next run.
+    m_printer.end();
+    m_busy = true;
+    outcome.status = KXTransferOutcome::Paused;
+    outcome.message = QStringLiteral("interrupted");
+}
+
 void CKXTransferRunner::conclude(const SubTaskInfo& task, bool isUrl,
                                  const std::shared_ptr<CKXJobState>& state, KXTransferOutcome& outcome)
 {
@@ -351,13 +369,14 @@ void CKXTransferRunner::conclude(const SubTaskInfo& task, bool isUrl,
         return;
     }
     outcome.status = KXTransferOutcome::Done;
-    outcome.size = last.size;
-    outcome.doneBytes = last.size;
+    // A plain address's size is only known from its progress reports.
+    outcome.size = qMax<qint64>(last.size, state->progressBytes());
+    outcome.doneBytes = outcome.size;
     outcome.quick = last.isQuickTrans;
     if (!last.newVaultPath.isEmpty()) {
         outcome.remotePath = last.newVaultPath;
     }
-    m_printer.update(last.size, last.size);
+    m_printer.update(outcome.size, outcome.size);
     m_printer.end();
     // Reading a completed task makes the engine forget it and drop its rows.
     SubTaskInfo forgotten;

@@ -8,11 +8,11 @@
 
 #include <QString>
 
+#include <memory>
+
 class CKXProgressPrinter;
 class CKXJobState;
 struct SubTaskInfo;
-
-#include <memory>
 
 struct KXTransferJob
 {
@@ -48,7 +48,8 @@ struct KXTransferOutcome
     qint64 doneBytes = 0; // when paused
     qint64 elapsedMs = 0;
     bool chunked = false;
-    bool quick = false; // the server already held every block
+    bool quick = false;     // the server already held every block
+    bool resumable = false; // a later run continues where this one stopped
 
     int exitCode() const;
     // "error <code> <name>: <message>"
@@ -82,6 +83,8 @@ private:
     bool follow(const SubTaskInfo& task, const std::shared_ptr<CKXJobState>& state,
                 KXTransferOutcome& outcome);
     void pause(long long handle, const std::shared_ptr<CKXJobState>& state, KXTransferOutcome& outcome);
+    void abandon(KXTransferOutcome& outcome);
+    static QString labelFor(const SubTaskInfo& task);
     void conclude(const SubTaskInfo& task, bool isUrl, const std::shared_ptr<CKXJobState>& state,
                   KXTransferOutcome& outcome);
 

@@ -60,6 +60,11 @@ void report(const KXTransferOutcome& outcome, const KXToolOptions& options)
         printTo(stderr, outcome.errorLine() + QLatin1Char('\n'));
         return;
     }
+    if (outcome.status == KXTransferOutcome::Paused && !outcome.resumable) {
+        printTo(stderr,
+                QStringLiteral("interrupted; a plain address is fetched from the start again next time\n"));
+        return;
+    }
     if (outcome.status == KXTransferOutcome::Paused) {
         const QString again =
             options.taskId.isEmpty()

@@ -17,6 +17,7 @@ foreach(installed
     lib/libKXTransfer.so lib/libKXUtil.so lib/libQtKXLogger.so lib/libServerApi.so
     include/KXTransfer/IKXTransfer.h include/KXTransfer/IKXTransferCallbacks.h
     include/KXTransfer/KXTransferDefine.h include/KXTransfer/kxtransfer_export.h
+    include/ServerApi/ServerApiConfig.h include/ServerApi/serverapi_export.h
     lib/cmake/KXTransfer/KXTransferConfig.cmake lib/cmake/KXTransfer/KXTransferTargets.cmake)
   if(NOT EXISTS ${prefix}/${installed})
     message(FATAL_ERROR "not installed: ${installed}")
@@ -33,7 +34,7 @@ run(${CMAKE_COMMAND} -S ${CONSUMER_DIR} -B ${WORK_DIR}/consumer -DCMAKE_PREFIX_P
 run(${CMAKE_COMMAND} --build ${WORK_DIR}/consumer)
 # The consumer's own engine data must not land in the home folder.
 run(${CMAKE_COMMAND} -E env XDG_DATA_HOME=${WORK_DIR}/data ${WORK_DIR}/consumer/kxconsumer)
-if(NOT last_output MATCHES "TargetExists 20004")
+if(NOT last_output MATCHES "TargetExists 20004, 0 live, found 0, server http://127.0.0.1:9")
   message(FATAL_ERROR "unexpected consumer output: ${last_output}")
 endif()
 # The installed tool finds its libraries through its relative run path.
