@@ -79,8 +79,23 @@ bool CKXTaskDatabase::open(QString& error)
     return true;
 }
 
+bool CKXTaskDatabase::hasTaskTable(QString& error)
+{
+    QSqlQuery query(QSqlDatabase::database(m_connection, false));
+    if (!query.exec(
+            QStringLiteral("SELECT name FROM sqlite_master WHERE type = 'table' AND name = 'transfer_v1'"))) {
+        error = query.lastError().text(); // not a database at all
+        return false;
+    }
+    return query.next();
+}
+
 bool CKXTaskDatabase::query(const QString& id, QList<KXStoredTask>& out, QString& error)
 {
+    // A database the engine has not filled yet has no table: that is no tasks, not a fault.
+    if (!hasTaskTable(error)) {
+        return error.isEmpty();
+    }
     QSqlQuery query(QSqlDatabase::database(m_connection, false));
     const QString where = id.isEmpty() ? QString() : QStringLiteral("WHERE id = ?");
     query.prepare(
@@ -90,12 +105,8 @@ bool CKXTaskDatabase::query(const QString& id, QList<KXStoredTask>& out, QString
         query.addBindValue(id);
     }
     if (!query.exec()) {
-        // A database the engine has not filled yet has no table: that is no tasks, not a fault.
-        if (!query.lastError().text().contains(QLatin1String("no such table"))) {
-            error = query.lastError().text();
-            return false;
-        }
-        return true;
+        error = query.lastError().text();
+        return false;
     }
     while (query.next()) {
         KXStoredTask task;

@@ -40,6 +40,8 @@ public:
 
 private:
     bool open(QString& error);
+    // false with an empty error when the table is missing, with the error when unreadable.
+    bool hasTaskTable(QString& error);
     // All rows, or the one of `id` when it is not empty.
     bool query(const QString& id, QList<KXStoredTask>& out, QString& error);
     void addBlockProgress(QList<KXStoredTask>& tasks);

@@ -1,4 +1,4 @@
-# cmake -DBUILD_DIR=... -DCONSUMER_DIR=... -DWORK_DIR=... -P package_test.cmake
+# cmake -DBUILD_DIR=... -DCONSUMER_DIR=... -DWORK_DIR=... [-DSANITIZE=ON] -P package_test.cmake
 file(REMOVE_RECURSE ${WORK_DIR})
 set(prefix ${WORK_DIR}/prefix)
 
@@ -30,7 +30,13 @@ if(NOT header_count EQUAL 4)
   message(FATAL_ERROR "expected the 4 public headers, found: ${shipped_headers}")
 endif()
 
-run(${CMAKE_COMMAND} -S ${CONSUMER_DIR} -B ${WORK_DIR}/consumer -DCMAKE_PREFIX_PATH=${prefix})
+# Libraries built with the sanitizers need a client built with them too.
+set(consumer_flags)
+if(SANITIZE)
+  set(consumer_flags -DCMAKE_CXX_FLAGS=-fsanitize=address,undefined
+    -DCMAKE_EXE_LINKER_FLAGS=-fsanitize=address,undefined)
+endif()
+run(${CMAKE_COMMAND} -S ${CONSUMER_DIR} -B ${WORK_DIR}/consumer -DCMAKE_PREFIX_PATH=${prefix} ${consumer_flags})
 run(${CMAKE_COMMAND} --build ${WORK_DIR}/consumer)
 # The consumer's own engine data must not land in the home folder.
 run(${CMAKE_COMMAND} -E env XDG_DATA_HOME=${WORK_DIR}/data ${WORK_DIR}/consumer/kxconsumer)

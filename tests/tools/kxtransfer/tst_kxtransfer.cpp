@@ -63,7 +63,7 @@ int highestPercent(const QString& output)
 
 } // namespace
 
-class TestKXTransferTool : public QObject
+class TestKXTransferCommand : public QObject
 {
     Q_OBJECT
 
@@ -85,14 +85,14 @@ private:
     KXServerProcess m_server;
 };
 
-void TestKXTransferTool::initTestCase()
+void TestKXTransferCommand::initTestCase()
 {
     QVERIFY(m_dir.isValid());
     QVERIFY(QFileInfo(toolPath()).isExecutable());
     QVERIFY2(m_server.start(), qPrintable(m_server.errorString()));
 }
 
-QProcessEnvironment TestKXTransferTool::environment(bool withServer) const
+QProcessEnvironment TestKXTransferCommand::environment(bool withServer) const
 {
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.insert(QStringLiteral("XDG_DATA_HOME"), m_dir.filePath(QStringLiteral("data")));
@@ -105,7 +105,7 @@ QProcessEnvironment TestKXTransferTool::environment(bool withServer) const
     return env;
 }
 
-ToolRun TestKXTransferTool::run(const QStringList& args, bool withServer) const
+ToolRun TestKXTransferCommand::run(const QStringList& args, bool withServer) const
 {
     QProcess process;
     process.setProcessEnvironment(environment(withServer));
@@ -123,7 +123,7 @@ ToolRun TestKXTransferTool::run(const QStringList& args, bool withServer) const
     return result;
 }
 
-QByteArray TestKXTransferTool::remoteFile(const QString& path) const
+QByteArray TestKXTransferCommand::remoteFile(const QString& path) const
 {
     const TestHttpReply reply =
         CKXTestHttp::get(m_server.baseUrl() + QStringLiteral("/v1/files?path=") + CKXTestHttp::encode(path),
@@ -131,7 +131,7 @@ QByteArray TestKXTransferTool::remoteFile(const QString& path) const
     return reply.status == 200 ? reply.body : QByteArray();
 }
 
-void TestKXTransferTool::argumentErrors_data()
+void TestKXTransferCommand::argumentErrors_data()
 {
     QTest::addColumn<QStringList>("args");
     QTest::addColumn<bool>("withServer");
@@ -160,7 +160,7 @@ void TestKXTransferTool::argumentErrors_data()
     QTest::newRow("unknown option") << QStringList{"list", "--fast"} << true << "Unknown option 'fast'";
 }
 
-void TestKXTransferTool::argumentErrors()
+void TestKXTransferCommand::argumentErrors()
 {
     QFETCH(QStringList, args);
     QFETCH(bool, withServer);
@@ -172,7 +172,7 @@ void TestKXTransferTool::argumentErrors()
     QVERIFY(result.out.isEmpty());
 }
 
-void TestKXTransferTool::helpNamesTheDataLocation()
+void TestKXTransferCommand::helpNamesTheDataLocation()
 {
     const ToolRun result = run({QStringLiteral("--help")});
     QCOMPARE(result.exitCode, 0);
@@ -183,7 +183,7 @@ void TestKXTransferTool::helpNamesTheDataLocation()
     QVERIFY(result.err.isEmpty());
 }
 
-void TestKXTransferTool::failuresPrintOneErrorLine()
+void TestKXTransferCommand::failuresPrintOneErrorLine()
 {
     const QString local = m_dir.filePath(QStringLiteral("small.bin"));
     QVERIFY(writeFile(local, randomBytes(2000, 7)));
@@ -215,7 +215,7 @@ void TestKXTransferTool::failuresPrintOneErrorLine()
     QVERIFY2(list.out.startsWith(QLatin1String("no unfinished transfers")), qPrintable(list.out));
 }
 
-void TestKXTransferTool::interruptedUploadResumes()
+void TestKXTransferCommand::interruptedUploadResumes()
 {
     const QString local = m_dir.filePath(QStringLiteral("resume.bin"));
     const QByteArray content = randomBytes(kResumeFileSize, 11);
@@ -255,7 +255,7 @@ void TestKXTransferTool::interruptedUploadResumes()
     QVERIFY2(after.out.startsWith(QLatin1String("no unfinished transfers")), qPrintable(after.out));
 }
 
-void TestKXTransferTool::getFetchesPlainAddress()
+void TestKXTransferCommand::getFetchesPlainAddress()
 {
     const QString local = m_dir.filePath(QStringLiteral("plain.bin"));
     const QByteArray content = randomBytes(300000, 23);
@@ -278,5 +278,5 @@ void TestKXTransferTool::getFetchesPlainAddress()
     QVERIFY(!QFile::exists(fetched + ".2"));
 }
 
-QTEST_GUILESS_MAIN(TestKXTransferTool)
+QTEST_GUILESS_MAIN(TestKXTransferCommand)
 #include "tst_kxtransfer.moc"
