@@ -133,6 +133,9 @@ void CKXRequest::replyJson(const QJsonObject& body, int status)
 
 void CKXRequest::replyError(const ServerError& error)
 {
+    // An error body is never a part of the file: httplib would otherwise cut it by the request's
+    // Range (or turn it into an empty 416). The Request is httplib's own non-const local.
+    const_cast<httplib::Request&>(m_req).ranges.clear();
     replyJson(KXHttp::errorBody(error), error.status);
 }
 
