@@ -14,6 +14,7 @@
 #include <QFileInfo>
 #include <QHash>
 #include <QMutex>
+#include <QUrl>
 #include <QUuid>
 
 namespace {
@@ -140,6 +141,7 @@ KXTransferOutcome CKXTransferRunner::run(const KXTransferJob& job)
 
 bool CKXTransferRunner::prepare(const KXTransferJob& job, SubTaskInfo& task, KXTransferOutcome& outcome)
 {
+    m_savedAs.clear();
     task.taskSource = static_cast<TaskSource>(kTaskSource);
     task.remoteFile.syncOverwrite = job.overwrite;
     bool ok = true;
@@ -159,7 +161,7 @@ bool CKXTransferRunner::prepare(const KXTransferJob& job, SubTaskInfo& task, KXT
     }
     task.taskId = task.subTaskId;
     outcome.taskId = task.subTaskId;
-    outcome.localPath = task.localFile.path;
+    outcome.localPath = task.isUpload ? task.localFile.path : m_savedAs;
     outcome.remotePath = job.kind == KXTransferJob::Url ? job.remote : task.remoteFile.path;
     outcome.size = task.size;
     return ok;
@@ -224,17 +226,41 @@ bool CKXTransferRunner::prepareDownload(const KXTransferJob& job, SubTaskInfo& t
     task.localFile.path = QFileInfo(local).absoluteFilePath();
     task.subTaskId = deriveTaskId({QStringLiteral("download"), remote, task.localFile.path, job.server,
                                    QString::number(entry.size), entry.rev, flag(job.overwrite)});
+    m_savedAs = job.overwrite ? task.localFile.path : freeName(task.localFile.path);
     return true;
+}
+
+QString CKXTransferRunner::freeName(const QString& path)
+{
+    // The engine keeps an existing file and saves beside it as name(1).ext, name(2).ext, ...
+    const QFileInfo info(path);
+    if (!info.exists()) {
+        return path;
+    }
+    for (int n = 1;; ++n) {
+        const QString candidate =
+            QDir(info.absolutePath())
+                .filePath(QStringLiteral("%1(%2).%3").arg(info.completeBaseName()).arg(n).arg(info.suffix()));
+        if (!QFileInfo::exists(candidate)) {
+            return candidate;
+        }
+    }
 }
 
 void CKXTransferRunner::prepareUrl(const KXTransferJob& job, SubTaskInfo& task, KXTransferOutcome&)
 {
+    QString local = job.local;
+    if (local.endsWith(QLatin1Char('/')) || QFileInfo(local).isDir()) {
+        const QString name = QUrl(job.remote).fileName();
+        local = QDir(local).filePath(name.isEmpty() ? QStringLiteral("download") : name);
+    }
     task.isUpload = false;
     task.dataServerHost = job.remote;
     task.remoteFile.isFromUrl = true;
-    task.localFile.path = QFileInfo(job.local).absoluteFilePath();
+    task.localFile.path = QFileInfo(local).absoluteFilePath();
     task.subTaskId =
         deriveTaskId({QStringLiteral("get"), job.remote, task.localFile.path, flag(job.overwrite)});
+    m_savedAs = job.overwrite ? task.localFile.path : freeName(task.localFile.path);
 }
 
 void CKXTransferRunner::discardCompletedRow(const SubTaskInfo& task, bool isUrl)

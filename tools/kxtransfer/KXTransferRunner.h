@@ -7,6 +7,7 @@
 // The engine must be set up (CKXEngine::setUp) first. Main thread only.
 
 #include <QString>
+#include <QStringList>
 
 #include <memory>
 
@@ -69,6 +70,8 @@ public:
     static QString codeName(int code);
     // A name-based UUID of the parts, in the braced form the engine uses for its own ids.
     static QString deriveTaskId(const QStringList& parts);
+    // Where a download to path lands when it may not replace an existing file.
+    static QString freeName(const QString& path);
 
 private:
     bool prepare(const KXTransferJob& job, SubTaskInfo& task, KXTransferOutcome& outcome);
@@ -91,4 +94,5 @@ private:
     CKXProgressPrinter& m_printer;
     bool m_busy = false;
     bool m_consumedEarly = false; // a progress poll already took the completed record
+    QString m_savedAs;            // the file a download is expected to end up in
 };

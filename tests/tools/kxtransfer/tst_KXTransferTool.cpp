@@ -68,6 +68,7 @@ private slots:
     void rates();
     void optionsFallBackToEnvironment();
     void taskIdsFollowEveryPart();
+    void downloadsKeepExistingFiles();
     void codeNames();
     void progressText();
     void printerModes();
@@ -160,6 +161,23 @@ void TestKXTransferTool::taskIdsFollowEveryPart()
     QCOMPARE(ids.size(), parts.size() + 1);
     // Parts are kept apart: moving text across a boundary is another task.
     QVERIFY(CKXTransferRunner::deriveTaskId({"ab", "c"}) != CKXTransferRunner::deriveTaskId({"a", "bc"}));
+}
+
+void TestKXTransferTool::downloadsKeepExistingFiles()
+{
+    QTemporaryDir dir;
+    QVERIFY(dir.isValid());
+    const auto touch = [&dir](const char* name) {
+        QFile file(dir.filePath(QLatin1String(name)));
+        return file.open(QIODevice::WriteOnly);
+    };
+    QCOMPARE(CKXTransferRunner::freeName(dir.filePath("new.bin")), dir.filePath("new.bin"));
+    QVERIFY(touch("x.bin") && touch("x(1).bin"));
+    QCOMPARE(CKXTransferRunner::freeName(dir.filePath("x.bin")), dir.filePath("x(2).bin"));
+    QVERIFY(touch("a.tar.gz"));
+    QCOMPARE(CKXTransferRunner::freeName(dir.filePath("a.tar.gz")), dir.filePath("a.tar(1).gz"));
+    QVERIFY(touch("report"));
+    QCOMPARE(CKXTransferRunner::freeName(dir.filePath("report")), dir.filePath("report(1)."));
 }
 
 void TestKXTransferTool::codeNames()

@@ -271,6 +271,15 @@ void TestKXTransferCommand::getFetchesPlainAddress()
     QVERIFY(file.open(QIODevice::ReadOnly));
     QCOMPARE(sha256(file.readAll()), sha256(content));
 
+    // Downloading onto the fetched file keeps it and says where the copy went.
+    const ToolRun beside = run({"download", "/plain/plain.bin", fetched});
+    QCOMPARE(beside.exitCode, 0);
+    const QString numbered = m_dir.filePath(QStringLiteral("fetched(1).bin"));
+    QVERIFY2(beside.out.contains(QStringLiteral("-> ") + numbered), qPrintable(beside.out));
+    QVERIFY(QFile::exists(numbered));
+    QCOMPARE(run({"download", "/plain/plain.bin", fetched, "--overwrite", "-q"}).exitCode, 0);
+    QVERIFY(!QFile::exists(m_dir.filePath(QStringLiteral("fetched(2).bin"))));
+
     const ToolRun missing = run(
         {"get", m_server.baseUrl() + QStringLiteral("/v1/raw/self/plain/none.bin"), fetched + ".2"}, false);
     QCOMPARE(missing.exitCode, 1);
