@@ -271,9 +271,12 @@ int main(int argc, char** argv)
     printRate("chunked download", down, mib);
     std::printf("%-30s %.2fx curl GET, peak RSS %.1f MiB\n", "", get / down, downPeak);
 
-    server.terminate();
-    nginx.terminate();
-    server.waitForFinished(5000);
-    nginx.waitForFinished(5000);
+    for (QProcess* process : {&server, &nginx}) {
+        process->terminate();
+        if (!process->waitForFinished(30000)) {
+            process->kill();
+            process->waitForFinished();
+        }
+    }
     return 0;
 }

@@ -82,10 +82,14 @@ private slots:
     void smallestChunkedFileBothWays();
     void largeFileKeepsTheConcurrencyLimit();
     void sameContentAgainIsQuick();
+    void shareLinkBothWays();
     void zeroLimitStartsNothingUntilCancelled();
     void refusedBlockFailsTheTaskWithItsCode();
+    void serverHashMismatchFailsTheBlock();
+    void unwritableTargetFailsWithoutPartialFile();
     void commitStillNeedingBlocksFails();
     void cancelPausesRunningBlocksAndResumes();
+    void deleteDropsStoredStateAndPartialFile();
     void opQueueFilesCancelledBlocksAsPaused();
 
 private:
@@ -238,6 +242,35 @@ void TestChunkedTransfer::sameContentAgainIsQuick()
     QCOMPARE(serverSha256(QStringLiteral("/e2e/quick-b.bin")), sha);
 }
 
+void TestChunkedTransfer::shareLinkBothWays()
+{
+    const QString code = m_server.createShare(QStringLiteral("/shared"), true);
+    QVERIFY(!code.isEmpty());
+    const qint64 size = 2 * kBlock + 10;
+    const QString source = m_dir->filePath(QStringLiteral("link.bin"));
+    const QString sha = writeRandomFile(source, size, 9);
+    SubTaskInfo up = uploadTask(newId(), source, QStringLiteral("/in/link.bin"), size);
+    up.remoteFile.isDeliveryTrans = true;
+    up.remoteFile.delivery.code = code;
+    KXOutcomes::Outcome outcome;
+    QVERIFY(run(up, outcome));
+    QCOMPARE(outcome.code, NoError);
+    // The link's own authorisation opened the session the blocks went through.
+    QVERIFY(!outcome.record.remoteFile.delivery.sessionId.isEmpty());
+    QCOMPARE(stat("block_uploads"), 3);
+    QCOMPARE(serverSha256(QStringLiteral("/shared/in/link.bin")), sha);
+
+    QVERIFY(m_server.resetStats());
+    const QString target = m_dir->filePath(QStringLiteral("link.copy"));
+    SubTaskInfo down = downloadTask(newId(), QStringLiteral("/in/link.bin"), target, size);
+    down.remoteFile.isDeliveryTrans = true;
+    down.remoteFile.delivery.code = code;
+    QVERIFY(run(down, outcome));
+    QCOMPARE(outcome.code, NoError);
+    QCOMPARE(fileSha256(target), sha);
+    QCOMPARE(stat("downloads"), 3);
+}
+
 void TestChunkedTransfer::zeroLimitStartsNothingUntilCancelled()
 {
     const qint64 size = 2 * kBlock + 7;
@@ -294,6 +327,40 @@ void TestChunkedTransfer::refusedBlockFailsTheTaskWithItsCode()
     QCOMPARE(serverSha256(QStringLiteral("/e2e/refused.bin")), sha);
 }
 
+void TestChunkedTransfer::serverHashMismatchFailsTheBlock()
+{
+    const qint64 size = 2 * kBlock;
+    const QString source = m_dir->filePath(QStringLiteral("mismatch.bin"));
+    writeRandomFile(source, size, 13);
+    QVERIFY(m_server.armFault({{"op", "block_upload"}, {"nth", 2}, {"action", "wrong_hash"}}));
+    KXOutcomes::Outcome outcome;
+    QVERIFY(run(uploadTask(newId(), source, QStringLiteral("/e2e/mismatch.bin"), size), outcome));
+    QCOMPARE(outcome.code, UploadHashError);
+    QCOMPARE(outcome.record.errorInfo, QStringLiteral("[TRANSFER] ChunkedUpload 文件hash 比对不一致"));
+    // Every failed block was found locally (status 200), so no status is reported.
+    QCOMPARE(outcome.record.httpCode, 0);
+    QCOMPARE(stat("commits"), 0);
+}
+
+void TestChunkedTransfer::unwritableTargetFailsWithoutPartialFile()
+{
+    const qint64 size = kBlock + 100;
+    const QString source = m_dir->filePath(QStringLiteral("plain.bin"));
+    const QString sha = writeRandomFile(source, size, 14);
+    KXOutcomes::Outcome outcome;
+    QVERIFY(run(uploadTask(newId(), source, QStringLiteral("/e2e/plain.bin"), size), outcome));
+    QCOMPARE(outcome.code, NoError);
+
+    // A regular file stands where the target's folder would have to be.
+    const QString target = source + QStringLiteral("/sub/plain.bin");
+    QVERIFY(run(downloadTask(newId(), QStringLiteral("/e2e/plain.bin"), target, size), outcome));
+    QCOMPARE(outcome.code, LocalFileError);
+    QCOMPARE(outcome.record.state, StateError);
+    QVERIFY(!QFile::exists(target));
+    QVERIFY(!QFile::exists(KXUtil::tmpFile(target)));
+    QCOMPARE(fileSha256(source), sha); // the file in the way is left alone
+}
+
 void TestChunkedTransfer::commitStillNeedingBlocksFails()
 {
     const qint64 size = 3 * kBlock;
@@ -346,6 +413,30 @@ void TestChunkedTransfer::cancelPausesRunningBlocksAndResumes()
     QVERIFY(run(task, outcome));
     QCOMPARE(outcome.code, NoError);
     QCOMPARE(serverSha256(QStringLiteral("/e2e/cancel.bin")), sha);
+}
+
+void TestChunkedTransfer::deleteDropsStoredStateAndPartialFile()
+{
+    const qint64 size = 4 * kBlock;
+    const QString source = m_dir->filePath(QStringLiteral("del.src"));
+    writeRandomFile(source, size, 10);
+    KXOutcomes::Outcome outcome;
+    QVERIFY(run(uploadTask(newId(), source, QStringLiteral("/e2e/del.bin"), size), outcome));
+    QCOMPARE(outcome.code, NoError);
+
+    const QString target = m_dir->filePath(QStringLiteral("del.bin"));
+    const SubTaskInfo task = downloadTask(newId(), QStringLiteral("/e2e/del.bin"), target, size);
+    setLimit(1);
+    QVERIFY(m_server.armFault({{"op", "download"}, {"action", "delay"}, {"ms", 200}, {"count", 4}}));
+    const long long handle = start(task);
+    QTRY_VERIFY_WITH_TIMEOUT(StoredBlocks(task.subTaskId).withState(BlockTaskStateCompleted) >= 1, kWait);
+    QVERIFY(QFile::exists(KXUtil::tmpFile(target)));
+    Transfer::del(handle);
+    QVERIFY(StoredBlocks(task.subTaskId).list.isEmpty());
+    QVERIFY(!QFile::exists(KXUtil::tmpFile(target)));
+    QVERIFY(!QFile::exists(target));
+    CKXTransferTask stored;
+    QVERIFY(!CKXTFStoreManager::inst()->db()->LoadTransferTask(task.subTaskId, stored));
 }
 
 void TestChunkedTransfer::opQueueFilesCancelledBlocksAsPaused()

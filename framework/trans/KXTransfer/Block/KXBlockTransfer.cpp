@@ -11,6 +11,16 @@
 
 #include <QFile>
 
+namespace {
+
+// A failed file operation never reads as success, even if the file kept no error code.
+int failureCode(const QFile& file)
+{
+    return file.error() != QFileDevice::NoError ? int(file.error()) : int(LocalFileError);
+}
+
+} // namespace
+
 CKXBlockTransfer::CKXBlockTransfer(CKXBlockMgr* mgr, CKXBlockTask* task) : m_task(task), m_mgr(mgr)
 {
     setObjectName(QStringLiteral("CKXBlockTransfer task id %1").arg(task->subTaskId()));
@@ -139,56 +149,63 @@ void CKXBlockTransfer::uploadBlock(const QueryCall& query, const SendCall& send)
     if (!ensureHash() || stopForCancel()) {
         return;
     }
-
     CKXQueryHashParse queryParser;
     requestAndWait(query, queryParser);
     TLOG_FATAL(
         QStringLiteral("QueryHash 完成 block %1 idx:%2 loc:%4 len:%3").arg(id).arg(idx).arg(length).arg(loc));
     if (queryParser.hasError()) {
         failFromParser(queryParser);
-        return;
+    } else if (!queryParser.need_upload()) {
+        quickTransfer();
+    } else if (!stopForCancel()) {
+        sendBlock(queryParser.upload_id(), send);
     }
-    if (!queryParser.need_upload()) {
-        TLOG_FATAL(
-            QStringLiteral("秒传 block %1 idx:%2 loc:%3 len:%4").arg(id).arg(idx).arg(loc).arg(length));
-        m_task->setQuickTrans(true);
-        const long long delta = qMax(length - m_task->sent(), 0LL);
-        m_task->setSent(length);
-        emit progress(this, m_task, delta, length);
-        compelteHandler();
-        return;
-    }
-    if (stopForCancel()) {
-        return;
-    }
+}
 
+void CKXBlockTransfer::quickTransfer()
+{
+    const long long length = m_task->length();
+    TLOG_FATAL(QStringLiteral("秒传 block %1 idx:%2 loc:%3 len:%4")
+                   .arg(m_task->taskId())
+                   .arg(m_task->idx())
+                   .arg(m_task->loc())
+                   .arg(length));
+    m_task->setQuickTrans(true);
+    const long long delta = qMax(length - m_task->sent(), 0LL);
+    m_task->setSent(length);
+    emit progress(this, m_task, delta, length);
+    compelteHandler();
+}
+
+void CKXBlockTransfer::sendBlock(const QString& uploadId, const SendCall& send)
+{
     QByteArray data;
     QString msg;
-    const int readCode = getBlockData(m_task->info().localFile.path, loc, length, data, msg);
+    const int readCode =
+        getBlockData(m_task->info().localFile.path, m_task->loc(), m_task->length(), data, msg);
     if (readCode != 0) {
         errorHandler(ErrorCode(readCode), msg, 200);
         return;
     }
-    CKXChunkedUploadParse sendParser;
-    const QString uploadId = queryParser.upload_id();
+    CKXChunkedUploadParse parser;
     requestAndWait(
         [&](ServerApi::ResponseCallback done) {
             return send(uploadId, data, done, [this](const UploadProgressData& report) {
                 progressHandler(report.bytesSent, report.bytesTotal);
             });
         },
-        sendParser);
+        parser);
     data = QByteArray(); // the block's bytes are not kept a moment longer than the request
-    if (sendParser.hasError()) {
-        failFromParser(sendParser);
+    if (parser.hasError()) {
+        failFromParser(parser);
         return;
     }
     const QString localHash = m_task->hash();
-    if (sendParser.hash() != localHash) {
+    if (parser.hash() != localHash) {
         const QString text = QStringLiteral("[TRANSFER] ChunkedUpload 文件hash 比对不一致");
         TLOG_FATAL(text);
         TLOG_FATAL(QStringLiteral("block %1 ChunkedUpload 文件hash 比对不一致 local:%2 ChunkedUpload:%3")
-                       .arg(id, localHash, sendParser.hash()));
+                       .arg(m_task->taskId(), localHash, parser.hash()));
         errorHandler(UploadHashError, text, 200);
         return;
     }
@@ -223,18 +240,18 @@ int CKXBlockTransfer::getBlockData(const QString& path, long long loc, long long
     if (!file.open(QIODevice::ReadOnly)) {
         TLOG_FATAL(QStringLiteral("打开文件出错:%1 %3 %3").arg(path).arg(file.errorString()));
         errMsg = file.errorString();
-        return file.error();
+        return failureCode(file);
     }
     if (!file.seek(loc)) {
         TLOG_FATAL(
             QStringLiteral("移动文件seek失败 %1，文件: %2 seek loc %3").arg(m_task->taskId(), path).arg(loc));
         errMsg = file.errorString();
-        return file.error();
+        return failureCode(file);
     }
     data = file.read(length);
     if (file.error() != QFileDevice::NoError) {
         errMsg = file.errorString();
-        return file.error();
+        return failureCode(file);
     }
     file.close();
     return 0;
@@ -271,27 +288,12 @@ void CKXBlockTransfer::downloadBlock(const FetchCall& fetch)
     const long long loc = m_task->loc();
     const QString range = QStringLiteral("bytes=%1-%2").arg(loc).arg(loc + m_task->length() - 1);
     TLOG_FATAL(QStringLiteral("文件块开始下载 %1 range:%2").arg(id, range));
-
     // Every block of the file writes through a handle of its own, only inside its own range.
     QFile file(tmp);
-    if (!file.open(QIODevice::ReadWrite)) {
-        TLOG_FATAL(QStringLiteral("打开文件出错:%1 %3 %3").arg(tmp).arg(file.errorString()));
-        file.close();
-        errorHandler(ErrorCode(file.error()), file.errorString(), 200);
+    if (!openAt(file, loc) || stopForCancel()) {
         return;
     }
-    if (!file.seek(loc)) {
-        TLOG_FATAL(QStringLiteral("移动文件seek失败 %1，文件: %2 seek loc %3").arg(id, tmp).arg(loc));
-        errorHandler(ErrorCode(file.error()), file.errorString(), 200);
-        file.close();
-        return;
-    }
-    if (stopForCancel()) {
-        return;
-    }
-
     const QString name = KXUtil::fileName(tmp);
-    CKXDlRouterParse parser;
     const auto onData = [&file, name](const QByteArray& chunk) {
         const qint64 position = file.pos();
         if (file.write(chunk) != chunk.size()) {
@@ -304,18 +306,48 @@ void CKXBlockTransfer::downloadBlock(const FetchCall& fetch)
     const auto onProgress = [this](const DownloadProgressData& report) {
         progressHandler(report.bytesReceived, report.bytesTotal);
     };
+    CKXDlRouterParse parser;
     requestAndWait(
         [&](ServerApi::ResponseCallback done) {
-            return fetch(
-                range, onData,
-                [done, name](const ResponseData& response) {
-                    TLOG_FATAL(QStringLiteral("下载完成，保存到: %1").arg(name));
-                    done(response);
-                },
-                onProgress);
+            const auto onResponse = [done, name](const ResponseData& response) {
+                TLOG_FATAL(QStringLiteral("下载完成，保存到: %1").arg(name));
+                done(response);
+            };
+            return fetch(range, onData, onResponse, onProgress);
         },
         parser);
+    downloadAnswered(file, parser);
+    file.flush();
+    file.close();
+}
 
+bool CKXBlockTransfer::openAt(QFile& file, long long loc)
+{
+    // The error is taken before close(), which forgets it.
+    if (!file.open(QIODevice::ReadWrite)) {
+        const ErrorCode code = ErrorCode(failureCode(file));
+        const QString text = file.errorString();
+        TLOG_FATAL(QStringLiteral("打开文件出错:%1 %3 %3").arg(file.fileName()).arg(text));
+        file.close();
+        errorHandler(code, text, 200);
+        return false;
+    }
+    if (!file.seek(loc)) {
+        const ErrorCode code = ErrorCode(failureCode(file));
+        const QString text = file.errorString();
+        TLOG_FATAL(QStringLiteral("移动文件seek失败 %1，文件: %2 seek loc %3")
+                       .arg(m_task->taskId(), file.fileName())
+                       .arg(loc));
+        file.close();
+        errorHandler(code, text, 200);
+        return false;
+    }
+    return true;
+}
+
+void CKXBlockTransfer::downloadAnswered(const QFile& file, const KXBaseParse& parser)
+{
+    const QString id = m_task->taskId();
     if (file.error() != QFileDevice::NoError) {
         TLOG_FATAL(QStringLiteral("文件操作出错: %1  error:%2 msg:%3")
                        .arg(id)
@@ -328,8 +360,6 @@ void CKXBlockTransfer::downloadBlock(const FetchCall& fetch)
         TLOG_FATAL(QStringLiteral("文件块下载完成 %1").arg(id));
         compelteHandler();
     }
-    file.flush();
-    file.close();
 }
 
 void CKXBlockTransfer::requestAndWait(const std::function<qint64(ServerApi::ResponseCallback)>& call,

@@ -20,6 +20,7 @@
 #include <functional>
 
 class CKXBlockMgr;
+class QFile;
 class CKXBlockTask;
 class KXBaseParse;
 
@@ -66,10 +67,16 @@ private:
                                           ServerApi::ResponseCallback, ServerApi::UploadProgressCallback)>;
     void uploadBlock(const QueryCall& query, const SendCall& send);
     bool ensureHash();
+    // The server holds the block already: nothing is sent.
+    void quickTransfer();
+    // Reads the block again, sends it and checks the hash the server computed.
+    void sendBlock(const QString& uploadId, const SendCall& send);
     // The download path of both kinds: `fetch` starts the ranged request.
     using FetchCall = std::function<qint64(const QString& range, ServerApi::DataCallback,
                                            ServerApi::ResponseCallback, ServerApi::DownloadProgressCallback)>;
     void downloadBlock(const FetchCall& fetch);
+    bool openAt(QFile& file, long long loc);
+    void downloadAnswered(const QFile& file, const KXBaseParse& parser);
 
     // Starts a request through `call`, keeps its id for cancelTask(), and waits for the answer.
     void requestAndWait(const std::function<qint64(ServerApi::ResponseCallback)>& call, KXBaseParse& parser);
