@@ -2,6 +2,8 @@
 
 #include "KXBandwidthLimiter.h"
 
+#include <QFileInfo>
+
 #include <algorithm>
 #include <cstring>
 
@@ -94,6 +96,10 @@ bool CKXCurlRequest::openSource()
     if (m_spec.source != KXHttpRequestSpec::Source::File)
         return true;
     m_sourceFile.reset(new QFile(m_spec.sourcePath));
+    if (!QFileInfo(m_spec.sourcePath).isFile()) {
+        setLocalError(ServerApi::ErrorLocalFile, QStringLiteral("%1 is not a file").arg(m_spec.sourcePath));
+        return false;
+    }
     if (!m_sourceFile->open(QIODevice::ReadOnly)) {
         setLocalError(
             ServerApi::ErrorLocalFile,

@@ -134,15 +134,17 @@ void CKXCurlWorker::applyConfig(bool force)
 void CKXCurlWorker::startWaiting()
 {
     const Clock::time_point now = Clock::now();
-    for (auto it = m_queue.begin(); it != m_queue.end() && m_running < m_maxRunning;) {
-        const qint64 id = *it;
-        if (m_requests[id].notBefore > now) {
+    std::vector<qint64> due;
+    for (auto it = m_queue.begin(); it != m_queue.end() && m_running + int(due.size()) < m_maxRunning;) {
+        if (m_requests[*it].notBefore > now) {
             ++it;
             continue;
         }
+        due.push_back(*it);
         it = m_queue.erase(it);
-        startRequest(id);
     }
+    for (qint64 id : due)
+        startRequest(id);
 }
 
 void CKXCurlWorker::startRequest(qint64 id)

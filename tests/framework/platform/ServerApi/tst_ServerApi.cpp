@@ -500,6 +500,10 @@ void TestServerApi::errorAnswersAndBadInput()
     KX_COMPLETE(noFile);
     QCOMPARE(noFile->response().errorCode, int(ServerApi::ErrorLocalFile));
     QCOMPARE(noFile->response().statusCode, 0);
+    Recorder folder = KXResponseRecorder::make();
+    ServerApi::Upload(m_dir.path(), m_server.baseUrl(), folder->onResponse(), nullptr);
+    KX_COMPLETE(folder);
+    QCOMPARE(folder->response().errorCode, int(ServerApi::ErrorLocalFile));
 
     const QString local = m_dir.filePath(QStringLiteral("grown.bin"));
     QVERIFY(writeFile(local, "123456"));
