@@ -132,7 +132,6 @@ bool CKXCurlRequest::openSink()
 
 void CKXCurlRequest::setTransportOptions()
 {
-    const ServerApi::Config& config = m_spec.config;
     curl_easy_setopt(m_easy, CURLOPT_URL, m_spec.url.constData());
     curl_easy_setopt(m_easy, CURLOPT_PRIVATE, this);
     curl_easy_setopt(m_easy, CURLOPT_ERRORBUFFER, m_errorBuffer);
@@ -150,16 +149,6 @@ void CKXCurlRequest::setTransportOptions()
     curl_easy_setopt(m_easy, CURLOPT_TCP_KEEPALIVE, 1L);
     curl_easy_setopt(m_easy, CURLOPT_BUFFERSIZE, kTransferBuffer);
     curl_easy_setopt(m_easy, CURLOPT_UPLOAD_BUFFERSIZE, kTransferBuffer);
-    curl_easy_setopt(m_easy, CURLOPT_CONNECTTIMEOUT_MS,
-                     static_cast<long>(std::max(config.connectTimeoutMs, 0)));
-    if (config.lowSpeedTimeSec > 0 && config.lowSpeedBytesPerSec > 0) {
-        curl_easy_setopt(m_easy, CURLOPT_LOW_SPEED_LIMIT, static_cast<long>(config.lowSpeedBytesPerSec));
-        curl_easy_setopt(m_easy, CURLOPT_LOW_SPEED_TIME, static_cast<long>(config.lowSpeedTimeSec));
-    }
-    if (!config.caFile.isEmpty())
-        curl_easy_setopt(m_easy, CURLOPT_CAINFO, QFile::encodeName(config.caFile).constData());
-    curl_easy_setopt(m_easy, CURLOPT_SSL_VERIFYPEER, config.verifyPeer ? 1L : 0L);
-    curl_easy_setopt(m_easy, CURLOPT_SSL_VERIFYHOST, config.verifyPeer ? 2L : 0L);
     if (m_spec.followRedirects) {
         curl_easy_setopt(m_easy, CURLOPT_FOLLOWLOCATION, 1L);
         curl_easy_setopt(m_easy, CURLOPT_MAXREDIRS, 10L);
@@ -167,6 +156,24 @@ void CKXCurlRequest::setTransportOptions()
     }
     if (m_spec.sink == KXHttpRequestSpec::Sink::Text)
         curl_easy_setopt(m_easy, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(kMaxTextBody));
+    setConfiguredOptions();
+}
+
+void CKXCurlRequest::setConfiguredOptions()
+{
+    const ServerApi::Config& config = m_spec.config;
+    curl_easy_setopt(m_easy, CURLOPT_CONNECTTIMEOUT_MS,
+                     static_cast<long>(std::max(config.connectTimeoutMs, 0)));
+    if (config.lowSpeedTimeSec > 0 && config.lowSpeedBytesPerSec > 0) {
+        curl_easy_setopt(m_easy, CURLOPT_LOW_SPEED_LIMIT, static_cast<long>(config.lowSpeedBytesPerSec));
+        curl_easy_setopt(m_easy, CURLOPT_LOW_SPEED_TIME, static_cast<long>(config.lowSpeedTimeSec));
+    }
+    // Without a bundle of its own libcurl trusts the system store; proxies come from the
+    // environment (http_proxy, https_proxy, no_proxy) as with any libcurl program.
+    if (!config.caFile.isEmpty())
+        curl_easy_setopt(m_easy, CURLOPT_CAINFO, QFile::encodeName(config.caFile).constData());
+    curl_easy_setopt(m_easy, CURLOPT_SSL_VERIFYPEER, config.verifyPeer ? 1L : 0L);
+    curl_easy_setopt(m_easy, CURLOPT_SSL_VERIFYHOST, config.verifyPeer ? 2L : 0L);
 }
 
 void CKXCurlRequest::setMethodOptions()

@@ -61,6 +61,7 @@ private:
     bool openSink();
     void setMethodOptions();
     void setTransportOptions();
+    void setConfiguredOptions();
     void headerLine(const QByteArray& line);
     size_t writeBody(const char* data, size_t length);
     size_t readBody(char* buffer, size_t length);

@@ -811,6 +811,7 @@ void TestServerApi::httpsTrustsOnlyTheGivenCertificate()
     ServerApi::MetaData(root, trusted->onResponse());
     KX_OK(trusted);
     QCOMPARE(json(trusted->response()).value(QStringLiteral("is_dir")).toBool(), true);
+    ServerApi::shutdown(); // closes the kept-alive connection before this server stops
 }
 
 QTEST_GUILESS_MAIN(TestServerApi)
