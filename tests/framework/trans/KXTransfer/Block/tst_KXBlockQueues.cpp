@@ -56,12 +56,10 @@ private slots:
     void getTaskTakesAPrefixOrEverything();
     void duplicateIsListedTwiceIndexedOnce();
     void sameTaskIsFoundById();
-    void clearDropsPointersOnly();
 
     void movesLeaveTheBlockInTheTargetOnly();
     void moveOfAbsentBlockStillAdds();
     void errorsGoBackToWaitingInOrder();
-    void firstTaskOfEmptyStageIsNull();
     void runningHintFollowsTheRunningQueue();
     void concurrentMovesLoseNothing();
 };
@@ -122,17 +120,6 @@ void TestKXBlockQueues::sameTaskIsFoundById()
     QCOMPARE(queue.getSameTask(blocks[2].get()), QString());
 }
 
-void TestKXBlockQueues::clearDropsPointersOnly()
-{
-    const auto blocks = makeBlocks(2);
-    CKXBlockTaskQueue queue;
-    queue.addTasks(pointers(blocks));
-    queue.clear();
-    QVERIFY(queue.IsEmpty());
-    QVERIFY(!queue.isExistTask(QStringLiteral("block-0")));
-    QCOMPARE(blocks[1]->taskId(), QStringLiteral("block-1")); // still alive and intact
-}
-
 void TestKXBlockQueues::movesLeaveTheBlockInTheTargetOnly()
 {
     const auto blocks = makeBlocks(4);
@@ -179,15 +166,6 @@ void TestKXBlockQueues::errorsGoBackToWaitingInOrder()
     QVERIFY(mgr.isEmpty(CKXBlockMgr::Error));
     QCOMPARE(mgr.tasks(CKXBlockMgr::Waiting),
              (QList<CKXBlockTask*>{blocks[0].get(), blocks[2].get(), blocks[1].get()}));
-}
-
-void TestKXBlockQueues::firstTaskOfEmptyStageIsNull()
-{
-    CKXBlockMgr mgr;
-    for (int stage = CKXBlockMgr::Waiting; stage < CKXBlockMgr::StageCount; ++stage) {
-        QCOMPARE(mgr.firstTask(CKXBlockMgr::Stage(stage)), nullptr);
-        QVERIFY(mgr.isEmpty(CKXBlockMgr::Stage(stage)));
-    }
 }
 
 void TestKXBlockQueues::runningHintFollowsTheRunningQueue()
