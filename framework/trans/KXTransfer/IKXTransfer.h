@@ -6,6 +6,8 @@
 // init -> start -> (optionally cancel or del) -> one final error callback; deinit once at the end.
 // Every function may be called from any thread. The callbacks arrive on the transfer's own
 // worker thread, never on the caller's: make them thread-safe.
+// The engine's threads run Qt event loops: the application must have a QCoreApplication (or a
+// QApplication) before the first call.
 
 #include "IKXTransferCallbacks.h"
 #include "KXTransferDefine.h"
