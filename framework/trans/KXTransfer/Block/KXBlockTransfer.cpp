@@ -19,6 +19,8 @@ int failureCode(const QFile& file)
     return file.error() != QFileDevice::NoError ? int(file.error()) : int(LocalFileError);
 }
 
+const QString kNoSpaceText = QStringLiteral("No space left on device");
+
 } // namespace
 
 CKXBlockTransfer::CKXBlockTransfer(CKXBlockMgr* mgr, CKXBlockTask* task) : m_task(task), m_mgr(mgr)
@@ -294,13 +296,18 @@ void CKXBlockTransfer::downloadBlock(const FetchCall& fetch)
         return;
     }
     const QString name = KXUtil::fileName(tmp);
-    const auto onData = [&file, name](const QByteArray& chunk) {
+    // QFile forgets a failed write at the next write, and the last bytes reach the disk only when
+    // flushed: the latest failure is kept here, and the flush comes before the block may count
+    // as done.
+    FileFailure failure;
+    const auto onData = [&file, &failure, name](const QByteArray& chunk) {
         const qint64 position = file.pos();
         if (file.write(chunk) != chunk.size()) {
             TLOG_FATAL(QStringLiteral("本地写入数据失败,file {name %1 seek:%2 len:%3}")
                            .arg(name)
                            .arg(position)
                            .arg(chunk.size()));
+            failure = FileFailure{failureCode(file), file.errorString()};
         }
     };
     const auto onProgress = [this](const DownloadProgressData& report) {
@@ -316,9 +323,11 @@ void CKXBlockTransfer::downloadBlock(const FetchCall& fetch)
             return fetch(range, onData, onResponse, onProgress);
         },
         parser);
-    downloadAnswered(file, parser);
-    file.flush();
+    if (!file.flush()) {
+        failure = FileFailure{failureCode(file), file.errorString()};
+    }
     file.close();
+    downloadAnswered(failure, parser);
 }
 
 bool CKXBlockTransfer::openAt(QFile& file, long long loc)
@@ -345,15 +354,13 @@ bool CKXBlockTransfer::openAt(QFile& file, long long loc)
     return true;
 }
 
-void CKXBlockTransfer::downloadAnswered(const QFile& file, const KXBaseParse& parser)
+void CKXBlockTransfer::downloadAnswered(const FileFailure& failure, const KXBaseParse& parser)
 {
     const QString id = m_task->taskId();
-    if (file.error() != QFileDevice::NoError) {
-        TLOG_FATAL(QStringLiteral("文件操作出错: %1  error:%2 msg:%3")
-                       .arg(id)
-                       .arg(file.error())
-                       .arg(file.errorString()));
-        errorHandler(ErrorCode(file.error()), file.errorString(), 200);
+    if (failure.code != 0) {
+        TLOG_FATAL(
+            QStringLiteral("文件操作出错: %1  error:%2 msg:%3").arg(id).arg(failure.code).arg(failure.text));
+        errorHandler(ErrorCode(failure.code), failure.text, 200);
     } else if (parser.hasError()) {
         failFromParser(parser);
     } else {
@@ -419,8 +426,11 @@ void CKXBlockTransfer::compelteHandler()
 void CKXBlockTransfer::errorHandler(ErrorCode code, QString msg, int statusCode)
 {
     TLOG_FATAL(QStringLiteral("块任务失败 %1 %2").arg(code).arg(msg));
-    if (code == 4 && msg == QLatin1String("No space left on device")) {
+    // A full disk reads as the space check's refusal does, code and text, so that the transfer
+    // reports it to the client as such.
+    if (code == 4 && msg == kNoSpaceText) {
         msg = tr("空间不足 请释放空间后再尝试下载");
+        code = NoSpace;
     }
     m_task->setErrorCode(code);
     m_task->setStatusCode(statusCode);

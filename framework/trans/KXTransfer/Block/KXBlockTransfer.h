@@ -76,7 +76,13 @@ private:
                                            ServerApi::ResponseCallback, ServerApi::DownloadProgressCallback)>;
     void downloadBlock(const FetchCall& fetch);
     bool openAt(QFile& file, long long loc);
-    void downloadAnswered(const QFile& file, const KXBaseParse& parser);
+    // A failed write or flush of the downloaded bytes: the file's error code and text.
+    struct FileFailure
+    {
+        int code = 0;
+        QString text;
+    };
+    void downloadAnswered(const FileFailure& failure, const KXBaseParse& parser);
 
     // Starts a request through `call`, keeps its id for cancelTask(), and waits for the answer.
     void requestAndWait(const std::function<qint64(ServerApi::ResponseCallback)>& call, KXBaseParse& parser);
