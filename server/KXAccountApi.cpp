@@ -268,22 +268,22 @@ void CKXAccountApi::commit(CKXRequest& r)
     std::string pathType;
     std::string uploadId;
     std::vector<std::string> hashes;
-    CommitSpec spec;
+    CommitParams params;
     QJsonObject body;
     ServerError e = authenticate(r.http(), &account);
     e = e.ok() ? r.readJson(&body) : e;
     e = e.ok() ? KXHttp::string(body, "path", &path) : e;
     e = e.ok() ? KXHttp::string(body, "pathtype", &pathType) : e;
     e = e.ok() ? KXHttp::string(body, "upload_id", &uploadId) : e;
-    e = e.ok() ? KXHttp::integer(body, "size", &spec.size, true) : e;
-    e = e.ok() ? KXHttp::boolean(body, "overwrite", &spec.overwrite, false) : e;
-    e = e.ok() ? KXHttp::boolean(body, "make_parents", &spec.makeParents, true) : e;
+    e = e.ok() ? KXHttp::integer(body, "size", &params.size, true) : e;
+    e = e.ok() ? KXHttp::boolean(body, "overwrite", &params.overwrite, false) : e;
+    e = e.ok() ? KXHttp::boolean(body, "make_parents", &params.makeParents, true) : e;
     e = e.ok() ? KXHttp::hashList(body, "hashes", &hashes) : e;
-    e = e.ok() ? resolve(account, pathType, path, &spec.target) : e;
+    e = e.ok() ? resolve(account, pathType, path, &params.target) : e;
     if (!e.ok()) {
         return r.replyError(e);
     }
-    m_ctx.files.commit(r, spec, hashes, uploadId);
+    m_ctx.files.commit(r, params, hashes, uploadId);
 }
 
 void CKXAccountApi::logEvent(CKXRequest& r)

@@ -20,22 +20,22 @@ bool CKXFaultInjector::knownOp(const std::string& op)
     return std::find(std::begin(kOps), std::end(kOps), op) != std::end(kOps);
 }
 
-ServerError CKXFaultInjector::arm(const QJsonObject& spec)
+ServerError CKXFaultInjector::arm(const QJsonObject& params)
 {
     Fault f;
-    f.op = spec.value("op").toString().toStdString();
-    f.action = spec.value("action").toString().toStdString();
+    f.op = params.value("op").toString().toStdString();
+    f.action = params.value("action").toString().toStdString();
     if (!knownOp(f.op)) {
         return bad("unknown op '" + f.op + "'");
     }
     if (std::find(std::begin(kActions), std::end(kActions), f.action) == std::end(kActions)) {
         return bad("unknown action '" + f.action + "'");
     }
-    f.nth = static_cast<qint64>(spec.value("nth").toDouble(1));
-    f.count = static_cast<qint64>(spec.value("count").toDouble(1));
-    f.status = spec.value("status").toInt(500);
-    f.code = spec.value("code").toString(QStringLiteral("internal")).toStdString();
-    f.ms = static_cast<qint64>(spec.value("ms").toDouble(1000));
+    f.nth = static_cast<qint64>(params.value("nth").toDouble(1));
+    f.count = static_cast<qint64>(params.value("count").toDouble(1));
+    f.status = params.value("status").toInt(500);
+    f.code = params.value("code").toString(QStringLiteral("internal")).toStdString();
+    f.ms = static_cast<qint64>(params.value("ms").toDouble(1000));
     if (f.nth < 1 || f.count < 1 || f.status < 400 || f.status > 599 || f.ms < 0 || f.ms > 600000) {
         return bad("nth and count must be >= 1, status 400..599, ms 0..600000");
     }

@@ -29,7 +29,7 @@ class CKXFaultInjector
 public:
     static bool knownOp(const std::string& op);
 
-    ServerError arm(const QJsonObject& spec);
+    ServerError arm(const QJsonObject& params);
     void clear();
     // Advances the counters of `op`; true (and the fault) when one fires for this request.
     bool take(const std::string& op, Fault* out);

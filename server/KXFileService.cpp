@@ -43,16 +43,16 @@ std::string trim(const std::string& text)
 // cannot be satisfied (several ranges included: the protocol serves exactly one).
 bool parseRange(const std::string& header, qint64 size, qint64* start, qint64* end)
 {
-    std::string spec = trim(header);
-    if (spec.compare(0, 6, "bytes=") != 0 || spec.find(',') != std::string::npos) {
+    std::string params = trim(header);
+    if (params.compare(0, 6, "bytes=") != 0 || params.find(',') != std::string::npos) {
         return false;
     }
-    size_t dash = spec.find('-', 6);
+    size_t dash = params.find('-', 6);
     if (dash == std::string::npos || size <= 0) {
         return false;
     }
-    std::string first = trim(spec.substr(6, dash - 6));
-    std::string last = trim(spec.substr(dash + 1));
+    std::string first = trim(params.substr(6, dash - 6));
+    std::string last = trim(params.substr(dash + 1));
     qint64 a = 0;
     qint64 b = size - 1;
     if (first.empty()) {
@@ -188,10 +188,10 @@ void CKXFileService::receiveFile(CKXRequest& r, const Target& target, bool overw
         return r.replyError(
             ServerError::make(400, "bad request", "body shorter than Content-Length; nothing stored"));
     }
-    CommitSpec spec{target, cutter.blocks(), expected, mtime > 0 ? mtime : now(), overwrite,
+    CommitParams params{target, cutter.blocks(), expected, mtime > 0 ? mtime : now(), overwrite,
                     true,   m_options.quota};
     EntryInfo entry;
-    e = m_meta.commitFile(spec, &entry);
+    e = m_meta.commitFile(params, &entry);
     if (!e.ok()) {
         return r.replyError(e);
     }
@@ -360,39 +360,39 @@ ServerError CKXFileService::resolveUploadId(const Target& target, qint64 size, c
                   : e;
 }
 
-void CKXFileService::commit(CKXRequest& r, CommitSpec spec, const std::vector<std::string>& hashes,
+void CKXFileService::commit(CKXRequest& r, CommitParams params, const std::vector<std::string>& hashes,
                             const std::string& uploadId)
 {
     std::string id;
-    ServerError e = resolveUploadId(spec.target, spec.size, uploadId, &id);
-    e = e.ok() ? checkUpload(spec.target, spec.overwrite, spec.size) : e;
+    ServerError e = resolveUploadId(params.target, params.size, uploadId, &id);
+    e = e.ok() ? checkUpload(params.target, params.overwrite, params.size) : e;
     if (!e.ok()) {
         return r.replyError(e);
     }
     QJsonArray needed;
     std::set<std::string> missing;
     qint64 total = 0;
-    spec.blocks.clear();
+    params.blocks.clear();
     for (const std::string& hash : hashes) {
         qint64 size = m_blocks.sizeOf(hash);
         if (size < 0 && missing.insert(hash).second) {
             needed.append(QString::fromStdString(hash));
         }
-        spec.blocks.push_back(BlockRef{hash, size});
+        params.blocks.push_back(BlockRef{hash, size});
         total += std::max<qint64>(size, 0);
     }
     if (!needed.isEmpty()) {
         return r.replyJson(QJsonObject{{"needed_block", needed}, {"upload_id", QString::fromStdString(id)}});
     }
-    if (total != spec.size) {
+    if (total != params.size) {
         return r.replyError(ServerError::make(400, "content_hash_error",
                                               "the blocks add up to " + std::to_string(total) +
-                                                  " bytes, not " + std::to_string(spec.size)));
+                                                  " bytes, not " + std::to_string(params.size)));
     }
-    spec.quota = m_options.quota;
-    spec.mtime = spec.mtime > 0 ? spec.mtime : now();
+    params.quota = m_options.quota;
+    params.mtime = params.mtime > 0 ? params.mtime : now();
     EntryInfo entry;
-    e = m_meta.commitFile(spec, &entry);
+    e = m_meta.commitFile(params, &entry);
     if (!e.ok()) {
         return r.replyError(e);
     }

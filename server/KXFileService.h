@@ -47,8 +47,8 @@ public:
     void queryHash(CKXRequest& r, const Target& target, qint64 size, bool overwrite,
                    const std::vector<std::string>& hashes);
     void receiveBlock(CKXRequest& r, const UploadSession& session, const std::string& hash);
-    // `spec.blocks` is filled here from `hashes`; `uploadId` may be empty.
-    void commit(CKXRequest& r, CommitSpec spec, const std::vector<std::string>& hashes,
+    // `params.blocks` is filled here from `hashes`; `uploadId` may be empty.
+    void commit(CKXRequest& r, CommitParams params, const std::vector<std::string>& hashes,
                 const std::string& uploadId);
 
 private:

@@ -323,49 +323,49 @@ bool CKXMetaStore::writeBlocksLocked(qint64 entryId, const std::vector<BlockRef>
     return true;
 }
 
-bool CKXMetaStore::writeFileLocked(const CommitSpec& spec, qint64 existingId)
+bool CKXMetaStore::writeFileLocked(const CommitParams& params, qint64 existingId)
 {
     qint64 id = existingId;
-    if (!ensureParentsLocked(spec.target, spec.mtime)) {
+    if (!ensureParentsLocked(params.target, params.mtime)) {
         return false;
     }
     if (existingId != 0) {
         Statement q(m_db, "UPDATE entries SET size = ?, rev = rev + 1, mtime = ?, virus = 0 WHERE id = ?");
-        if (!q.bind(1, spec.size).bind(2, spec.mtime).bind(3, id).run()) {
+        if (!q.bind(1, params.size).bind(2, params.mtime).bind(3, id).run()) {
             return false;
         }
-    } else if (!insertEntryLocked(spec.target, false, spec.size, spec.mtime, &id)) {
+    } else if (!insertEntryLocked(params.target, false, params.size, params.mtime, &id)) {
         return false;
     }
-    return writeBlocksLocked(id, spec.blocks);
+    return writeBlocksLocked(id, params.blocks);
 }
 
-ServerError CKXMetaStore::commitFile(const CommitSpec& spec, EntryInfo* out)
+ServerError CKXMetaStore::commitFile(const CommitParams& params, EntryInfo* out)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     Transaction tx(m_db);
     if (!tx.begun()) {
         return internalLocked("cannot begin transaction");
     }
-    ServerError e = checkTargetLocked(spec.target, spec.overwrite, spec.size, spec.quota);
+    ServerError e = checkTargetLocked(params.target, params.overwrite, params.size, params.quota);
     if (!e.ok()) {
         return e;
     }
     EntryInfo parent;
-    if (!spec.makeParents &&
-        !lookupLocked(Target{spec.target.space, KXServerPath::parentOf(spec.target.path)}, &parent)) {
-        return notFound(KXServerPath::parentOf(spec.target.path));
+    if (!params.makeParents &&
+        !lookupLocked(Target{params.target.space, KXServerPath::parentOf(params.target.path)}, &parent)) {
+        return notFound(KXServerPath::parentOf(params.target.path));
     }
     EntryInfo current;
-    bool exists = lookupLocked(spec.target, &current);
-    if (exists && sameBlocksLocked(current.id, spec.blocks)) {
+    bool exists = lookupLocked(params.target, &current);
+    if (exists && sameBlocksLocked(current.id, params.blocks)) {
         *out = current;
         return {};
     }
-    if (!writeFileLocked(spec, exists ? current.id : 0) || !tx.commit()) {
-        return internalLocked("cannot commit " + spec.target.path);
+    if (!writeFileLocked(params, exists ? current.id : 0) || !tx.commit()) {
+        return internalLocked("cannot commit " + params.target.path);
     }
-    lookupLocked(spec.target, out);
+    lookupLocked(params.target, out);
     return {};
 }
 

@@ -36,7 +36,7 @@ public:
     ServerError checkTarget(const Target& target, bool overwrite, qint64 newSize, qint64 quota);
     // Makes the file appear (or replaces it) atomically after checking the target again. A
     // repeated commit of exactly the blocks the file already holds changes nothing.
-    ServerError commitFile(const CommitSpec& spec, EntryInfo* out);
+    ServerError commitFile(const CommitParams& params, EntryInfo* out);
     ServerError createFolder(const Target& target, bool makeParents, EntryInfo* out);
     ServerError setLocked(const Target& target, bool locked);
     ServerError setVirus(const Target& target, bool virus);
@@ -60,7 +60,7 @@ private:
     bool insertEntryLocked(const Target& target, bool isDir, qint64 size, qint64 mtime, qint64* id);
     bool writeBlocksLocked(qint64 entryId, const std::vector<BlockRef>& blocks);
     // Parents, the entry (new, or `existingId` replaced with a new revision) and its block list.
-    bool writeFileLocked(const CommitSpec& spec, qint64 existingId);
+    bool writeFileLocked(const CommitParams& params, qint64 existingId);
     ServerError setFlagLocked(const Target& target, const char* sql, bool on);
     ServerError internalLocked(const std::string& what);
 

@@ -84,7 +84,7 @@ struct ListOptions
 };
 
 // Everything a commit needs: the blocks in file order and the rules the target must satisfy.
-struct CommitSpec
+struct CommitParams
 {
     Target target;
     std::vector<BlockRef> blocks;

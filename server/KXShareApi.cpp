@@ -148,19 +148,19 @@ void CKXShareApi::commit(CKXRequest& r)
     std::string path;
     std::string uploadId;
     std::vector<std::string> hashes;
-    CommitSpec spec;
+    CommitParams params;
     ServerError e = uploadLink(r.http(), r.match(1), &share);
     e = e.ok() ? r.readJson(&body) : e;
     e = e.ok() ? KXHttp::string(body, "path", &path) : e;
     e = e.ok() ? KXHttp::string(body, "upload_id", &uploadId) : e;
-    e = e.ok() ? KXHttp::integer(body, "size", &spec.size, true) : e;
-    e = e.ok() ? KXHttp::boolean(body, "overwrite", &spec.overwrite, false) : e;
+    e = e.ok() ? KXHttp::integer(body, "size", &params.size, true) : e;
+    e = e.ok() ? KXHttp::boolean(body, "overwrite", &params.overwrite, false) : e;
     e = e.ok() ? KXHttp::hashList(body, "hashes", &hashes) : e;
-    e = e.ok() ? CKXShareLinks::resolve(share, path, &spec.target) : e;
+    e = e.ok() ? CKXShareLinks::resolve(share, path, &params.target) : e;
     if (!e.ok()) {
         return r.replyError(e);
     }
-    m_ctx.files.commit(r, spec, hashes, uploadId);
+    m_ctx.files.commit(r, params, hashes, uploadId);
 }
 
 void CKXShareApi::uploadFile(CKXRequest& r)
