@@ -5,7 +5,7 @@ ServerApi::ResponseCallback KXResponseRecorder::onResponse()
     std::shared_ptr<KXResponseRecorder> self = shared_from_this();
     return [self](const ResponseData& response) {
         self->sawCallback("completion");
-        QMutexLocker lock(&self->m_mutex);
+        std::lock_guard<std::mutex> lock(self->m_mutex);
         ++self->m_completions;
         self->m_response = response;
     };
@@ -19,7 +19,7 @@ ServerApi::DataCallback KXResponseRecorder::onData()
         std::function<void(qint64)> hook;
         qint64 received = 0;
         {
-            QMutexLocker lock(&self->m_mutex);
+            std::lock_guard<std::mutex> lock(self->m_mutex);
             self->m_data += piece;
             received = self->m_data.size();
             hook = self->m_dataHook;
@@ -49,7 +49,7 @@ ServerApi::UploadProgressCallback KXResponseRecorder::onUploadProgress()
 
 void KXResponseRecorder::setDataHook(std::function<void(qint64)> hook)
 {
-    QMutexLocker lock(&m_mutex);
+    std::lock_guard<std::mutex> lock(m_mutex);
     m_dataHook = std::move(hook);
 }
 
@@ -57,14 +57,14 @@ void KXResponseRecorder::sawCallback(const char* kind)
 {
     if (QThread::currentThread() == m_callerThread)
         violation(QStringLiteral("%1 callback on the caller's thread").arg(QLatin1String(kind)));
-    QMutexLocker lock(&m_mutex);
+    std::lock_guard<std::mutex> lock(m_mutex);
     if (m_completions > 0)
         m_violations << QStringLiteral("%1 callback after the completion").arg(QLatin1String(kind));
 }
 
 void KXResponseRecorder::sawProgress(qint64 done, qint64 total)
 {
-    QMutexLocker lock(&m_mutex);
+    std::lock_guard<std::mutex> lock(m_mutex);
     if (!m_progress.isEmpty() && done < m_progress.last().first)
         m_violations
             << QStringLiteral("progress went back from %1 to %2").arg(m_progress.last().first).arg(done);
@@ -73,36 +73,36 @@ void KXResponseRecorder::sawProgress(qint64 done, qint64 total)
 
 void KXResponseRecorder::violation(const QString& what)
 {
-    QMutexLocker lock(&m_mutex);
+    std::lock_guard<std::mutex> lock(m_mutex);
     m_violations << what;
 }
 
 int KXResponseRecorder::completions() const
 {
-    QMutexLocker lock(&m_mutex);
+    std::lock_guard<std::mutex> lock(m_mutex);
     return m_completions;
 }
 
 ResponseData KXResponseRecorder::response() const
 {
-    QMutexLocker lock(&m_mutex);
+    std::lock_guard<std::mutex> lock(m_mutex);
     return m_response;
 }
 
 QByteArray KXResponseRecorder::data() const
 {
-    QMutexLocker lock(&m_mutex);
+    std::lock_guard<std::mutex> lock(m_mutex);
     return m_data;
 }
 
 QList<QPair<qint64, qint64>> KXResponseRecorder::progress() const
 {
-    QMutexLocker lock(&m_mutex);
+    std::lock_guard<std::mutex> lock(m_mutex);
     return m_progress;
 }
 
 QStringList KXResponseRecorder::violations() const
 {
-    QMutexLocker lock(&m_mutex);
+    std::lock_guard<std::mutex> lock(m_mutex);
     return m_violations;
 }

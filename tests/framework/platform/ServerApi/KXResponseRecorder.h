@@ -10,10 +10,10 @@
 
 #include <QByteArray>
 #include <QList>
-#include <QMutex>
 #include <QThread>
 
 #include <memory>
+#include <mutex>
 
 class KXResponseRecorder : public std::enable_shared_from_this<KXResponseRecorder>
 {
@@ -39,7 +39,7 @@ private:
     void sawCallback(const char* kind);
     void sawProgress(qint64 done, qint64 total);
 
-    mutable QMutex m_mutex; // guards every member below
+    mutable std::mutex m_mutex; // guards every member below
     QThread* m_callerThread = QThread::currentThread();
     int m_completions = 0;
     ResponseData m_response;
