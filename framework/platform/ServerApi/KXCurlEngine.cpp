@@ -22,10 +22,10 @@ CKXCurlEngine::~CKXCurlEngine()
     shutdown();
 }
 
-qint64 CKXCurlEngine::submit(KXHttpRequestSpec spec)
+qint64 CKXCurlEngine::submit(KXHttpExchange exchange)
 {
     const qint64 id = m_nextId.fetch_add(1);
-    std::unique_ptr<CKXCurlRequest> request(new CKXCurlRequest(id, std::move(spec)));
+    std::unique_ptr<CKXCurlRequest> request(new CKXCurlRequest(id, std::move(exchange)));
     // A worker refuses requests once it is stopping; by then shutdown has taken it away from
     // m_worker, so the next turn finds (or starts) a fresh one.
     while (request)

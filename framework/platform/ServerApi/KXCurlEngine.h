@@ -7,7 +7,7 @@
 // shares the current worker with callers that are handing it a request; whoever stops a worker
 // joins it before letting go, or files it in m_retired to be joined by the next shutdown.
 
-#include "KXHttpRequestSpec.h"
+#include "KXHttpExchange.h"
 
 #include <atomic>
 #include <memory>
@@ -21,7 +21,7 @@ class CKXCurlEngine
 public:
     static CKXCurlEngine& inst();
 
-    qint64 submit(KXHttpRequestSpec spec);
+    qint64 submit(KXHttpExchange exchange);
     void cancel(qint64 requestId);
     // Completes every request with ErrorShutdown and waits for the library thread to end. Called
     // from a callback (on the library thread itself) it cannot wait: that thread ends after the

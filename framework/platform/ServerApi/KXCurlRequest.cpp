@@ -55,7 +55,8 @@ bool isTransientFailure(CURLcode code)
 
 } // namespace
 
-CKXCurlRequest::CKXCurlRequest(qint64 id, KXHttpRequestSpec spec) : m_id(id), m_spec(std::move(spec)) {}
+CKXCurlRequest::CKXCurlRequest(qint64 id, KXHttpExchange exchange) : m_id(id), m_exchange(std::move(exchange))
+{}
 
 CKXCurlRequest::~CKXCurlRequest()
 {
@@ -67,8 +68,8 @@ CKXCurlRequest::~CKXCurlRequest()
 bool CKXCurlRequest::prepare(CKXBandwidthLimiter* limiter)
 {
     m_limiter = limiter;
-    if (m_spec.rejectError != ServerApi::NoLibraryError) {
-        setLocalError(m_spec.rejectError, m_spec.rejectText);
+    if (m_exchange.rejectError != ServerApi::NoLibraryError) {
+        setLocalError(m_exchange.rejectError, m_exchange.rejectText);
         return false;
     }
     if (!openSource() || !openSink())
@@ -78,11 +79,11 @@ bool CKXCurlRequest::prepare(CKXBandwidthLimiter* limiter)
         setLocalError(CURLE_OUT_OF_MEMORY, QStringLiteral("cannot create a transfer handle"));
         return false;
     }
-    for (const QByteArray& line : qAsConst(m_spec.headers))
+    for (const QByteArray& line : qAsConst(m_exchange.headers))
         m_headerList = curl_slist_append(m_headerList, line.constData());
     // A whole file waits for "100 Continue", so that a refusal (quota, name, lock) costs no upload;
     // JSON and blocks are small enough to be sent at once.
-    if (m_spec.source != KXHttpRequestSpec::Source::File)
+    if (m_exchange.source != KXHttpExchange::Source::File)
         m_headerList = curl_slist_append(m_headerList, "Expect:");
     setTransportOptions();
     setMethodOptions();
@@ -91,27 +92,28 @@ bool CKXCurlRequest::prepare(CKXBandwidthLimiter* limiter)
 
 bool CKXCurlRequest::openSource()
 {
-    if (m_spec.source == KXHttpRequestSpec::Source::Memory)
-        m_sourceSize = m_spec.body.size();
-    if (m_spec.source != KXHttpRequestSpec::Source::File)
+    if (m_exchange.source == KXHttpExchange::Source::Memory)
+        m_sourceSize = m_exchange.body.size();
+    if (m_exchange.source != KXHttpExchange::Source::File)
         return true;
-    m_sourceFile.reset(new QFile(m_spec.sourcePath));
-    if (!QFileInfo(m_spec.sourcePath).isFile()) {
-        setLocalError(ServerApi::ErrorLocalFile, QStringLiteral("%1 is not a file").arg(m_spec.sourcePath));
+    m_sourceFile.reset(new QFile(m_exchange.sourcePath));
+    if (!QFileInfo(m_exchange.sourcePath).isFile()) {
+        setLocalError(ServerApi::ErrorLocalFile,
+                      QStringLiteral("%1 is not a file").arg(m_exchange.sourcePath));
         return false;
     }
     if (!m_sourceFile->open(QIODevice::ReadOnly)) {
         setLocalError(
             ServerApi::ErrorLocalFile,
-            QStringLiteral("cannot open %1: %2").arg(m_spec.sourcePath, m_sourceFile->errorString()));
+            QStringLiteral("cannot open %1: %2").arg(m_exchange.sourcePath, m_sourceFile->errorString()));
         return false;
     }
     m_sourceSize = m_sourceFile->size();
-    if (m_spec.sourceSize >= 0 && m_spec.sourceSize != m_sourceSize) {
+    if (m_exchange.sourceSize >= 0 && m_exchange.sourceSize != m_sourceSize) {
         setLocalError(ServerApi::ErrorLocalFile, QStringLiteral("%1 holds %2 bytes, %3 expected")
-                                                     .arg(m_spec.sourcePath)
+                                                     .arg(m_exchange.sourcePath)
                                                      .arg(m_sourceSize)
-                                                     .arg(m_spec.sourceSize));
+                                                     .arg(m_exchange.sourceSize));
         return false;
     }
     return true;
@@ -119,12 +121,13 @@ bool CKXCurlRequest::openSource()
 
 bool CKXCurlRequest::openSink()
 {
-    if (m_spec.sink != KXHttpRequestSpec::Sink::File)
+    if (m_exchange.sink != KXHttpExchange::Sink::File)
         return true;
-    m_sinkFile.reset(new QFile(m_spec.sinkPath));
+    m_sinkFile.reset(new QFile(m_exchange.sinkPath));
     if (!m_sinkFile->open(QIODevice::WriteOnly | QIODevice::Truncate)) {
-        setLocalError(ServerApi::ErrorLocalFile,
-                      QStringLiteral("cannot write %1: %2").arg(m_spec.sinkPath, m_sinkFile->errorString()));
+        setLocalError(
+            ServerApi::ErrorLocalFile,
+            QStringLiteral("cannot write %1: %2").arg(m_exchange.sinkPath, m_sinkFile->errorString()));
         return false;
     }
     return true;
@@ -132,7 +135,7 @@ bool CKXCurlRequest::openSink()
 
 void CKXCurlRequest::setTransportOptions()
 {
-    curl_easy_setopt(m_easy, CURLOPT_URL, m_spec.url.constData());
+    curl_easy_setopt(m_easy, CURLOPT_URL, m_exchange.url.constData());
     curl_easy_setopt(m_easy, CURLOPT_PRIVATE, this);
     curl_easy_setopt(m_easy, CURLOPT_ERRORBUFFER, m_errorBuffer);
     curl_easy_setopt(m_easy, CURLOPT_NOSIGNAL, 1L);
@@ -149,19 +152,19 @@ void CKXCurlRequest::setTransportOptions()
     curl_easy_setopt(m_easy, CURLOPT_TCP_KEEPALIVE, 1L);
     curl_easy_setopt(m_easy, CURLOPT_BUFFERSIZE, kTransferBuffer);
     curl_easy_setopt(m_easy, CURLOPT_UPLOAD_BUFFERSIZE, kTransferBuffer);
-    if (m_spec.followRedirects) {
+    if (m_exchange.followRedirects) {
         curl_easy_setopt(m_easy, CURLOPT_FOLLOWLOCATION, 1L);
         curl_easy_setopt(m_easy, CURLOPT_MAXREDIRS, 10L);
         curl_easy_setopt(m_easy, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
     }
-    if (m_spec.sink == KXHttpRequestSpec::Sink::Text)
+    if (m_exchange.sink == KXHttpExchange::Sink::Text)
         curl_easy_setopt(m_easy, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(kMaxTextBody));
     setConfiguredOptions();
 }
 
 void CKXCurlRequest::setConfiguredOptions()
 {
-    const ServerApi::Config& config = m_spec.config;
+    const ServerApi::Config& config = m_exchange.config;
     curl_easy_setopt(m_easy, CURLOPT_CONNECTTIMEOUT_MS,
                      static_cast<long>(std::max(config.connectTimeoutMs, 0)));
     if (config.lowSpeedTimeSec > 0 && config.lowSpeedBytesPerSec > 0) {
@@ -178,15 +181,15 @@ void CKXCurlRequest::setConfiguredOptions()
 
 void CKXCurlRequest::setMethodOptions()
 {
-    switch (m_spec.method) {
-    case KXHttpRequestSpec::Method::Get:
+    switch (m_exchange.method) {
+    case KXHttpExchange::Method::Get:
         curl_easy_setopt(m_easy, CURLOPT_HTTPGET, 1L);
         return;
-    case KXHttpRequestSpec::Method::Post:
+    case KXHttpExchange::Method::Post:
         curl_easy_setopt(m_easy, CURLOPT_POST, 1L);
         curl_easy_setopt(m_easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(m_sourceSize));
         break;
-    case KXHttpRequestSpec::Method::Put:
+    case KXHttpExchange::Method::Put:
         curl_easy_setopt(m_easy, CURLOPT_UPLOAD, 1L);
         curl_easy_setopt(m_easy, CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(m_sourceSize));
         break;
@@ -218,7 +221,7 @@ void CKXCurlRequest::resetForRetry()
 
 int CKXCurlRequest::retryDelayMs(CURLcode result) const
 {
-    if (!m_spec.retryable || m_localError != 0 || m_attempt >= m_spec.config.maxRetries)
+    if (!m_exchange.retryable || m_localError != 0 || m_attempt >= m_exchange.config.maxRetries)
         return -1;
     // Bytes already handed on cannot be taken back: the caller would see them twice.
     if (m_handedOn > 0)
@@ -276,22 +279,22 @@ size_t CKXCurlRequest::writeBody(const char* data, size_t length)
     if (m_limiter)
         m_limiter->charge(CKXBandwidthLimiter::Receive, static_cast<qint64>(length));
     const int size = static_cast<int>(length);
-    if (m_spec.sink == KXHttpRequestSpec::Sink::Text || !successStatus()) {
-        const bool text = m_spec.sink == KXHttpRequestSpec::Sink::Text;
+    if (m_exchange.sink == KXHttpExchange::Sink::Text || !successStatus()) {
+        const bool text = m_exchange.sink == KXHttpExchange::Sink::Text;
         if (m_body.size() + qint64(length) > (text ? kMaxTextBody : kMaxErrorBody))
             return text ? 0 : length; // an answer too large to be ours fails; an error page is cut
         m_body.append(data, size);
         return length;
     }
-    if (m_spec.sink == KXHttpRequestSpec::Sink::File) {
+    if (m_exchange.sink == KXHttpExchange::Sink::File) {
         if (m_sinkFile->write(data, size) != size) {
             setLocalError(
                 ServerApi::ErrorLocalFile,
-                QStringLiteral("cannot write %1: %2").arg(m_spec.sinkPath, m_sinkFile->errorString()));
+                QStringLiteral("cannot write %1: %2").arg(m_exchange.sinkPath, m_sinkFile->errorString()));
             return 0;
         }
-    } else if (m_spec.onData) {
-        m_spec.onData(QByteArray(data, size));
+    } else if (m_exchange.onData) {
+        m_exchange.onData(QByteArray(data, size));
     }
     m_handedOn += size;
     reportProgress(false);
@@ -310,8 +313,8 @@ size_t CKXCurlRequest::readBody(char* buffer, size_t length)
     const qint64 wanted = std::min<qint64>(static_cast<qint64>(length), m_sourceSize - m_sourceOffset);
     if (wanted <= 0)
         return 0;
-    if (m_spec.source == KXHttpRequestSpec::Source::Memory) {
-        std::memcpy(buffer, m_spec.body.constData() + m_sourceOffset, static_cast<size_t>(wanted));
+    if (m_exchange.source == KXHttpExchange::Source::Memory) {
+        std::memcpy(buffer, m_exchange.body.constData() + m_sourceOffset, static_cast<size_t>(wanted));
     } else {
         const qint64 got = m_sourceFile->read(buffer, wanted);
         // The announced Content-Length is a promise: a file that shrank or grew since the upload
@@ -319,7 +322,7 @@ size_t CKXCurlRequest::readBody(char* buffer, size_t length)
         const bool last = m_sourceOffset + wanted == m_sourceSize;
         if (got != wanted || (last && m_sourceFile->size() != m_sourceSize)) {
             setLocalError(ServerApi::ErrorLocalFile,
-                          QStringLiteral("%1 changed while it was sent").arg(m_spec.sourcePath));
+                          QStringLiteral("%1 changed while it was sent").arg(m_exchange.sourcePath));
             return CURL_READFUNC_ABORT;
         }
     }
@@ -352,10 +355,10 @@ void CKXCurlRequest::reportProgress(bool final)
 {
     qint64 bytes = 0;
     qint64 total = 0;
-    if (m_spec.onUploadProgress) {
+    if (m_exchange.onUploadProgress) {
         bytes = final ? m_sourceSize : m_uploadNow;
         total = m_sourceSize;
-    } else if (m_spec.onDownloadProgress) {
+    } else if (m_exchange.onDownloadProgress) {
         bytes = m_handedOn;
         total = successStatus() && m_contentLength >= 0 ? m_contentLength : (final ? m_handedOn : -1);
     } else {
@@ -377,16 +380,16 @@ void CKXCurlRequest::reportProgress(bool final)
     m_reportedBytes = bytes;
     m_reportedTotal = total;
     m_reportedAt = now;
-    if (m_spec.onUploadProgress) {
+    if (m_exchange.onUploadProgress) {
         UploadProgressData progress;
         progress.bytesSent = bytes;
         progress.bytesTotal = total;
-        m_spec.onUploadProgress(progress);
+        m_exchange.onUploadProgress(progress);
     } else {
         DownloadProgressData progress;
         progress.bytesReceived = bytes;
         progress.bytesTotal = total;
-        m_spec.onDownloadProgress(progress);
+        m_exchange.onDownloadProgress(progress);
     }
 }
 
@@ -440,11 +443,11 @@ void CKXCurlRequest::deliver(const ResponseData& response)
         m_sinkFile->close();
     if (m_sourceFile)
         m_sourceFile->close();
-    ServerApi::ResponseCallback onResponse = std::move(m_spec.onResponse);
-    m_spec.onResponse = nullptr;
-    m_spec.onData = nullptr;
-    m_spec.onUploadProgress = nullptr;
-    m_spec.onDownloadProgress = nullptr;
+    ServerApi::ResponseCallback onResponse = std::move(m_exchange.onResponse);
+    m_exchange.onResponse = nullptr;
+    m_exchange.onData = nullptr;
+    m_exchange.onUploadProgress = nullptr;
+    m_exchange.onDownloadProgress = nullptr;
     if (onResponse)
         onResponse(response);
 }

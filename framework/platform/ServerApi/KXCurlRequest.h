@@ -3,11 +3,11 @@
 // One request on the wire: its libcurl easy handle, the body it sends, where the answer goes, its
 // progress reports and its single completion.
 //
-// Created by CKXCurlEngine on the caller's thread from a finished KXHttpRequestSpec, then owned by
+// Created by CKXCurlEngine on the caller's thread from a finished KXHttpExchange, then owned by
 // the library thread's worker (CKXCurlWorker), which alone calls its methods and deletes it after
 // complete(). No lock: everything here runs on the library thread.
 
-#include "KXHttpRequestSpec.h"
+#include "KXHttpExchange.h"
 
 #include <curl/curl.h>
 
@@ -21,7 +21,7 @@ class CKXBandwidthLimiter;
 class CKXCurlRequest
 {
 public:
-    CKXCurlRequest(qint64 id, KXHttpRequestSpec spec);
+    CKXCurlRequest(qint64 id, KXHttpExchange exchange);
     ~CKXCurlRequest();
     CKXCurlRequest(const CKXCurlRequest&) = delete;
     CKXCurlRequest& operator=(const CKXCurlRequest&) = delete;
@@ -29,7 +29,7 @@ public:
     qint64 id() const { return m_id; }
     CURL* handle() const { return m_easy; }
     // Found unusable when it was built: complete it at once with failureCode(), failureText().
-    bool rejected() const { return m_spec.rejectError != ServerApi::NoLibraryError; }
+    bool rejected() const { return m_exchange.rejectError != ServerApi::NoLibraryError; }
 
     // Sets up the easy handle and opens the local files for the first attempt. False: the request
     // cannot be sent; complete it with the error kept by failure().
@@ -44,8 +44,8 @@ public:
     // of this request is called afterwards.
     void complete(CURLcode result);
     void fail(int libraryError, const QString& text);
-    int failureCode() const { return rejected() ? m_spec.rejectError : m_localError; }
-    QString failureText() const { return rejected() ? m_spec.rejectText : m_localErrorText; }
+    int failureCode() const { return rejected() ? m_exchange.rejectError : m_localError; }
+    QString failureText() const { return rejected() ? m_exchange.rejectText : m_localErrorText; }
 
 private:
     using Clock = std::chrono::steady_clock;
@@ -71,7 +71,7 @@ private:
     void deliver(const ResponseData& response);
 
     qint64 m_id;
-    KXHttpRequestSpec m_spec;
+    KXHttpExchange m_exchange;
     CURL* m_easy = nullptr;
     curl_slist* m_headerList = nullptr;
     CKXBandwidthLimiter* m_limiter = nullptr;

@@ -26,30 +26,30 @@ QString withoutTrailingSlash(QString address)
 
 CKXRequestBuilder::CKXRequestBuilder(const QString& host)
 {
-    m_spec.config = CKXConfigStore::inst().get();
-    const QString base = withoutTrailingSlash((host.isEmpty() ? m_spec.config.baseUrl : host).trimmed());
+    m_exchange.config = CKXConfigStore::inst().get();
+    const QString base = withoutTrailingSlash((host.isEmpty() ? m_exchange.config.baseUrl : host).trimmed());
     if (base.isEmpty())
         reject(QStringLiteral("no server address configured"));
-    m_spec.url = base.toUtf8();
+    m_exchange.url = base.toUtf8();
 }
 
 CKXRequestBuilder::CKXRequestBuilder(PlainAddress)
 {
-    m_spec.config = CKXConfigStore::inst().get();
+    m_exchange.config = CKXConfigStore::inst().get();
 }
 
 CKXRequestBuilder CKXRequestBuilder::fromAddress(const QString& address)
 {
     CKXRequestBuilder builder{PlainAddress()};
-    builder.m_spec.url = address.trimmed().toUtf8();
-    if (builder.m_spec.url.isEmpty())
+    builder.m_exchange.url = address.trimmed().toUtf8();
+    if (builder.m_exchange.url.isEmpty())
         builder.reject(QStringLiteral("empty address"));
     return builder;
 }
 
 CKXRequestBuilder& CKXRequestBuilder::path(const QString& path)
 {
-    m_spec.url += path.toUtf8();
+    m_exchange.url += path.toUtf8();
     return *this;
 }
 
@@ -64,14 +64,14 @@ CKXRequestBuilder& CKXRequestBuilder::header(const QByteArray& name, const QStri
     if (!safeHeaderValue(value))
         reject(QStringLiteral("line break in the value of %1").arg(QString::fromLatin1(name)));
     else
-        m_spec.headers << name + ": " + value.toUtf8();
+        m_exchange.headers << name + ": " + value.toUtf8();
     return *this;
 }
 
 CKXRequestBuilder& CKXRequestBuilder::accountSession()
 {
-    if (!m_spec.config.sessionId.isEmpty())
-        header("X-ORBALA-SESS-ID", m_spec.config.sessionId);
+    if (!m_exchange.config.sessionId.isEmpty())
+        header("X-ORBALA-SESS-ID", m_exchange.config.sessionId);
     return *this;
 }
 
@@ -99,31 +99,31 @@ CKXRequestBuilder& CKXRequestBuilder::range(const QString& range)
 
 CKXRequestBuilder& CKXRequestBuilder::postJson(const QJsonObject& body)
 {
-    m_spec.method = KXHttpRequestSpec::Method::Post;
-    m_spec.source = KXHttpRequestSpec::Source::Memory;
-    m_spec.body = QJsonDocument(body).toJson(QJsonDocument::Compact);
-    m_spec.headers << "Content-Type: application/json";
+    m_exchange.method = KXHttpExchange::Method::Post;
+    m_exchange.source = KXHttpExchange::Source::Memory;
+    m_exchange.body = QJsonDocument(body).toJson(QJsonDocument::Compact);
+    m_exchange.headers << "Content-Type: application/json";
     return *this;
 }
 
 CKXRequestBuilder& CKXRequestBuilder::putData(const QByteArray& data)
 {
-    m_spec.method = KXHttpRequestSpec::Method::Put;
-    m_spec.source = KXHttpRequestSpec::Source::Memory;
-    m_spec.body = data;
-    m_spec.headers << "Content-Type: application/octet-stream";
+    m_exchange.method = KXHttpExchange::Method::Put;
+    m_exchange.source = KXHttpExchange::Source::Memory;
+    m_exchange.body = data;
+    m_exchange.headers << "Content-Type: application/octet-stream";
     return *this;
 }
 
 CKXRequestBuilder& CKXRequestBuilder::putFile(const QString& localPath, qint64 expectedSize)
 {
     require(!localPath.isEmpty(), "local file");
-    m_spec.method = KXHttpRequestSpec::Method::Put;
-    m_spec.source = KXHttpRequestSpec::Source::File;
-    m_spec.sourcePath = localPath;
+    m_exchange.method = KXHttpExchange::Method::Put;
+    m_exchange.source = KXHttpExchange::Source::File;
+    m_exchange.sourcePath = localPath;
     // A size of 0 is what an unset model holds: take the file as it is then.
-    m_spec.sourceSize = expectedSize > 0 ? expectedSize : -1;
-    m_spec.headers << "Content-Type: application/octet-stream";
+    m_exchange.sourceSize = expectedSize > 0 ? expectedSize : -1;
+    m_exchange.headers << "Content-Type: application/octet-stream";
     return *this;
 }
 
@@ -136,36 +136,36 @@ CKXRequestBuilder& CKXRequestBuilder::require(bool condition, const char* what)
 
 CKXRequestBuilder& CKXRequestBuilder::retryable()
 {
-    m_spec.retryable = true;
+    m_exchange.retryable = true;
     return *this;
 }
 
 CKXRequestBuilder& CKXRequestBuilder::followRedirects()
 {
-    m_spec.followRedirects = true;
+    m_exchange.followRedirects = true;
     return *this;
 }
 
 void CKXRequestBuilder::reject(const QString& reason)
 {
-    if (m_spec.rejectError != ServerApi::NoLibraryError)
+    if (m_exchange.rejectError != ServerApi::NoLibraryError)
         return;
-    m_spec.rejectError = ServerApi::ErrorBadArgument;
-    m_spec.rejectText = reason;
+    m_exchange.rejectError = ServerApi::ErrorBadArgument;
+    m_exchange.rejectText = reason;
 }
 
 qint64 CKXRequestBuilder::receiveText(ServerApi::ResponseCallback onResponse)
 {
-    m_spec.onResponse = std::move(onResponse);
+    m_exchange.onResponse = std::move(onResponse);
     return submit();
 }
 
 qint64 CKXRequestBuilder::receiveData(ServerApi::DataCallback onData, ServerApi::ResponseCallback onResponse,
                                       ServerApi::DownloadProgressCallback onProgress)
 {
-    m_spec.sink = KXHttpRequestSpec::Sink::Data;
-    m_spec.onData = std::move(onData);
-    m_spec.onDownloadProgress = std::move(onProgress);
+    m_exchange.sink = KXHttpExchange::Sink::Data;
+    m_exchange.onData = std::move(onData);
+    m_exchange.onDownloadProgress = std::move(onProgress);
     return receiveText(std::move(onResponse));
 }
 
@@ -173,21 +173,21 @@ qint64 CKXRequestBuilder::receiveFile(const QString& localPath, ServerApi::Respo
                                       ServerApi::DownloadProgressCallback onProgress)
 {
     require(!localPath.isEmpty(), "local file");
-    m_spec.sink = KXHttpRequestSpec::Sink::File;
-    m_spec.sinkPath = localPath;
-    m_spec.onDownloadProgress = std::move(onProgress);
+    m_exchange.sink = KXHttpExchange::Sink::File;
+    m_exchange.sinkPath = localPath;
+    m_exchange.onDownloadProgress = std::move(onProgress);
     return receiveText(std::move(onResponse));
 }
 
 qint64 CKXRequestBuilder::sendWithProgress(ServerApi::ResponseCallback onResponse,
                                            ServerApi::UploadProgressCallback onProgress)
 {
-    m_spec.onUploadProgress = std::move(onProgress);
+    m_exchange.onUploadProgress = std::move(onProgress);
     return receiveText(std::move(onResponse));
 }
 
 qint64 CKXRequestBuilder::submit()
 {
-    m_spec.url += m_query;
-    return CKXCurlEngine::inst().submit(std::move(m_spec));
+    m_exchange.url += m_query;
+    return CKXCurlEngine::inst().submit(std::move(m_exchange));
 }

@@ -7,7 +7,7 @@
 //
 // A value used on the caller's thread, one per request, dropped after submit().
 
-#include "KXHttpRequestSpec.h"
+#include "KXHttpExchange.h"
 
 #include <QJsonObject>
 
@@ -49,6 +49,6 @@ private:
     void reject(const QString& reason);
     qint64 submit();
 
-    KXHttpRequestSpec m_spec;
+    KXHttpExchange m_exchange;
     QByteArray m_query;
 };

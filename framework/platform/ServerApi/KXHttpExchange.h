@@ -11,7 +11,7 @@
 #include <QList>
 #include <QString>
 
-struct KXHttpRequestSpec
+struct KXHttpExchange
 {
     enum class Method
     {
