@@ -311,9 +311,23 @@ void CKXChunkedTransfer::commitAnswered(const CKXCommitHashParse& parser)
     if (!path.isEmpty() && path != m_task->getRemoteFileInfo().path) {
         m_task->setNewVaultPath(path);
     }
-    CKXTFStoreManager::inst()->db()->DelBlockTasks(id);
+    storeFileDone();
     TLOG_FATAL(QStringLiteral("分块任务commit完成 %1").arg(id));
     compelteHandler();
+}
+
+void CKXChunkedTransfer::storeFileDone()
+{
+    // A process killed from here on must find the task complete when it starts again: its block
+    // rows are gone, and a download's temporary file has already been moved into place. Only the
+    // stored row says so; the task itself is complete for the client at compelteHandler().
+    SubTaskInfo done = m_task->getSubTaskInfo();
+    done.state = StateCompleted;
+    done.completeBytes = done.size;
+    done.sendBytes = done.size;
+    CKXTransferTask stored(done);
+    CKXTFStoreManager::inst()->db()->AddTransferTask(stored);
+    CKXTFStoreManager::inst()->db()->DelBlockTasks(m_task->getId());
 }
 
 void CKXChunkedTransfer::downloadTaskComplete()
@@ -324,7 +338,7 @@ void CKXChunkedTransfer::downloadTaskComplete()
         errorHandler(code, message, 200);
         return;
     }
-    CKXTFStoreManager::inst()->db()->DelBlockTasks(m_task->getId());
+    storeFileDone();
     const SubTaskInfo record = m_task->getSubTaskInfo();
     request(
         [&record](ServerApi::ResponseCallback done) {

@@ -55,6 +55,8 @@ private:
     void finishBlocks();
     // The common end of both commits: the answer's verdict on the file.
     void commitAnswered(const CKXCommitHashParse& parser);
+    // The file is in place: the task is stored complete, then its block rows go.
+    void storeFileDone();
     void endIfCancelled();
 
     QList<CKXBlockTask*> m_blocks;

@@ -1,0 +1,251 @@
+// A client killed with SIGKILL at random moments of chunked transfers, again and again: the runner
+// of the chunked end-to-end tests carries one task in a process of its own, and is killed at a
+// moment drawn from a fixed seed, then started again with the same task. Every file that completes
+// is identical to its source, and the server never receives much more than the file: each kill
+// costs at most the blocks that were in flight.
+
+#include "KXApiFixture.h"
+#include "KXServerProcess.h"
+#include "KXTestHttp.h"
+#include "KXUtil.h"
+
+#include <QProcess>
+#include <QRandomGenerator>
+#include <QTemporaryDir>
+#include <QTest>
+
+namespace {
+
+const qint64 kBlock = 4194304;
+const qint64 kSize = 6 * kBlock + 12345; // seven blocks, about 24 MiB
+const int kConcurrency = 2;
+const int kKills = 20;
+const int kWaitMs = 120000;
+const quint32 kSeed = 20260522;
+// The server holds every block request this long, so that a run lasts long enough to be cut.
+const int kBlockDelayMs = 300;
+
+// One run of the runner executable.
+class Runner
+{
+public:
+    explicit Runner(const QStringList& args)
+    {
+        m_process.setProgram(QStringLiteral(KX_BIN_DIR "/kx_chunked_runner"));
+        m_process.setArguments(args);
+        m_process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        m_process.start();
+    }
+    ~Runner() { kill9(); }
+
+    // True once the engine inside has started the task: the runner reports from then on.
+    bool started(int timeoutMs) { return m_process.canReadLine() || m_process.waitForReadyRead(timeoutMs); }
+    // True when the process ended by itself within `timeoutMs`.
+    bool finished(int timeoutMs)
+    {
+        return m_process.state() == QProcess::NotRunning || m_process.waitForFinished(timeoutMs);
+    }
+    void kill9()
+    {
+        if (m_process.state() != QProcess::NotRunning) {
+            m_process.kill(); // SIGKILL: no handler, no clean-up
+            m_process.waitForFinished();
+        }
+    }
+    // The runner's last line: "done <code> <state>" after a final callback.
+    QString lastLine()
+    {
+        QString last;
+        for (const QByteArray& line : m_process.readAll().split('\n')) {
+            if (!line.trimmed().isEmpty()) {
+                last = QString::fromUtf8(line.trimmed());
+            }
+        }
+        return last;
+    }
+
+private:
+    QProcess m_process;
+};
+
+// One task of the loop: a file that goes up, or comes down, under a sub-task id of its own.
+struct Job
+{
+    QString id;
+    QString local;
+    QString remote;
+    QByteArray sha;
+};
+
+} // namespace
+
+class TestCrashLoop : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+    void init();
+
+    void killedAgainAndAgain_data();
+    void killedAgainAndAgain();
+    void killedWhileFinishingDownload();
+
+private:
+    Job newJob(bool download, int n);
+    QStringList runnerArgs(const Job& job, bool download) const;
+    // The job's file is complete and identical at its destination.
+    void checkDone(const Job& job, bool download);
+    qint64 stat(const char* name) { return qint64(m_server.stats().value(QLatin1String(name)).toDouble()); }
+
+    QTemporaryDir m_home;
+    QTemporaryDir m_work;
+    CKXServerProcess m_server;
+};
+
+void TestCrashLoop::initTestCase()
+{
+    QVERIFY(m_home.isValid() && m_work.isValid());
+    // The runners keep their databases here.
+    qputenv("XDG_DATA_HOME", m_home.path().toUtf8() + "/data");
+    qputenv("HOME", m_home.path().toUtf8());
+    QVERIFY2(m_server.start(), qPrintable(m_server.errorString()));
+}
+
+void TestCrashLoop::init()
+{
+    QVERIFY(m_server.clearFaults());
+    QVERIFY(m_server.resetStats());
+}
+
+Job TestCrashLoop::newJob(bool download, int n)
+{
+    const QString name = QStringLiteral("%1-%2.bin").arg(download ? "down" : "up").arg(n);
+    const QByteArray content = randomBytes(kSize, int(kSeed) + n * 2 + (download ? 1 : 0));
+    Job job{QStringLiteral("crash-") + name, m_work.filePath(name), QStringLiteral("/crash/") + name,
+            sha256(content)};
+    if (!download) {
+        return writeFile(job.local, content) ? job : Job();
+    }
+    const TestHttpReply put =
+        CKXTestHttp::put(m_server.baseUrl() + QStringLiteral("/v1/files?overwrite=true&path=") +
+                             CKXTestHttp::encode(job.remote),
+                         content, m_server.sessionHeader());
+    return put.status == 200 ? job : Job();
+}
+
+QStringList TestCrashLoop::runnerArgs(const Job& job, bool download) const
+{
+    QStringList args = {QStringLiteral("--base"),        m_server.baseUrl(),
+                        QStringLiteral("--token"),       m_server.token(),
+                        QStringLiteral("--id"),          job.id,
+                        QStringLiteral("--local"),       job.local,
+                        QStringLiteral("--remote"),      job.remote,
+                        QStringLiteral("--size"),        QString::number(kSize),
+                        QStringLiteral("--concurrency"), QString::number(kConcurrency)};
+    if (download) {
+        args << QStringLiteral("--download");
+    }
+    return args;
+}
+
+void TestCrashLoop::checkDone(const Job& job, bool download)
+{
+    QByteArray content;
+    if (download) {
+        content = fileContent(job.local);
+        QVERIFY(!QFile::exists(KXUtil::tmpFile(job.local)));
+    } else {
+        const TestHttpReply got = CKXTestHttp::get(m_server.baseUrl() + QStringLiteral("/v1/files?path=") +
+                                                       CKXTestHttp::encode(job.remote),
+                                                   m_server.sessionHeader());
+        QCOMPARE(got.status, 200);
+        content = got.body;
+    }
+    QCOMPARE(qint64(content.size()), kSize);
+    QCOMPARE(sha256(content), job.sha);
+}
+
+void TestCrashLoop::killedAgainAndAgain_data()
+{
+    QTest::addColumn<bool>("download");
+    QTest::newRow("upload") << false;
+    QTest::newRow("download") << true;
+}
+
+void TestCrashLoop::killedAgainAndAgain()
+{
+    QFETCH(bool, download);
+    const char* blockOp = download ? "download" : "block_upload";
+    const char* bytesStat = download ? "download_bytes" : "block_bytes";
+    QVERIFY(
+        m_server.armFault({{"op", blockOp}, {"action", "delay"}, {"ms", kBlockDelayMs}, {"count", 100000}}));
+    QRandomGenerator random(kSeed);
+    int kills = 0;
+    int completed = 0;
+    int jobs = 0;
+    Job job = newJob(download, jobs++);
+    QVERIFY(!job.id.isEmpty());
+    const qint64 bytesBefore = stat(bytesStat);
+
+    // A job that completes between two kills is checked and replaced by a new one, so that every
+    // round is killed during some chunked transfer; after the last kill the job runs to its end.
+    for (;;) {
+        Runner runner(runnerArgs(job, download));
+        QVERIFY(runner.started(kWaitMs));
+        if (kills < kKills && !runner.finished(int(random.bounded(20, 900)))) {
+            runner.kill9();
+            ++kills;
+            continue;
+        }
+        QVERIFY(runner.finished(kWaitMs));
+        QCOMPARE(runner.lastLine(), QStringLiteral("done 0 64"));
+        checkDone(job, download);
+        if (QTest::currentTestFailed()) {
+            return;
+        }
+        ++completed;
+        if (kills >= kKills) {
+            break;
+        }
+        job = newJob(download, jobs++);
+        QVERIFY(!job.id.isEmpty());
+    }
+    qInfo("%d kills, %d files completed", kills, completed);
+
+    // The killed runs' requests may still be held by the server; their bytes count once they end.
+    QTRY_COMPARE_WITH_TIMEOUT(stat("inflight"), qint64(0), kWaitMs);
+    const qint64 moved = stat(bytesStat) - bytesBefore;
+    const qint64 bound = qint64(kills) * kConcurrency * kBlock + qint64(completed) * kSize;
+    QVERIFY2(moved <= bound,
+             qPrintable(QStringLiteral("%1 bytes moved, at most %2 allowed").arg(moved).arg(bound)));
+    QVERIFY(moved >= qint64(completed) * kSize);
+}
+
+void TestCrashLoop::killedWhileFinishingDownload()
+{
+    const Job job = newJob(true, 1000);
+    QVERIFY(!job.id.isEmpty());
+    QVERIFY(m_server.resetStats());
+    // The download reports itself to the server after the file is in place; that report is held.
+    QVERIFY(m_server.armFault({{"op", "log"}, {"action", "delay"}, {"ms", 30000}}));
+    {
+        Runner runner(runnerArgs(job, true));
+        QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(job.local) && stat("inflight") >= 1 && stat("downloads") >= 7,
+                                 kWaitMs);
+        runner.kill9();
+    }
+    QVERIFY(!QFile::exists(KXUtil::tmpFile(job.local)));
+    QVERIFY(m_server.clearFaults());
+    QVERIFY(m_server.resetStats());
+
+    // The next run finds the task complete and moves nothing again.
+    Runner again(runnerArgs(job, true));
+    QVERIFY(again.finished(kWaitMs));
+    QCOMPARE(again.lastLine(), QStringLiteral("done 0 64"));
+    QCOMPARE(stat("downloads"), qint64(0));
+    checkDone(job, true);
+}
+
+QTEST_GUILESS_MAIN(TestCrashLoop)
+#include "tst_CrashLoop.moc"
