@@ -6,7 +6,7 @@ namespace {
 
 const char* const kOps[] = {"metadata",     "auth",   "file_upload", "download", "hash",
                             "block_upload", "commit", "share_auth",  "log",      "folder"};
-const char* const kActions[] = {"status", "drop", "delay", "wrong_hash"};
+const char* const kActions[] = {"status", "drop", "delay", "wrong_hash", "no_session"};
 
 ServerError bad(const std::string& why)
 {

@@ -15,7 +15,7 @@
 struct Fault
 {
     std::string op;
-    std::string action; // "status" | "drop" | "delay" | "wrong_hash"
+    std::string action; // "status" | "drop" | "delay" | "wrong_hash" | "no_session"
     int status = 500;
     std::string code = "internal";
     qint64 ms = 1000;

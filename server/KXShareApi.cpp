@@ -102,11 +102,15 @@ void CKXShareApi::authUpload(CKXRequest& r)
     if (!e.ok()) {
         return r.replyError(e);
     }
-    r.response().set_header("Set-Cookie", "S=" + session + "; Path=/; HttpOnly");
-    r.replyJson(QJsonObject{{"result", true},
-                            {"session_id", QString::fromStdString(session)},
-                            {"upload_url", QString::fromStdString(m_ctx.publicUrl)},
-                            {"LBC", QStringLiteral("kxserver")}});
+    QJsonObject answer{{"result", true},
+                       {"upload_url", QString::fromStdString(m_ctx.publicUrl)},
+                       {"LBC", QStringLiteral("kxserver")}};
+    // A client must carry on with the session it holds when an answer names none.
+    if (!r.faultIs("no_session")) {
+        r.response().set_header("Set-Cookie", "S=" + session + "; Path=/; HttpOnly");
+        answer.insert("session_id", QString::fromStdString(session));
+    }
+    r.replyJson(answer);
 }
 
 void CKXShareApi::queryHash(CKXRequest& r)

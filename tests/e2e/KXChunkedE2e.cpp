@@ -76,6 +76,14 @@ SubTaskInfo downloadTask(const QString& id, const QString& remotePath, const QSt
     return task;
 }
 
+SubTaskInfo throughLink(SubTaskInfo task, const QString& code, const QString& password)
+{
+    task.remoteFile.isDeliveryTrans = true;
+    task.remoteFile.delivery.code = code;
+    task.remoteFile.delivery.token = password;
+    return task;
+}
+
 void configureServer(const QString& baseUrl, const QString& token)
 {
     ServerApi::Config config = ServerApi::config();

@@ -22,6 +22,8 @@ QString fileSha256(const QString& path);
 
 SubTaskInfo uploadTask(const QString& id, const QString& localPath, const QString& remotePath, qint64 size);
 SubTaskInfo downloadTask(const QString& id, const QString& remotePath, const QString& localPath, qint64 size);
+// The same task through the share link `code`; its remote path is then the path inside the share.
+SubTaskInfo throughLink(SubTaskInfo task, const QString& code, const QString& password = QString());
 
 // Points the server-API library at kxserver with the account's token.
 void configureServer(const QString& baseUrl, const QString& token);

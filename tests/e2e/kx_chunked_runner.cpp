@@ -5,7 +5,8 @@
 // The resumption tests kill it with SIGKILL part-way and start it again with the same task.
 //
 // kx_chunked_runner --base URL --token T --id SUBTASK --local PATH --remote PATH --size BYTES
-//                   [--download] [--concurrency N]
+//                   [--download] [--concurrency N] [--share CODE [--password P]]
+// With --share the task goes through that share link; --remote is then the path inside the share.
 // The engine's database goes where XDG_DATA_HOME points.
 
 #include "IKXTransfer.h"
@@ -41,10 +42,10 @@ int main(int argc, char** argv)
 {
     QCoreApplication app(argc, argv);
     QCommandLineParser parser;
-    const QStringList valued = {QStringLiteral("base"),       QStringLiteral("token"),
-                                QStringLiteral("id"),         QStringLiteral("local"),
-                                QStringLiteral("remote"),     QStringLiteral("size"),
-                                QStringLiteral("concurrency")};
+    const QStringList valued = {
+        QStringLiteral("base"),        QStringLiteral("token"),  QStringLiteral("id"),
+        QStringLiteral("local"),       QStringLiteral("remote"), QStringLiteral("size"),
+        QStringLiteral("concurrency"), QStringLiteral("share"),  QStringLiteral("password")};
     for (const QString& name : valued) {
         parser.addOption(QCommandLineOption(name, name, name));
     }
@@ -64,9 +65,13 @@ int main(int argc, char** argv)
     Transfer::setConfig(TransferConfigMaxConcurrentCount, parser.value(QStringLiteral("concurrency")));
     const QString local = parser.value(QStringLiteral("local"));
     const QString remote = parser.value(QStringLiteral("remote"));
-    const SubTaskInfo task = parser.isSet(QStringLiteral("download"))
-                                 ? KXChunkedE2e::downloadTask(id, remote, local, size)
-                                 : KXChunkedE2e::uploadTask(id, local, remote, size);
+    SubTaskInfo task = parser.isSet(QStringLiteral("download"))
+                           ? KXChunkedE2e::downloadTask(id, remote, local, size)
+                           : KXChunkedE2e::uploadTask(id, local, remote, size);
+    if (parser.isSet(QStringLiteral("share"))) {
+        task = KXChunkedE2e::throughLink(task, parser.value(QStringLiteral("share")),
+                                         parser.value(QStringLiteral("password")));
+    }
     const long long handle = Transfer::init(task, &KXOutcomes::onError, nullptr);
     if (handle == 0) {
         std::fprintf(stderr, "kx_chunked_runner: no transfer for the task\n");

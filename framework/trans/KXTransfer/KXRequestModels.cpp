@@ -97,6 +97,8 @@ KXServerApiDeliveryDataModel CKXRequestModels::deliveryData(const SubTaskInfo& t
     model.path = task.remoteFile.path;
     model.localPath = task.localFile.path;
     model.size = task.isUpload ? QFileInfo(task.localFile.path).size() : task.size;
+    // The data and the commit must ask for the replacement the authorisation was granted for.
+    model.overwrite = link.overwrite;
     return model;
 }
 
