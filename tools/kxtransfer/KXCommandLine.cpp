@@ -14,8 +14,13 @@ const int kMaxJobs = 64;
 const QHash<QString, int>& operandCounts()
 {
     static const QHash<QString, int> counts = {
-        {QStringLiteral("upload"), 2}, {QStringLiteral("download"), 2}, {QStringLiteral("get"), 2},
-        {QStringLiteral("list"), 0},   {QStringLiteral("demo"), 0},
+        {QStringLiteral("upload"), 2},
+        {QStringLiteral("download"), 2},
+        {QStringLiteral("get"), 2},
+        {QStringLiteral("list"), 0},
+        {QStringLiteral("demo"), 0},
+        {QStringLiteral("share-upload"), 2},
+        {QStringLiteral("share-download"), 2},
     };
     return counts;
 }
@@ -29,13 +34,21 @@ QString CKXCommandLine::usageText()
         "  kxtransfer upload LOCAL REMOTE     send a local file to the server (REMOTE: full path, or a\n"
         "                                     folder ending in '/')\n"
         "  kxtransfer download REMOTE LOCAL   fetch a file from the server\n"
+        "  kxtransfer share-upload LOCAL LINK[/PATH]\n"
+        "                                     send a local file into a share link's folder (PATH:\n"
+        "                                     full path inside the share, or a folder ending in '/';\n"
+        "                                     none: the share's top folder)\n"
+        "  kxtransfer share-download LINK[/PATH] LOCAL\n"
+        "                                     fetch a file through a share link (no PATH for a link\n"
+        "                                     to one file)\n"
         "  kxtransfer get URL LOCAL           fetch a plain http(s) address\n"
         "  kxtransfer list                    unfinished transfers kept in the database\n"
         "  kxtransfer demo                    start a private server and show everything at work\n"
         "\n"
         "Options:\n"
         "  --server URL     server address (default: $KX_SERVER)\n"
-        "  --token T        session token (default: $KX_TOKEN)\n"
+        "  --token T        session token (default: $KX_TOKEN; share links need none)\n"
+        "  --password P     a share link's password\n"
         "  --jobs N         blocks in flight for files over 4 MiB (default 4)\n"
         "  --limit RATE     bandwidth cap per direction, e.g. 500K, 10M (default: none)\n"
         "  --overwrite      replace an existing target instead of failing (upload) or\n"
@@ -101,7 +114,8 @@ bool CKXCommandLine::parse(const QStringList& arguments, const QProcessEnvironme
     const QCommandLineOption overwrite(QStringLiteral("overwrite"), QString());
     const QCommandLineOption taskId(QStringLiteral("task-id"), QString(), QStringLiteral("ID"));
     const QCommandLineOption quiet({QStringLiteral("q"), QStringLiteral("quiet")}, QString());
-    parser.addOptions({help, server, token, jobs, limit, overwrite, taskId, quiet});
+    const QCommandLineOption password(QStringLiteral("password"), QString(), QStringLiteral("P"));
+    parser.addOptions({help, server, token, jobs, limit, overwrite, taskId, quiet, password});
     if (!parser.parse(arguments)) {
         return fail(parser.errorText());
     }
@@ -120,6 +134,7 @@ bool CKXCommandLine::parse(const QStringList& arguments, const QProcessEnvironme
     m_options.overwrite = parser.isSet(overwrite);
     m_options.quiet = parser.isSet(quiet);
     m_options.taskId = parser.value(taskId);
+    m_options.password = parser.value(password);
     return checkOperands() && readNumbers(parser.value(jobs), parser.value(limit)) &&
            (!parser.isSet(taskId) || checkTaskId());
 }
@@ -143,18 +158,45 @@ bool CKXCommandLine::checkOperands()
         }
     }
     if (command == QLatin1String("upload") || command == QLatin1String("download")) {
-        if (m_options.server.isEmpty()) {
-            return fail(QStringLiteral("no server: give --server URL or set KX_SERVER"));
-        }
-        if (!m_options.server.startsWith(QLatin1String("http://")) &&
-            !m_options.server.startsWith(QLatin1String("https://"))) {
-            return fail(
-                QStringLiteral("server '%1' is not an http:// or https:// address").arg(m_options.server));
-        }
-        if (m_options.token.isEmpty()) {
-            return fail(QStringLiteral("no token: give --token T or set KX_TOKEN"));
-        }
+        return checkServer(true);
     }
+    if (command.startsWith(QLatin1String("share-"))) {
+        const QString& link = m_options.operands.at(command == QLatin1String("share-upload") ? 1 : 0);
+        QString code;
+        QString path;
+        if (!splitShareLink(link, code, path)) {
+            return fail(QStringLiteral("'%1' is not a share link: give CODE or CODE/path").arg(link));
+        }
+        return checkServer(false);
+    }
+    return true;
+}
+
+bool CKXCommandLine::checkServer(bool needToken)
+{
+    if (m_options.server.isEmpty()) {
+        return fail(QStringLiteral("no server: give --server URL or set KX_SERVER"));
+    }
+    if (!m_options.server.startsWith(QLatin1String("http://")) &&
+        !m_options.server.startsWith(QLatin1String("https://"))) {
+        return fail(
+            QStringLiteral("server '%1' is not an http:// or https:// address").arg(m_options.server));
+    }
+    if (needToken && m_options.token.isEmpty()) {
+        return fail(QStringLiteral("no token: give --token T or set KX_TOKEN"));
+    }
+    return true;
+}
+
+bool CKXCommandLine::splitShareLink(const QString& operand, QString& code, QString& path)
+{
+    static const QRegularExpression link(QStringLiteral("^([A-Za-z0-9_-]{1,64})(/.*)?$"));
+    const QRegularExpressionMatch match = link.match(operand);
+    if (!match.hasMatch()) {
+        return false;
+    }
+    code = match.captured(1);
+    path = match.captured(2);
     return true;
 }
 

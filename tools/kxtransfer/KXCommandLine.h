@@ -10,7 +10,7 @@
 
 struct KXToolOptions
 {
-    QString command; // upload | download | get | list | demo
+    QString command; // upload | download | share-upload | share-download | get | list | demo
     QStringList operands;
     QString server;
     QString token;
@@ -19,6 +19,7 @@ struct KXToolOptions
     bool overwrite = false;
     QString taskId;
     bool quiet = false;
+    QString password; // a share link's
 };
 
 class CKXCommandLine
@@ -36,10 +37,13 @@ public:
 
     // "10M", "512k", "1.5MiB", "2000000": bytes per second (K, M, G are powers of 1024).
     static bool parseRate(const QString& text, qint64& bytesPerSec);
+    // "CODE" or "CODE/path/in/share": the link's code and the path inside it ("" when none).
+    static bool splitShareLink(const QString& operand, QString& code, QString& path);
 
 private:
     bool fail(const QString& message);
     bool checkOperands();
+    bool checkServer(bool needToken);
     bool readNumbers(const QString& jobs, const QString& limit);
     bool checkTaskId();
 

@@ -24,6 +24,17 @@ struct Reply
     ResponseData response;
 };
 
+// Header names as the server sent them, matched without regard to case.
+QByteArray header(const ResponseData& response, const QByteArray& name)
+{
+    for (auto it = response.headers.cbegin(); it != response.headers.cend(); ++it) {
+        if (it.key().compare(name, Qt::CaseInsensitive) == 0) {
+            return it.value().trimmed();
+        }
+    }
+    return QByteArray();
+}
+
 int codeFromServerText(const QString& code)
 {
     if (code == QLatin1String("Invalid session") || code.contains(QLatin1String("token is not exist"))) {
@@ -66,14 +77,13 @@ int CKXRemoteMeta::mapError(const ResponseData& response, QString& message)
     return code.isString() ? codeFromServerText(code.toString()) : ServerError;
 }
 
-bool CKXRemoteMeta::fetch(const QString& remotePath, KXRemoteEntry& out)
+bool CKXRemoteMeta::await(const std::function<qint64(ServerApi::ResponseCallback)>& start,
+                          ResponseData& response)
 {
-    KXServerApiMetaEntryModel model;
-    model.entry.path = remotePath;
     auto reply = std::make_shared<Reply>();
-    const qint64 request = ServerApi::MetaData(model, [reply](const ResponseData& response) {
+    const qint64 request = start([reply](const ResponseData& answer) {
         QMutexLocker locker(&reply->mutex);
-        reply->response = response;
+        reply->response = answer;
         reply->done = true;
         reply->arrived.wakeAll();
     });
@@ -88,18 +98,69 @@ bool CKXRemoteMeta::fetch(const QString& remotePath, KXRemoteEntry& out)
         }
         reply->arrived.wait(&reply->mutex, kPollMs);
     }
-    const ResponseData response = reply->response;
-    locker.unlock();
-    if (m_interrupted) {
-        return false;
-    }
+    response = reply->response;
+    return !m_interrupted;
+}
+
+bool CKXRemoteMeta::failed(const ResponseData& response)
+{
     if (response.errorCode != 0 || response.statusCode < 200 || response.statusCode > 399) {
         m_code = mapError(response, m_message);
+        return true;
+    }
+    return false;
+}
+
+bool CKXRemoteMeta::fetch(const QString& remotePath, KXRemoteEntry& out)
+{
+    KXServerApiMetaEntryModel model;
+    model.entry.path = remotePath;
+    ResponseData response;
+    if (!await([&model](ServerApi::ResponseCallback done) { return ServerApi::MetaData(model, done); },
+               response) ||
+        failed(response)) {
         return false;
     }
     const QJsonObject body = QJsonDocument::fromJson(response.body.toUtf8()).object();
     out.size = static_cast<qint64>(body.value(QStringLiteral("bytes")).toDouble());
     out.isDir = body.value(QStringLiteral("is_dir")).toBool();
     out.rev = body.value(QStringLiteral("rev")).toVariant().toString();
+    return true;
+}
+
+bool CKXRemoteMeta::fetchShared(const KXServerApiDeliveryDataModel& link, KXRemoteEntry& out)
+{
+    KXSeverApiDeliveryDLRouterModel model;
+    model.link = link;
+    model.range = QStringLiteral("bytes=0-0");
+    ResponseData response;
+    const bool answered = await(
+        [&model](ServerApi::ResponseCallback done) {
+            return ServerApi::DeliveryDownloadRouter(
+                model, [](const QByteArray&) {}, done, [](const DownloadProgressData&) {});
+        },
+        response);
+    if (!answered) {
+        return false;
+    }
+    // An empty file has no first byte: its refusal still names the size, "bytes */0".
+    const QByteArray range = header(response, "Content-Range");
+    const bool emptyFile = response.statusCode == 416 && range == "bytes */0";
+    if (!emptyFile && failed(response)) {
+        return false;
+    }
+    const int slash = range.lastIndexOf('/');
+    bool sized = false;
+    out.size = slash >= 0 ? range.mid(slash + 1).toLongLong(&sized) : 0;
+    if (!sized) {
+        out.size = header(response, "Content-Length").toLongLong(&sized);
+    }
+    if (!sized || out.size < 0) {
+        m_code = ServerError;
+        m_message = QStringLiteral("the share link's answer tells no file size");
+        return false;
+    }
+    out.isDir = false;
+    out.rev = QString::fromLatin1(header(response, "ETag")).remove(QLatin1Char('"'));
     return true;
 }

@@ -5,9 +5,11 @@
 // calling thread until the answer is in; Ctrl-C aborts the request. Failures end as an engine
 // error code and message, mapped from the server's answer the way the engine maps them.
 
+#include "ServerApi.h"
+
 #include <QString>
 
-struct ResponseData;
+#include <functional>
 
 struct KXRemoteEntry
 {
@@ -20,6 +22,9 @@ class CKXRemoteMeta
 {
 public:
     bool fetch(const QString& remotePath, KXRemoteEntry& out);
+    // The file behind a share link (link.path inside the share; empty for a link to one file).
+    // Share links have no metadata request: the answer to its first byte tells the size.
+    bool fetchShared(const KXServerApiDeliveryDataModel& link, KXRemoteEntry& out);
 
     int errorCode() const { return m_code; }
     QString errorMessage() const { return m_message; }
@@ -29,6 +34,10 @@ public:
     static int mapError(const ResponseData& response, QString& message);
 
 private:
+    // Starts a request through `start` and waits for its answer; false when Ctrl-C cut it short.
+    bool await(const std::function<qint64(ServerApi::ResponseCallback)>& start, ResponseData& response);
+    bool failed(const ResponseData& response);
+
     int m_code = 0;
     QString m_message;
     bool m_interrupted = false;

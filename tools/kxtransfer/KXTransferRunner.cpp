@@ -156,13 +156,18 @@ bool CKXTransferRunner::prepare(const KXTransferJob& job, SubTaskInfo& task, KXT
         prepareUrl(job, task, outcome);
         break;
     }
+    if (ok && job.viaLink) {
+        throughLink(job, task);
+    }
     if (ok && !job.taskId.isEmpty()) {
         task.subTaskId = job.taskId;
     }
     task.taskId = task.subTaskId;
     outcome.taskId = task.subTaskId;
     outcome.localPath = task.isUpload ? task.localFile.path : m_savedAs;
-    outcome.remotePath = job.kind == KXTransferJob::Url ? job.remote : task.remoteFile.path;
+    outcome.remotePath = job.kind == KXTransferJob::Url ? job.remote
+                         : job.viaLink                  ? job.linkCode + task.remoteFile.path
+                                                        : task.remoteFile.path;
     outcome.size = task.size;
     return ok;
 }
@@ -197,13 +202,30 @@ bool CKXTransferRunner::prepareUpload(const KXTransferJob& job, SubTaskInfo& tas
     return true;
 }
 
+void CKXTransferRunner::throughLink(const KXTransferJob& job, SubTaskInfo& task)
+{
+    DeliveryInfo& link = task.remoteFile.delivery;
+    task.remoteFile.isDeliveryTrans = true;
+    link.code = job.linkCode;
+    link.token = job.password;
+    link.host = job.server;
+    link.overwrite = job.overwrite ? QStringLiteral("true") : QStringLiteral("false");
+    task.subTaskId = deriveTaskId({QStringLiteral("share"), job.linkCode, task.subTaskId});
+}
+
 bool CKXTransferRunner::prepareDownload(const KXTransferJob& job, SubTaskInfo& task,
                                         KXTransferOutcome& outcome)
 {
-    const QString remote = withLeadingSlash(job.remote);
+    // A link to one file names no path inside it.
+    const QString remote = job.viaLink && job.remote.isEmpty() ? QString() : withLeadingSlash(job.remote);
     CKXRemoteMeta meta;
     KXRemoteEntry entry;
-    if (!meta.fetch(remote, entry)) {
+    KXServerApiDeliveryDataModel link;
+    link.code = job.linkCode;
+    link.token = job.password;
+    link.host = job.server;
+    link.path = remote;
+    if (!(job.viaLink ? meta.fetchShared(link, entry) : meta.fetch(remote, entry))) {
         outcome.status = meta.interrupted() ? KXTransferOutcome::Paused : KXTransferOutcome::Failed;
         outcome.code = meta.errorCode();
         outcome.message = meta.interrupted() ? QStringLiteral("interrupted") : meta.errorMessage();
@@ -216,7 +238,8 @@ bool CKXTransferRunner::prepareDownload(const KXTransferJob& job, SubTaskInfo& t
     }
     QString local = job.local;
     if (local.endsWith(QLatin1Char('/')) || QFileInfo(local).isDir()) {
-        local = QDir(local).filePath(QFileInfo(remote).fileName());
+        const QString name = QFileInfo(remote).fileName();
+        local = QDir(local).filePath(name.isEmpty() ? job.linkCode : name);
     }
     task.isUpload = false;
     task.size = entry.size;
@@ -399,7 +422,8 @@ void CKXTransferRunner::conclude(const SubTaskInfo& task, bool isUrl,
     outcome.size = qMax<qint64>(last.size, state->progressBytes());
     outcome.doneBytes = outcome.size;
     outcome.quick = last.isQuickTrans;
-    if (!last.newVaultPath.isEmpty()) {
+    // A share link's upload is shown by the link, not by where its owner keeps the file.
+    if (!last.newVaultPath.isEmpty() && !last.remoteFile.isDeliveryTrans) {
         outcome.remotePath = last.newVaultPath;
     }
     m_printer.update(outcome.size, outcome.size);

@@ -25,10 +25,14 @@ struct KXTransferJob
     };
     Kind kind = Upload;
     QString local;  // local file as given
-    QString remote; // remote path (Upload, Download) or the address (Url)
+    QString remote; // remote path (Upload, Download) or the address (Url); inside the share for a link
     QString server; // server address, part of the derived id
     bool overwrite = false;
     QString taskId; // empty: derived from the other members
+    // Upload or Download through a share link instead of the account's own space.
+    bool viaLink = false;
+    QString linkCode;
+    QString password; // the link's, if it has one
 };
 
 struct KXTransferOutcome
@@ -78,6 +82,8 @@ private:
     bool prepareUpload(const KXTransferJob& job, SubTaskInfo& task, KXTransferOutcome& outcome);
     bool prepareDownload(const KXTransferJob& job, SubTaskInfo& task, KXTransferOutcome& outcome);
     void prepareUrl(const KXTransferJob& job, SubTaskInfo& task, KXTransferOutcome& outcome);
+    // Sends the task through the job's share link; a link and path is a task of its own.
+    static void throughLink(const KXTransferJob& job, SubTaskInfo& task);
     void discardCompletedRow(const SubTaskInfo& task, bool isUrl);
     void discardRow(const SubTaskInfo& task, bool isUrl);
     // Whether a failed task has blocks that a later run would not move again.

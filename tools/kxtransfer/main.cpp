@@ -38,19 +38,30 @@ int finish(int code, bool busyThreads)
     return code;
 }
 
+bool isUpload(const KXToolOptions& options)
+{
+    return options.command.endsWith(QLatin1String("upload"));
+}
+
 KXTransferJob jobFor(const KXToolOptions& options)
 {
     KXTransferJob job;
     const QString& command = options.command;
-    job.kind = command == QLatin1String("upload")     ? KXTransferJob::Upload
-               : command == QLatin1String("download") ? KXTransferJob::Download
-                                                      : KXTransferJob::Url;
+    job.kind = isUpload(options)                             ? KXTransferJob::Upload
+               : command.endsWith(QLatin1String("download")) ? KXTransferJob::Download
+                                                             : KXTransferJob::Url;
     const bool upload = job.kind == KXTransferJob::Upload;
     job.local = upload ? options.operands.at(0) : options.operands.at(1);
     job.remote = upload ? options.operands.at(1) : options.operands.at(0);
     job.server = options.server;
     job.overwrite = options.overwrite;
     job.taskId = options.taskId;
+    if (command.startsWith(QLatin1String("share-"))) {
+        job.viaLink = true;
+        job.password = options.password;
+        const QString link = job.remote;
+        CKXCommandLine::splitShareLink(link, job.linkCode, job.remote);
+    }
     return job;
 }
 
@@ -79,13 +90,12 @@ void report(const KXTransferOutcome& outcome, const KXToolOptions& options)
         return;
     }
     const double seconds = qMax<qint64>(outcome.elapsedMs, 1) / 1000.0;
-    QString line =
-        QStringLiteral("done: %1 -> %2, %3 in %4 s (%5/s)")
-            .arg(options.command == QLatin1String("upload") ? outcome.localPath : outcome.remotePath,
-                 options.command == QLatin1String("upload") ? outcome.remotePath : outcome.localPath,
-                 CKXProgressPrinter::formatBytes(outcome.size))
-            .arg(seconds, 0, 'f', 2)
-            .arg(CKXProgressPrinter::formatBytes(static_cast<qint64>(outcome.size / seconds)));
+    QString line = QStringLiteral("done: %1 -> %2, %3 in %4 s (%5/s)")
+                       .arg(isUpload(options) ? outcome.localPath : outcome.remotePath,
+                            isUpload(options) ? outcome.remotePath : outcome.localPath,
+                            CKXProgressPrinter::formatBytes(outcome.size))
+                       .arg(seconds, 0, 'f', 2)
+                       .arg(CKXProgressPrinter::formatBytes(static_cast<qint64>(outcome.size / seconds)));
     if (outcome.quick) {
         line += QStringLiteral(", quick transfer: the server already held every block");
     }

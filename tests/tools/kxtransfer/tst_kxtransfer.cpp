@@ -75,6 +75,7 @@ private slots:
     void failuresPrintOneErrorLine();
     void interruptedUploadResumes();
     void getFetchesPlainAddress();
+    void shareLinksBothWays();
 
 private:
     QProcessEnvironment environment(bool withServer) const;
@@ -158,6 +159,9 @@ void TestKXTransferCommand::argumentErrors_data()
     QTest::newRow("task id quote") << QStringList{"upload", "a", "/a", "--task-id", "it's"} << true
                                    << "--task-id wants";
     QTest::newRow("unknown option") << QStringList{"list", "--fast"} << true << "Unknown option 'fast'";
+    QTest::newRow("share link") << QStringList{"share-download", "no.such/a", "a"} << true
+                                << "'no.such/a' is not a share link";
+    QTest::newRow("share no server") << QStringList{"share-upload", "a", "code/"} << false << "no server";
 }
 
 void TestKXTransferCommand::argumentErrors()
@@ -285,6 +289,65 @@ void TestKXTransferCommand::getFetchesPlainAddress()
     QCOMPARE(missing.exitCode, 1);
     QVERIFY2(missing.err.startsWith(QLatin1String("error ")), qPrintable(missing.err));
     QVERIFY(!QFile::exists(fetched + ".2"));
+}
+
+// Through a folder link with a password, whole and in blocks, both ways, without the account's
+// token; a file link names no path. Refusals end in one mapped error line.
+void TestKXTransferCommand::shareLinksBothWays()
+{
+    const QString code = m_server.createShare(QStringLiteral("/drop"), true, QStringLiteral("pw"));
+    QVERIFY(!code.isEmpty());
+    const QString server = m_server.baseUrl();
+    const QByteArray small = randomBytes(3000, 31);
+    const QByteArray large = randomBytes(kResumeFileSize / 3, 32); // two blocks
+    const QString smallPath = m_dir.filePath(QStringLiteral("link-small.bin"));
+    const QString largePath = m_dir.filePath(QStringLiteral("link-large.bin"));
+    QVERIFY(writeFile(smallPath, small) && writeFile(largePath, large));
+    const QStringList link{"--server", server, "--password", "pw", "-q"};
+
+    QCOMPARE(run(QStringList{"share-upload", smallPath, code} + link, false).exitCode, 0);
+    const ToolRun up = run(QStringList{"share-upload", largePath, code + "/in/"} + link, false);
+    QVERIFY2(up.exitCode == 0, qPrintable(up.err));
+    QCOMPARE(sha256(remoteFile(QStringLiteral("/drop/link-small.bin"))), sha256(small));
+    QCOMPARE(sha256(remoteFile(QStringLiteral("/drop/in/link-large.bin"))), sha256(large));
+
+    const QString back = m_dir.filePath(QStringLiteral("link-back")) + QLatin1Char('/');
+    QCOMPARE(run(QStringList{"share-download", code + "/link-small.bin", back} + link, false).exitCode, 0);
+    const ToolRun down = run(QStringList{"share-download", code + "/in/link-large.bin", back} + link, false);
+    QVERIFY2(down.exitCode == 0, qPrintable(down.err));
+    QFile smallBack(back + QStringLiteral("link-small.bin"));
+    QFile largeBack(back + QStringLiteral("link-large.bin"));
+    QVERIFY(smallBack.open(QIODevice::ReadOnly) && largeBack.open(QIODevice::ReadOnly));
+    QCOMPARE(sha256(smallBack.readAll()), sha256(small));
+    QCOMPARE(sha256(largeBack.readAll()), sha256(large));
+
+    // A link to the one file: no path, and the link's code names the copy in a folder.
+    const QString fileLink = m_server.createShare(QStringLiteral("/drop/in/link-large.bin"));
+    QVERIFY(!fileLink.isEmpty());
+    QCOMPARE(run({"share-download", fileLink, back, "--server", server, "-q"}, false).exitCode, 0);
+    QFile named(back + fileLink);
+    QVERIFY(named.open(QIODevice::ReadOnly));
+    QCOMPARE(sha256(named.readAll()), sha256(large));
+
+    struct Case
+    {
+        QStringList args;
+        QString line;
+    };
+    const QList<Case> refused = {
+        {{"share-download", code + "/link-small.bin", back + "x.bin", "--password", "wrong"},
+         "error 20003 SessionInvalid: "},
+        {{"share-upload", smallPath, fileLink + "/x.bin"}, "error 20007 Forbidden: "},
+        {{"share-upload", smallPath, "nosuchlink/x.bin"}, "error 20005 SourceNotFound: "},
+    };
+    for (const Case& c : refused) {
+        const ToolRun result = run(c.args + QStringList{"--server", server, "-q"}, false);
+        QCOMPARE(result.exitCode, 1);
+        const QStringList lines = result.err.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+        QCOMPARE(lines.size(), 1);
+        QVERIFY2(lines.first().startsWith(c.line), qPrintable(lines.first()));
+    }
+    QVERIFY(!QFile::exists(back + QStringLiteral("x.bin")));
 }
 
 QTEST_GUILESS_MAIN(TestKXTransferCommand)
