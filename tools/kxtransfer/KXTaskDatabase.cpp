@@ -29,8 +29,12 @@ void readTaskJson(const QString& json, KXStoredTask& task)
     task.errorCode = root.value(QStringLiteral("error_code")).toInt();
     task.errorInfo = root.value(QStringLiteral("error_info")).toString();
     task.address = root.value(QStringLiteral("data_server")).toString();
-    task.remotePath =
-        root.value(QStringLiteral("vault_file")).toObject().value(QStringLiteral("path")).toString();
+    const QJsonObject remote = root.value(QStringLiteral("vault_file")).toObject();
+    task.remotePath = remote.value(QStringLiteral("path")).toString();
+    // A share link's task is shown by its link, as the command named it.
+    if (remote.value(QStringLiteral("isDeliveryTrans")).toBool()) {
+        task.remotePath.prepend(remote.value(QStringLiteral("delivery_code")).toString());
+    }
     task.localPath =
         root.value(QStringLiteral("local_file")).toObject().value(QStringLiteral("path")).toString();
 }

@@ -310,6 +310,10 @@ void TestKXTransferTool::databaseView()
         const QList<QVariantList> rows = {
             {"{up}", 8, 10000000, 123, taskJson(true, "/l/up.bin", "/r/up.bin", 0, "")},
             {"{down}", 32, 3000, 1000, taskJson(false, "/l/down.bin", "/r/down.bin", 20009, "空间不足")},
+            {"{link}", 8, 5000, 0,
+             taskJson(true, "/l/a.bin", "/in/a.bin", 0, "")
+                 .replace("\"/in/a.bin\"}",
+                          "\"/in/a.bin\",\"isDeliveryTrans\":true,\"delivery_code\":\"abc\"}")},
         };
         for (const QVariantList& row : rows) {
             for (const QVariant& value : row) {
@@ -329,14 +333,16 @@ void TestKXTransferTool::databaseView()
     QList<KXStoredTask> tasks;
     QString error;
     QVERIFY(view.tasks(tasks, error));
-    QCOMPARE(tasks.size(), 2);
+    QCOMPARE(tasks.size(), 3);
     const KXStoredTask& down = tasks.at(0); // id order
     QCOMPARE(down.id, QStringLiteral("{down}"));
     QVERIFY(!down.isUpload);
     QCOMPARE(down.doneBytes, qint64(1000)); // no blocks: the saved count
     QCOMPARE(down.errorCode, 20009);
     QCOMPARE(down.errorInfo, QStringLiteral("空间不足"));
-    const KXStoredTask& up = tasks.at(1);
+    // A share link's task names the link's code before the path inside it.
+    QCOMPARE(tasks.at(1).remotePath, QStringLiteral("abc/in/a.bin"));
+    const KXStoredTask& up = tasks.at(2);
     QVERIFY(up.isUpload);
     QCOMPARE(up.localPath, QStringLiteral("/l/up.bin"));
     QCOMPARE(up.remotePath, QStringLiteral("/r/up.bin"));
