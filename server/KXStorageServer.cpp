@@ -58,7 +58,12 @@ void CKXStorageServer::configureHttpServer()
         return new httplib::ThreadPool(static_cast<size_t>(threads));
     };
     m_http->set_keep_alive_max_count(1000);
-    m_http->set_keep_alive_timeout(10);
+    // An idle kept-alive connection holds its worker until this runs out, and a stop waits for
+    // every worker: short, so SIGTERM ends the server promptly. Clients simply reconnect.
+    m_http->set_keep_alive_timeout(2);
+    // Answers go out as headers and body in separate writes; without this the body waits for the
+    // client's delayed acknowledgement (tens of milliseconds per small request).
+    m_http->set_tcp_nodelay(true);
     // Generous: a rate-limited client may leave a transfer idle for a while.
     m_http->set_read_timeout(60);
     m_http->set_write_timeout(60);
