@@ -1,0 +1,27 @@
+#pragma once
+
+// The engine logs into folders found from XDG_DATA_HOME and HOME; a fuzzer points both at a fresh
+// folder of its own before the first input, so that nothing lands in the real home folder.
+
+#include <QByteArray>
+#include <QDir>
+#include <QtGlobal>
+
+#include <cstdlib>
+
+inline void kxFuzzPrivateHome()
+{
+    char folder[] = "/tmp/kx-fuzz-XXXXXX";
+    if (::mkdtemp(folder) != nullptr) {
+        qputenv("XDG_DATA_HOME", QByteArray(folder) + "/data");
+        qputenv("HOME", QByteArray(folder));
+    }
+}
+
+// An invariant of the code under test is broken: stop with a report libFuzzer keeps as a crash.
+#define KX_FUZZ_CHECK(condition)                                                                             \
+    do {                                                                                                     \
+        if (!(condition)) {                                                                                  \
+            qFatal("fuzz check failed: %s (%s:%d)", #condition, __FILE__, __LINE__);                         \
+        }                                                                                                    \
+    } while (0)

@@ -1,0 +1,217 @@
+// Two hundred tasks of mixed sizes started at once through the public API: most are small
+// whole-file transfers, a few are chunked. Every task ends with exactly one final callback and the
+// right file, the manager empties, and once the engine and the server library are shut down no
+// thread is left and the memory is back near where it started.
+
+#include "KXApiFixture.h"
+#include "ServerApiConfig.h"
+
+#include <QDir>
+#include <QFile>
+#include <QRandomGenerator>
+#include <QTest>
+
+#include <malloc.h>
+
+#include <memory>
+
+namespace {
+
+const int kTasks = 200;
+const int kChunked = 12; // half up, half down
+const qint64 kMiB = 1024 * 1024;
+// The allocator keeps much of what 200 threads freed in its arenas (they grow by some megabytes
+// with every such burst), so the resident size gets a generous bound; the bytes still allocated get
+// a tight one, which a task that leaked its block buffers would exceed many times over.
+const qint64 kRssSlack = 128 * kMiB;
+const qint64 kHeapSlack = 4 * kMiB;
+const int kLoadMs = 300000;
+
+#if defined(__SANITIZE_ADDRESS__)
+constexpr bool kAddressSanitizer = true;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+constexpr bool kAddressSanitizer = true;
+#else
+constexpr bool kAddressSanitizer = false;
+#endif
+#else
+constexpr bool kAddressSanitizer = false;
+#endif
+
+int threadCount()
+{
+    return QDir(QStringLiteral("/proc/self/task")).entryList(QDir::Dirs | QDir::NoDotAndDotDot).size();
+}
+
+qint64 residentBytes()
+{
+    QFile status(QStringLiteral("/proc/self/status"));
+    if (!status.open(QIODevice::ReadOnly)) {
+        return -1;
+    }
+    for (const QByteArray& line : status.readAll().split('\n')) {
+        if (line.startsWith("VmRSS:")) {
+            return line.mid(6).trimmed().split(' ').first().toLongLong() * 1024;
+        }
+    }
+    return -1;
+}
+
+// Memory the process has freed but the allocator still holds is given back before measuring.
+qint64 settledResidentBytes()
+{
+    ::malloc_trim(0);
+    return residentBytes();
+}
+
+qint64 allocatedBytes()
+{
+    return qint64(::mallinfo2().uordblks);
+}
+
+// One task of the load and what it should produce.
+struct LoadTask
+{
+    SubTaskInfo task;
+    QByteArray sha;
+    long long handle = 0;
+};
+
+} // namespace
+
+class TestLoad : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void init();
+    void cleanup();
+
+    void twoHundredAtOnce();
+
+private:
+    QList<LoadTask> prepare();
+    void restartEngine();
+
+    std::unique_ptr<CKXApiFixture> m_env;
+};
+
+void TestLoad::init()
+{
+    m_env = std::make_unique<CKXApiFixture>();
+    QVERIFY2(m_env->setUp(), qPrintable(m_env->errorString()));
+}
+
+void TestLoad::cleanup()
+{
+    m_env.reset();
+}
+
+void TestLoad::restartEngine()
+{
+    Transfer::setConfig(TransferConfigUserPath, QString());
+    Transfer::setConfig(TransferConfigMaxConcurrentCount, QStringLiteral("4"));
+    m_env->configureServerApi(m_env->server().token());
+}
+
+QList<LoadTask> TestLoad::prepare()
+{
+    CKXApiFixture& env = *m_env;
+    QRandomGenerator random(4242);
+    QList<LoadTask> tasks;
+    for (int i = 0; i < kTasks; ++i) {
+        const bool chunked = i < kChunked;
+        const bool upload = i % 2 == 0;
+        const qint64 size =
+            chunked ? 5 * kMiB + qint64(random.bounded(4 * int(kMiB))) : qint64(random.bounded(256 * 1024));
+        const QByteArray content = randomBytes(size, 1000 + i);
+        const QString name = QStringLiteral("load-%1.bin").arg(i);
+        const QString remote = QStringLiteral("/load/") + name;
+        LoadTask load;
+        load.sha = sha256(content);
+        if (upload) {
+            const QString local = env.localPath(QStringLiteral("up/") + name);
+            if (!writeFile(local, content)) {
+                return {};
+            }
+            load.task = CKXApiFixture::uploadTask(local, remote);
+        } else {
+            if (!env.putRemoteFile(remote, content)) {
+                return {};
+            }
+            load.task =
+                CKXApiFixture::downloadTask(remote, size, env.localPath(QStringLiteral("down/") + name));
+        }
+        tasks << load;
+    }
+    return tasks;
+}
+
+void TestLoad::twoHundredAtOnce()
+{
+    CKXApiFixture& env = *m_env;
+    QList<LoadTask> tasks = prepare();
+    QCOMPARE(tasks.size(), kTasks);
+
+    // One task first, so that what the engine and Qt set up once for good is in the baseline.
+    const QString warm = env.localPath(QStringLiteral("warm.bin"));
+    QVERIFY(writeFile(warm, randomBytes(5 * kMiB, 7)));
+    ApiTaskRecord warmed;
+    KX_RUN_TO_END(env, CKXApiFixture::uploadTask(warm, QStringLiteral("/warm.bin")), &warmed, false);
+    QCOMPARE(warmed.code, NoError);
+    Transfer::deinit();
+    ServerApi::shutdown();
+    const int threadsBefore = threadCount();
+    const qint64 rssBefore = settledResidentBytes();
+    const qint64 heapBefore = allocatedBytes();
+    restartEngine();
+
+    for (LoadTask& load : tasks) {
+        load.handle = CKXApiFixture::init(load.task);
+        QVERIFY(load.handle != 0);
+    }
+    QCOMPARE(Transfer::transferCount(), kTasks);
+    for (const LoadTask& load : qAsConst(tasks)) {
+        Transfer::start(load.handle);
+    }
+    QTRY_COMPARE_WITH_TIMEOUT(Transfer::transferCount(), 0, kLoadMs);
+
+    for (const LoadTask& load : qAsConst(tasks)) {
+        const ApiTaskRecord record = CKXApiFixture::record(load.handle);
+        const QString what = load.task.remoteFile.path;
+        QVERIFY2(record.finals == 1,
+                 qPrintable(QStringLiteral("%1: %2 final callbacks").arg(what).arg(record.finals)));
+        QVERIFY2(record.code == NoError,
+                 qPrintable(QStringLiteral("%1: code %2").arg(what).arg(record.code)));
+        QByteArray content;
+        if (load.task.isUpload) {
+            QVERIFY(env.readRemoteFile(what, &content));
+        } else {
+            content = fileContent(load.task.localFile.path);
+        }
+        QVERIFY2(sha256(content) == load.sha, qPrintable(what));
+    }
+
+    Transfer::deinit();
+    ServerApi::shutdown();
+    QTRY_VERIFY2_WITH_TIMEOUT(
+        threadCount() <= threadsBefore,
+        qPrintable(QStringLiteral("%1 threads, %2 before").arg(threadCount()).arg(threadsBefore)), 10000);
+    if (kAddressSanitizer) {
+        QSKIP(
+            "AddressSanitizer has an allocator of its own with a quarantine; memory is checked in the normal "
+            "build");
+    }
+    const qint64 rssAfter = settledResidentBytes();
+    const qint64 heapAfter = allocatedBytes();
+    qInfo("resident %lld KiB before, %lld KiB after; allocated %lld KiB before, %lld KiB after",
+          rssBefore / 1024, rssAfter / 1024, heapBefore / 1024, heapAfter / 1024);
+    QVERIFY2(rssAfter <= rssBefore + kRssSlack,
+             qPrintable(QStringLiteral("%1 bytes resident, %2 before").arg(rssAfter).arg(rssBefore)));
+    QVERIFY2(heapAfter <= heapBefore + kHeapSlack,
+             qPrintable(QStringLiteral("%1 bytes allocated, %2 before").arg(heapAfter).arg(heapBefore)));
+}
+
+QTEST_GUILESS_MAIN(TestLoad)
+#include "tst_Load.moc"
