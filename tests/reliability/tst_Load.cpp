@@ -93,6 +93,8 @@ private slots:
 private:
     QList<LoadTask> prepare();
     void restartEngine();
+    // Each task reported once, with code 0, and its file arrived intact.
+    void checkOutcomes(const QList<LoadTask>& tasks);
 
     std::unique_ptr<CKXApiFixture> m_env;
 };
@@ -148,6 +150,25 @@ QList<LoadTask> TestLoad::prepare()
     return tasks;
 }
 
+void TestLoad::checkOutcomes(const QList<LoadTask>& tasks)
+{
+    for (const LoadTask& load : tasks) {
+        const ApiTaskRecord record = CKXApiFixture::record(load.handle);
+        const QString what = load.task.remoteFile.path;
+        QVERIFY2(record.finals == 1,
+                 qPrintable(QStringLiteral("%1: %2 final callbacks").arg(what).arg(record.finals)));
+        QVERIFY2(record.code == NoError,
+                 qPrintable(QStringLiteral("%1: code %2").arg(what).arg(record.code)));
+        QByteArray content;
+        if (load.task.isUpload) {
+            QVERIFY(m_env->readRemoteFile(what, &content));
+        } else {
+            content = fileContent(load.task.localFile.path);
+        }
+        QVERIFY2(sha256(content) == load.sha, qPrintable(what));
+    }
+}
+
 void TestLoad::twoHundredAtOnce()
 {
     CKXApiFixture& env = *m_env;
@@ -177,20 +198,9 @@ void TestLoad::twoHundredAtOnce()
     }
     QTRY_COMPARE_WITH_TIMEOUT(Transfer::transferCount(), 0, kLoadMs);
 
-    for (const LoadTask& load : qAsConst(tasks)) {
-        const ApiTaskRecord record = CKXApiFixture::record(load.handle);
-        const QString what = load.task.remoteFile.path;
-        QVERIFY2(record.finals == 1,
-                 qPrintable(QStringLiteral("%1: %2 final callbacks").arg(what).arg(record.finals)));
-        QVERIFY2(record.code == NoError,
-                 qPrintable(QStringLiteral("%1: code %2").arg(what).arg(record.code)));
-        QByteArray content;
-        if (load.task.isUpload) {
-            QVERIFY(env.readRemoteFile(what, &content));
-        } else {
-            content = fileContent(load.task.localFile.path);
-        }
-        QVERIFY2(sha256(content) == load.sha, qPrintable(what));
+    checkOutcomes(tasks);
+    if (QTest::currentTestFailed()) {
+        return;
     }
 
     Transfer::deinit();

@@ -32,6 +32,7 @@ private slots:
 
 private:
     void runFailingThenResumed(const SubTaskInfo& task, const QJsonObject& fault);
+    void missingFileNamed(const QString& missing, const QString& id, bool chunked, const QString& local);
 
     std::unique_ptr<CKXApiFixture> m_env;
 };
@@ -94,6 +95,24 @@ void TestOddNames::runFailingThenResumed(const SubTaskInfo& task, const QJsonObj
     QCOMPARE(stored.remoteFile.path, task.remoteFile.path);
 }
 
+void TestOddNames::missingFileNamed(const QString& missing, const QString& id, bool chunked,
+                                    const QString& local)
+{
+    // The server's message names the odd path; it reaches the client and the store unchanged.
+    CKXApiFixture& env = *m_env;
+    SubTaskInfo lost = CKXApiFixture::downloadTask(missing, chunked ? kChunkedSize : kWholeSize, local);
+    lost.subTaskId = id;
+    ApiTaskRecord record;
+    KX_RUN_TO_END(env, lost, &record, false);
+    QCOMPARE(int(record.code), chunked ? int(SourceNotFound) : 404);
+    QVERIFY2(record.task.errorInfo.contains(missing), qPrintable(record.task.errorInfo));
+    SubTaskInfo failedInfo;
+    QVERIFY(Transfer::taskInfo(id, failedInfo));
+    QCOMPARE(failedInfo.errorInfo, record.task.errorInfo);
+    QCOMPARE(env.dbRowState(id), int(StateError));
+    QVERIFY(!QFile::exists(local));
+}
+
 void TestOddNames::roundTrip()
 {
     QFETCH(QString, folder);
@@ -129,18 +148,8 @@ void TestOddNames::roundTrip()
     QCOMPARE(sha256(fileContent(back)), sha256(content));
     QVERIFY(!QFile::exists(KXUtil::tmpFile(back)));
 
-    // The server's message names the odd path; it reaches the client and the store unchanged.
-    const QString missing = remote + QStringLiteral(" %1 missing");
-    SubTaskInfo lost = CKXApiFixture::downloadTask(missing, content.size(), back + QStringLiteral(".lost"));
-    lost.subTaskId = id + QStringLiteral("-lost");
-    KX_RUN_TO_END(env, lost, &record, false);
-    QCOMPARE(int(record.code), chunked ? int(SourceNotFound) : 404);
-    QVERIFY2(record.task.errorInfo.contains(missing), qPrintable(record.task.errorInfo));
-    SubTaskInfo failedInfo;
-    QVERIFY(Transfer::taskInfo(lost.subTaskId, failedInfo));
-    QCOMPARE(failedInfo.errorInfo, record.task.errorInfo);
-    QCOMPARE(env.dbRowState(lost.subTaskId), int(StateError));
-    QVERIFY(!QFile::exists(back + QStringLiteral(".lost")));
+    missingFileNamed(remote + QStringLiteral(" %1 missing"), id + QStringLiteral("-lost"), chunked,
+                     back + QStringLiteral(".lost"));
 }
 
 QTEST_GUILESS_MAIN(TestOddNames)
