@@ -1,7 +1,8 @@
 #pragma once
 
 // The engine logs into folders found from XDG_DATA_HOME and HOME; a fuzzer points both at a fresh
-// folder of its own before the first input, so that nothing lands in the real home folder.
+// folder of its own before the first input, so that nothing lands in the real home folder, and
+// removes that folder when it exits.
 
 #include <QByteArray>
 #include <QDir>
@@ -11,11 +12,13 @@
 
 inline void kxFuzzPrivateHome()
 {
-    char folder[] = "/tmp/kx-fuzz-XXXXXX";
-    if (::mkdtemp(folder) != nullptr) {
-        qputenv("XDG_DATA_HOME", QByteArray(folder) + "/data");
-        qputenv("HOME", QByteArray(folder));
+    static char folder[] = "/tmp/kx-fuzz-XXXXXX";
+    if (::mkdtemp(folder) == nullptr) {
+        return;
     }
+    qputenv("XDG_DATA_HOME", QByteArray(folder) + "/data");
+    qputenv("HOME", QByteArray(folder));
+    std::atexit([] { QDir(QString::fromLocal8Bit(folder)).removeRecursively(); });
 }
 
 // An invariant of the code under test is broken: stop with a report libFuzzer keeps as a crash.
