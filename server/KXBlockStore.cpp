@@ -43,16 +43,152 @@ void emptyDir(const std::string& path)
     ::closedir(dir);
 }
 
+bool syncPath(const std::string& path, int flags)
+{
+    int fd = ::open(path.c_str(), flags | O_CLOEXEC);
+    if (fd < 0) {
+        return false;
+    }
+    bool ok = ::fsync(fd) == 0;
+    ::close(fd);
+    return ok;
+}
+
+std::string readSmallFile(const std::string& path)
+{
+    std::string text;
+    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        return text;
+    }
+    char buffer[128];
+    ssize_t n = ::read(fd, buffer, sizeof buffer);
+    if (n > 0) {
+        text.assign(buffer, static_cast<size_t>(n));
+    }
+    ::close(fd);
+    return text;
+}
+
+// Changes with every boot: what a marker of the same boot names still sits in the page cache.
+std::string bootId()
+{
+    std::string id = readSmallFile("/proc/sys/kernel/random/boot_id");
+    while (!id.empty() && (id.back() == '\n' || id.back() == ' ')) {
+        id.pop_back();
+    }
+    return id.empty() ? "unknown" : id;
+}
+
+const char kUnsyncedMarker[] = "/unsynced-blocks";
+
 } // namespace
 
-bool CKXBlockStore::open(const std::string& root, std::string* error)
+bool CKXBlockStore::open(const std::string& root, std::string* error, ServerOptions::Sync sync)
 {
+    m_root = root;
+    m_sync = sync;
     m_blocksDir = root + "/blocks";
     m_tmpDir = root + "/tmp";
     if (!makeDir(root, error) || !makeDir(m_blocksDir, error) || !makeDir(m_tmpDir, error)) {
         return false;
     }
     emptyDir(m_tmpDir);
+    std::string marker = readSmallFile(root + kUnsyncedMarker);
+    m_lostUnsynced = !marker.empty() && marker != bootId();
+    return m_sync == ServerOptions::Sync::Block || markUnsyncedWrites(error);
+}
+
+// Written before the first unsynced block and synced, so that it is on disk whenever such a
+// block could be.
+bool CKXBlockStore::markUnsyncedWrites(std::string* error)
+{
+    std::string path = m_root + kUnsyncedMarker;
+    std::string tmp = path + ".tmp";
+    std::string id = bootId();
+    int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    bool ok = fd >= 0 && ::write(fd, id.data(), id.size()) == static_cast<ssize_t>(id.size()) &&
+              ::fsync(fd) == 0;
+    if (fd >= 0) {
+        ::close(fd);
+    }
+    ok = ok && ::rename(tmp.c_str(), path.c_str()) == 0;
+    if (!ok) {
+        *error = "cannot write " + path + ": " + std::strerror(errno);
+        return false;
+    }
+    syncDir(m_root);
+    return true;
+}
+
+void CKXBlockStore::close()
+{
+    if (m_sync == ServerOptions::Sync::Block) {
+        return;
+    }
+    int fd = ::open(m_root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd >= 0 && ::syncfs(fd) == 0) {
+        ::unlink((m_root + kUnsyncedMarker).c_str());
+        ::fsync(fd);
+    }
+    if (fd >= 0) {
+        ::close(fd);
+    }
+}
+
+int CKXBlockStore::dropBlocksExcept(const std::set<std::string>& keep)
+{
+    int dropped = 0;
+    DIR* top = ::opendir(m_blocksDir.c_str());
+    if (!top) {
+        return 0;
+    }
+    while (dirent* prefix = ::readdir(top)) {
+        std::string head = prefix->d_name;
+        if (head.size() != 2) {
+            continue;
+        }
+        std::string dirPath = m_blocksDir + "/" + head;
+        DIR* dir = ::opendir(dirPath.c_str());
+        while (dir && (prefix = ::readdir(dir))) {
+            std::string tail = prefix->d_name;
+            if (tail != "." && tail != ".." && !keep.count(head + tail) &&
+                ::unlink((dirPath + "/" + tail).c_str()) == 0) {
+                ++dropped;
+            }
+        }
+        if (dir) {
+            ::closedir(dir);
+        }
+    }
+    ::closedir(top);
+    return dropped;
+}
+
+bool CKXBlockStore::makeDurable(const std::vector<BlockRef>& blocks, std::string* error) const
+{
+    if (m_sync != ServerOptions::Sync::Commit) {
+        return true;
+    }
+    std::set<std::string> hashes;
+    std::set<std::string> dirs;
+    for (const BlockRef& block : blocks) {
+        if (block.hash.size() > 2 && hashes.insert(block.hash).second) {
+            dirs.insert(m_blocksDir + "/" + block.hash.substr(0, 2));
+        }
+    }
+    for (const std::string& hash : hashes) {
+        if (!syncPath(pathOf(hash), O_RDONLY)) {
+            *error = "cannot sync block " + hash + ": " + std::strerror(errno);
+            return false;
+        }
+    }
+    for (const std::string& dir : dirs) {
+        if (!syncPath(dir, O_RDONLY | O_DIRECTORY)) {
+            *error = "cannot sync " + dir + ": " + std::strerror(errno);
+            return false;
+        }
+    }
     return true;
 }
 
@@ -89,7 +225,14 @@ bool CKXBlockStore::writeTemp(const std::string& tmpPath, const char* data, size
         }
         done += static_cast<size_t>(n);
     }
-    bool ok = done == size && ::fsync(fd) == 0;
+    bool ok = done == size;
+    if (ok && m_sync == ServerOptions::Sync::Block) {
+        ok = ::fsync(fd) == 0;
+    } else if (ok && m_sync == ServerOptions::Sync::Commit) {
+        // Write-back starts now, so that forcing the file's blocks out at its commit finds most
+        // of them already on disk; nothing waits for it here.
+        ::sync_file_range(fd, 0, 0, SYNC_FILE_RANGE_WRITE);
+    }
     if (!ok) {
         *error = std::string("cannot write block: ") + std::strerror(errno);
     }
@@ -124,6 +267,8 @@ CKXBlockStore::PutResult CKXBlockStore::put(const std::string& hash, const char*
         *error = std::string("cannot link block: ") + std::strerror(linkErrno);
         return PutResult::Failed;
     }
-    syncDir(dir);
+    if (m_sync == ServerOptions::Sync::Block) {
+        syncDir(dir);
+    }
     return PutResult::Stored;
 }

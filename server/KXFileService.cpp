@@ -191,7 +191,8 @@ void CKXFileService::receiveFile(CKXRequest& r, const Target& target, bool overw
     CommitParams params{target, cutter.blocks(), expected, mtime > 0 ? mtime : now(), overwrite,
                     true,   m_options.quota};
     EntryInfo entry;
-    e = m_meta.commitFile(params, &entry);
+    e = makeDurable(params.blocks);
+    e = e.ok() ? m_meta.commitFile(params, &entry) : e;
     if (!e.ok()) {
         return r.replyError(e);
     }
@@ -341,6 +342,16 @@ void CKXFileService::receiveBlock(CKXRequest& r, const UploadSession& session, c
                             {"status", QStringLiteral("ok")}});
 }
 
+// A committed file's blocks reach the disk before its metadata names them.
+ServerError CKXFileService::makeDurable(const std::vector<BlockRef>& blocks) const
+{
+    std::string error;
+    if (!m_blocks.makeDurable(blocks, &error)) {
+        return ServerError::make(500, "internal", error);
+    }
+    return {};
+}
+
 ServerError CKXFileService::resolveUploadId(const Target& target, qint64 size, const std::string& given,
                                             std::string* out)
 {
@@ -392,7 +403,8 @@ void CKXFileService::commit(CKXRequest& r, CommitParams params, const std::vecto
     params.quota = m_options.quota;
     params.mtime = params.mtime > 0 ? params.mtime : now();
     EntryInfo entry;
-    e = m_meta.commitFile(params, &entry);
+    e = makeDurable(params.blocks);
+    e = e.ok() ? m_meta.commitFile(params, &entry) : e;
     if (!e.ok()) {
         return r.replyError(e);
     }

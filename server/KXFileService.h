@@ -52,6 +52,7 @@ public:
                 const std::string& uploadId);
 
 private:
+    ServerError makeDurable(const std::vector<BlockRef>& blocks) const;
     ServerError resolveUploadId(const Target& target, qint64 size, const std::string& given,
                                 std::string* out);
     // The file to download with its blocks, all present on disk.

@@ -132,7 +132,7 @@ CKXMetaStore::~CKXMetaStore()
     sqlite3_close_v2(m_db);
 }
 
-bool CKXMetaStore::open(const std::string& path, std::string* error)
+bool CKXMetaStore::open(const std::string& path, std::string* error, bool durable)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX;
@@ -141,7 +141,8 @@ bool CKXMetaStore::open(const std::string& path, std::string* error)
         return false;
     }
     sqlite3_busy_timeout(m_db, 10000);
-    if (!execLocked("PRAGMA journal_mode=WAL") || !execLocked("PRAGMA synchronous=FULL") ||
+    const char* synchronous = durable ? "PRAGMA synchronous=FULL" : "PRAGMA synchronous=OFF";
+    if (!execLocked("PRAGMA journal_mode=WAL") || !execLocked(synchronous) ||
         !execLocked(kSchema)) {
         *error = "cannot prepare " + path + ": " + sqlite3_errmsg(m_db);
         return false;
@@ -207,6 +208,17 @@ std::vector<BlockRef> CKXMetaStore::blocksOf(qint64 entryId)
     std::vector<BlockRef> out;
     while (q.next()) {
         out.push_back(BlockRef{q.text(0), q.integer(1)});
+    }
+    return out;
+}
+
+std::set<std::string> CKXMetaStore::referencedBlocks()
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    Statement q(m_db, "SELECT DISTINCT hash FROM file_blocks");
+    std::set<std::string> out;
+    while (q.next()) {
+        out.insert(q.text(0));
     }
     return out;
 }

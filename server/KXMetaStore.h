@@ -11,6 +11,7 @@
 #include "KXServerTypes.h"
 
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -24,12 +25,16 @@ public:
     CKXMetaStore(const CKXMetaStore&) = delete;
     CKXMetaStore& operator=(const CKXMetaStore&) = delete;
 
-    bool open(const std::string& path, std::string* error);
+    // `durable`: every transaction is on disk when it returns; otherwise the operating system
+    // writes it out when it likes (a power loss may take recent changes, never consistency).
+    bool open(const std::string& path, std::string* error, bool durable = true);
 
     // false when the entry does not exist. The root "/" always exists.
     bool entry(const Target& target, EntryInfo* out);
     std::vector<EntryInfo> children(const Target& folder, const ListOptions& options);
     std::vector<BlockRef> blocksOf(qint64 entryId);
+    // Hashes of every block some stored file consists of.
+    std::set<std::string> referencedBlocks();
 
     // Whether a file of `newSize` bytes may be written at `target` (parents, folder in the way,
     // existing name, lock, quota).

@@ -32,6 +32,20 @@ bool parseListen(const std::string& text, ServerOptions* out)
     return true;
 }
 
+bool parseSync(const std::string& text, ServerOptions::Sync* out)
+{
+    if (text == "none") {
+        *out = ServerOptions::Sync::None;
+    } else if (text == "commit") {
+        *out = ServerOptions::Sync::Commit;
+    } else if (text == "block") {
+        *out = ServerOptions::Sync::Block;
+    } else {
+        return false;
+    }
+    return true;
+}
+
 // Applies one "--name value" or "--flag"; false when the option is unknown or its value bad.
 bool applyOption(const std::string& name, const std::string& value, ServerOptions* out)
 {
@@ -52,6 +66,8 @@ bool applyOption(const std::string& name, const std::string& value, ServerOption
             return false;
         }
         out->threads = static_cast<int>(number);
+    } else if (name == "--sync") {
+        return parseSync(value, &out->sync);
     } else if (name == "--tls-cert") {
         out->tlsCert = value;
     } else if (name == "--tls-key") {
@@ -126,6 +142,7 @@ std::string serverUsage()
     return "usage: kxserver --root DIR [--listen HOST:PORT] [--token T]... [--quota BYTES]\n"
            "                [--tls-cert FILE --tls-key FILE] [--admin-token T] [--public-url URL]\n"
            "                [--deny-suffix SUFFIX]... [--log FILE] [--threads N]\n"
+           "                [--sync none|commit|block]   (default commit: see docs/protocol.md)\n"
            "       kxserver share --root DIR --path /folder [--upload] [--password P]\n"
            "                [--pathtype self|ent] [--token T]\n";
 }

@@ -3,6 +3,7 @@
 // Command line of kxserver:
 //   kxserver --root DIR [--listen HOST:PORT] [--token T]... [--quota BYTES] [--tls-cert F --tls-key F]
 //            [--admin-token T] [--public-url URL] [--deny-suffix S]... [--log FILE] [--threads N]
+//            [--sync none|commit|block]
 //   kxserver share --root DIR --path /folder [--upload] [--password P] [--pathtype self|ent] [--token T]
 
 #include <QtGlobal>
@@ -19,6 +20,18 @@ struct ServerOptions
         Help
     };
 
+    // Where the server promises that what it acknowledged survives a power loss:
+    //   Commit: a committed file (its blocks and metadata) is on disk when the commit is answered;
+    //           blocks sent before it are written but not forced out (the default);
+    //   Block:  every stored block is on disk before its upload is answered;
+    //   None:   nothing is forced out, as a plain web server's PUT.
+    enum class Sync
+    {
+        None,
+        Commit,
+        Block
+    };
+
     Mode mode = Mode::Serve;
     std::string root;
     std::string listenHost = "127.0.0.1";
@@ -32,6 +45,7 @@ struct ServerOptions
     std::vector<std::string> denySuffixes;
     std::string logFile; // empty: stderr
     int threads = 64;
+    Sync sync = Sync::Commit;
 
     // share subcommand
     std::string sharePath;

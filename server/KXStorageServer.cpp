@@ -19,9 +19,15 @@ CKXStorageServer::~CKXStorageServer() = default;
 
 bool CKXStorageServer::start(std::string* error)
 {
-    if (!m_blocks.open(m_options.root, error) || !m_meta.open(m_options.root + "/meta.db", error) ||
+    if (!m_blocks.open(m_options.root, error, m_options.sync) ||
+        !m_meta.open(m_options.root + "/meta.db", error, m_options.sync != ServerOptions::Sync::None) ||
         !createHttpServer(error)) {
         return false;
+    }
+    if (m_blocks.lostUnsyncedBlocks()) {
+        // Blocks of uploads that were never committed may be torn; their senders send them again.
+        int dropped = m_blocks.dropBlocksExcept(m_meta.referencedBlocks());
+        m_log.line("dropped " + std::to_string(dropped) + " uncommitted blocks written before a reboot");
     }
     configureHttpServer();
     if (!bind(error)) {
@@ -102,7 +108,9 @@ void CKXStorageServer::registerRoutes()
 
 bool CKXStorageServer::run()
 {
-    return m_http->listen_after_bind();
+    bool served = m_http->listen_after_bind();
+    m_blocks.close();
+    return served;
 }
 
 void CKXStorageServer::stop()
