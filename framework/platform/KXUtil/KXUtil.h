@@ -6,6 +6,7 @@
 #include "kxutil_export.h"
 
 #include <QByteArray>
+#include <QIODevice>
 #include <QString>
 
 #include <string>
@@ -48,6 +49,11 @@ KXUTIL_EXPORT QString fileName(const QString& path);
 // SHA-256 of the bytes as 64 lower-case hexadecimal characters (OpenSSL's libcrypto, which uses
 // the processor's SHA extensions where present).
 KXUTIL_EXPORT QString SHA256(const QByteArray& data);
+
+// SHA-256 of the next `length` bytes of an open device, read a piece at a time so that no more than
+// one piece is held in memory. An empty text when the device gives fewer bytes or fails; the
+// device's own error then tells why.
+KXUTIL_EXPORT QString SHA256(QIODevice* device, qint64 length);
 
 // Free bytes for an unprivileged user on the filesystem that holds `path`. The path need not
 // exist: the nearest existing parent folder is asked. -1 when it cannot be told.

@@ -94,7 +94,8 @@ bool CKXCurlRequest::openSource()
 {
     if (m_exchange.source == KXHttpExchange::Source::Memory)
         m_sourceSize = m_exchange.body.size();
-    if (m_exchange.source != KXHttpExchange::Source::File)
+    if (m_exchange.source != KXHttpExchange::Source::File &&
+        m_exchange.source != KXHttpExchange::Source::FileRange)
         return true;
     m_sourceFile.reset(new QFile(m_exchange.sourcePath));
     if (!QFileInfo(m_exchange.sourcePath).isFile()) {
@@ -102,18 +103,35 @@ bool CKXCurlRequest::openSource()
                       QStringLiteral("%1 is not a file").arg(m_exchange.sourcePath));
         return false;
     }
-    if (!m_sourceFile->open(QIODevice::ReadOnly)) {
+    // Unbuffered: curl's own buffer is the only copy between the page cache and the socket.
+    if (!m_sourceFile->open(QIODevice::ReadOnly | QIODevice::Unbuffered)) {
         setLocalError(
             ServerApi::ErrorLocalFile,
             QStringLiteral("cannot open %1: %2").arg(m_exchange.sourcePath, m_sourceFile->errorString()));
         return false;
     }
+    if (m_exchange.source == KXHttpExchange::Source::FileRange)
+        return openSourceRange();
     m_sourceSize = m_sourceFile->size();
     if (m_exchange.sourceSize >= 0 && m_exchange.sourceSize != m_sourceSize) {
         setLocalError(ServerApi::ErrorLocalFile, QStringLiteral("%1 holds %2 bytes, %3 expected")
                                                      .arg(m_exchange.sourcePath)
                                                      .arg(m_sourceSize)
                                                      .arg(m_exchange.sourceSize));
+        return false;
+    }
+    return true;
+}
+
+bool CKXCurlRequest::openSourceRange()
+{
+    m_sourceStart = m_exchange.sourceOffset;
+    m_sourceSize = m_exchange.sourceSize;
+    if (m_sourceFile->size() < m_sourceStart + m_sourceSize || !m_sourceFile->seek(m_sourceStart)) {
+        setLocalError(ServerApi::ErrorLocalFile, QStringLiteral("%1 holds no bytes %2 to %3")
+                                                     .arg(m_exchange.sourcePath)
+                                                     .arg(m_sourceStart)
+                                                     .arg(m_sourceStart + m_sourceSize - 1));
         return false;
     }
     return true;
@@ -212,7 +230,7 @@ void CKXCurlRequest::resetForRetry()
     m_sourceOffset = 0;
     m_errorBuffer[0] = '\0';
     if (m_sourceFile)
-        m_sourceFile->seek(0);
+        m_sourceFile->seek(m_sourceStart);
     if (m_sinkFile) {
         m_sinkFile->resize(0);
         m_sinkFile->seek(0);
@@ -320,7 +338,8 @@ size_t CKXCurlRequest::readBody(char* buffer, size_t length)
         // The announced Content-Length is a promise: a file that shrank or grew since the upload
         // began must not arrive as a silently different file.
         const bool last = m_sourceOffset + wanted == m_sourceSize;
-        if (got != wanted || (last && m_sourceFile->size() != m_sourceSize)) {
+        const bool whole = m_exchange.source == KXHttpExchange::Source::File;
+        if (got != wanted || (whole && last && m_sourceFile->size() != m_sourceSize)) {
             setLocalError(ServerApi::ErrorLocalFile,
                           QStringLiteral("%1 changed while it was sent").arg(m_exchange.sourcePath));
             return CURL_READFUNC_ABORT;
@@ -337,7 +356,7 @@ int CKXCurlRequest::onSeek(void* self, curl_off_t offset, int origin)
     CKXCurlRequest* request = static_cast<CKXCurlRequest*>(self);
     if (origin != SEEK_SET || offset < 0 || offset > request->m_sourceSize)
         return CURL_SEEKFUNC_CANTSEEK;
-    if (request->m_sourceFile && !request->m_sourceFile->seek(offset))
+    if (request->m_sourceFile && !request->m_sourceFile->seek(request->m_sourceStart + offset))
         return CURL_SEEKFUNC_FAIL;
     request->m_sourceOffset = offset;
     return CURL_SEEKFUNC_OK;

@@ -58,6 +58,7 @@ private:
                           curl_off_t ulNow);
 
     bool openSource();
+    bool openSourceRange();
     bool openSink();
     void setMethodOptions();
     void setTransportOptions();
@@ -79,6 +80,7 @@ private:
 
     std::unique_ptr<QFile> m_sourceFile;
     std::unique_ptr<QFile> m_sinkFile;
+    qint64 m_sourceStart = 0; // where the bytes sent begin in m_sourceFile
     qint64 m_sourceSize = 0;
     qint64 m_sourceOffset = 0;
 

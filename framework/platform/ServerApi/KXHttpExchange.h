@@ -29,8 +29,9 @@ struct KXHttpExchange
     enum class Source
     {
         None,
-        Memory, // body
-        File    // read from sourcePath while it is sent
+        Memory,   // body
+        File,     // read from sourcePath while it is sent
+        FileRange // sourceSize bytes of sourcePath from sourceOffset on, read while they are sent
     };
 
     Method method = Method::Get;
@@ -40,7 +41,8 @@ struct KXHttpExchange
     Source source = Source::None;
     QByteArray body;
     QString sourcePath;
-    qint64 sourceSize = -1; // bytes the file must hold; -1: whatever it holds when the upload starts
+    qint64 sourceSize = -1;  // bytes the file must hold; -1: whatever it holds when the upload starts
+    qint64 sourceOffset = 0; // FileRange only: where the range starts
 
     Sink sink = Sink::Text;
     QString sinkPath;

@@ -127,6 +127,18 @@ CKXRequestBuilder& CKXRequestBuilder::putFile(const QString& localPath, qint64 e
     return *this;
 }
 
+CKXRequestBuilder& CKXRequestBuilder::putFileRange(const QString& localPath, qint64 offset, qint64 length)
+{
+    require(!localPath.isEmpty() && offset >= 0 && length > 0, "file range");
+    m_exchange.method = KXHttpExchange::Method::Put;
+    m_exchange.source = KXHttpExchange::Source::FileRange;
+    m_exchange.sourcePath = localPath;
+    m_exchange.sourceOffset = offset;
+    m_exchange.sourceSize = length;
+    m_exchange.headers << "Content-Type: application/octet-stream";
+    return *this;
+}
+
 CKXRequestBuilder& CKXRequestBuilder::require(bool condition, const char* what)
 {
     if (!condition)

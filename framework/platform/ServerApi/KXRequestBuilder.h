@@ -29,6 +29,8 @@ public:
     CKXRequestBuilder& postJson(const QJsonObject& body);
     CKXRequestBuilder& putData(const QByteArray& data);
     CKXRequestBuilder& putFile(const QString& localPath, qint64 expectedSize);
+    // `length` bytes of the file from `offset` on, read while they are sent.
+    CKXRequestBuilder& putFileRange(const QString& localPath, qint64 offset, qint64 length);
     CKXRequestBuilder& require(bool condition, const char* what);
     CKXRequestBuilder& retryable();
     CKXRequestBuilder& followRedirects();

@@ -60,9 +60,20 @@ QJsonObject entryBody(const KXServerApiEntryModel& entry, qint64 size)
 
 bool blockConsistent(const KXServerApiChunkedUploadModel& block)
 {
+    if (block.uploadId.isEmpty() || block.hash.isEmpty())
+        return false;
+    if (block.data.isEmpty() && !block.sourcePath.isEmpty())
+        return block.length > 0 && block.sourceOffset >= 0;
     // An unset length (0) means "all of data".
-    return !block.uploadId.isEmpty() && !block.hash.isEmpty() &&
-           (block.length == 0 || block.length == block.data.size());
+    return block.length == 0 || block.length == block.data.size();
+}
+
+// The block's bytes, from memory or streamed from its file range.
+CKXRequestBuilder& putBlock(CKXRequestBuilder& builder, const KXServerApiChunkedUploadModel& block)
+{
+    if (block.data.isEmpty() && !block.sourcePath.isEmpty())
+        return builder.putFileRange(block.sourcePath, block.sourceOffset, block.length);
+    return builder.putData(block.data);
 }
 
 } // namespace
@@ -138,13 +149,13 @@ qint64 QueryHash(const KXServerApiQueryHashModel& model, ResponseCallback onResp
 qint64 ChunkedUpload(const KXServerApiChunkedUploadModel& model, ResponseCallback onResponse,
                      UploadProgressCallback onProgress, const QString& /*route*/)
 {
-    return CKXRequestBuilder()
-        .path(QStringLiteral("/v1/upload/block"))
+    CKXRequestBuilder builder;
+    builder.path(QStringLiteral("/v1/upload/block"))
         .require(blockConsistent(model), "block (upload id, hash or length)")
         .accountSession()
         .query("upload_id", model.uploadId)
-        .query("hash", model.hash)
-        .putData(model.data)
+        .query("hash", model.hash);
+    return putBlock(builder, model)
         .retryable()
         .sendWithProgress(std::move(onResponse), std::move(onProgress));
 }
@@ -197,13 +208,12 @@ qint64 DeliveryQueryHash(const KXServerApiDeliveryQueryHashModel& model, Respons
 qint64 DeliveryChunkedUpload(const KXServerApiDeliveryChunkedUploadModel& model, ResponseCallback onResponse,
                              UploadProgressCallback onProgress)
 {
-    return shareRequest(model.link, QStringLiteral("/upload/block"))
-        .require(blockConsistent(model.block), "block (upload id, hash or length)")
+    CKXRequestBuilder builder = shareRequest(model.link, QStringLiteral("/upload/block"));
+    builder.require(blockConsistent(model.block), "block (upload id, hash or length)")
         .shareSession(model.link.sessionId)
         .query("upload_id", model.block.uploadId)
-        .query("hash", model.block.hash)
-        .putData(model.block.data)
-        .sendWithProgress(std::move(onResponse), std::move(onProgress));
+        .query("hash", model.block.hash);
+    return putBlock(builder, model.block).sendWithProgress(std::move(onResponse), std::move(onProgress));
 }
 
 qint64 DeliveryCommitHash(const KXServerApiDeliveryCommitHashModel& model, ResponseCallback onResponse)

@@ -72,8 +72,12 @@ struct SERVERAPI_EXPORT KXServerApiChunkedUploadModel
 {
     QString uploadId;  // "upload_id" of the hash query
     QString hash;      // the block's SHA-256; the server verifies it on arrival
-    qint64 length = 0; // bytes in data
-    QByteArray data;   // the block (at most 4 MiB)
+    qint64 length = 0; // bytes in the block
+    QByteArray data;   // the block (at most 4 MiB), or empty when it is read from sourcePath
+    // Where the block's bytes are read from while they are sent, when data is empty: `length`
+    // bytes of this file from sourceOffset on. Nothing of the block is held in memory then.
+    QString sourcePath;
+    qint64 sourceOffset = 0;
 };
 
 struct SERVERAPI_EXPORT KXServerApiCommitHashModel

@@ -9,21 +9,24 @@ bool CKXBlockMgr::isExistWaitingTask() const
 
 bool CKXBlockMgr::move(CKXBlockTask* task, Stage from, Stage to)
 {
-    QMutexLocker source(&m_locks[from]);
     bool added = false;
     {
-        QMutexLocker target(&m_locks[to]);
-        added = m_queues[to].addTask(task);
-        if (to == Running) {
-            noteRunningCount();
+        QMutexLocker source(&m_locks[from]);
+        {
+            QMutexLocker target(&m_locks[to]);
+            added = m_queues[to].addTask(task);
+            if (to == Running) {
+                noteRunningCount();
+            }
+        }
+        if (added) {
+            m_queues[from].removeTask(task);
+            if (from == Running) {
+                noteRunningCount();
+            }
         }
     }
-    if (added) {
-        m_queues[from].removeTask(task);
-        if (from == Running) {
-            noteRunningCount();
-        }
-    }
+    noteChange();
     return added;
 }
 
@@ -60,17 +63,26 @@ bool CKXBlockMgr::moveAllErrorToWaiting()
         failed = m_queues[Error].getTask(-1);
         m_queues[Error].clear();
     }
-    QMutexLocker waiting(&m_locks[Waiting]);
-    return m_queues[Waiting].addTasks(failed);
+    bool added = false;
+    {
+        QMutexLocker waiting(&m_locks[Waiting]);
+        added = m_queues[Waiting].addTasks(failed);
+    }
+    noteChange();
+    return added;
 }
 
 bool CKXBlockMgr::add(Stage stage, CKXBlockTask* task)
 {
-    QMutexLocker locker(&m_locks[stage]);
-    const bool added = m_queues[stage].addTask(task);
-    if (stage == Running) {
-        noteRunningCount();
+    bool added = false;
+    {
+        QMutexLocker locker(&m_locks[stage]);
+        added = m_queues[stage].addTask(task);
+        if (stage == Running) {
+            noteRunningCount();
+        }
     }
+    noteChange();
     return added;
 }
 
@@ -126,4 +138,30 @@ CKXBlockTask* CKXBlockMgr::firstTask(Stage stage) const
 void CKXBlockMgr::noteRunningCount()
 {
     m_runningHint.store(m_queues[Running].getCount(), std::memory_order_relaxed);
+}
+
+quint64 CKXBlockMgr::changeCount() const
+{
+    QMutexLocker locker(&m_changeLock);
+    return m_changes;
+}
+
+void CKXBlockMgr::waitForChange(quint64 seen)
+{
+    QMutexLocker locker(&m_changeLock);
+    while (m_changes == seen) {
+        m_changed.wait(&m_changeLock);
+    }
+}
+
+void CKXBlockMgr::wakeWaiters()
+{
+    noteChange();
+}
+
+void CKXBlockMgr::noteChange()
+{
+    QMutexLocker locker(&m_changeLock);
+    ++m_changes;
+    m_changed.wakeAll();
 }

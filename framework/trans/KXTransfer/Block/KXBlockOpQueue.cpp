@@ -43,6 +43,7 @@ void CKXBlockOpQueue::cancel()
 {
     m_cancelled.store(true);
     CKXTFBaseThread::cancel();
+    m_mgr->wakeWaiters();
 }
 
 bool CKXBlockOpQueue::isCancelled()
@@ -56,10 +57,13 @@ void CKXBlockOpQueue::run()
         return;
     }
     while (!isCancelled()) {
+        // Read before the look at the queues: a block that ends between the look and the wait
+        // has already moved the count on, and the wait returns at once.
+        const quint64 seen = m_mgr->changeCount();
         if (!canStartNext()) {
-            // Dispatch spins rather than waits, but must not starve the block threads and their
-            // hashing on a machine with few cores.
-            QThread::yieldCurrentThread();
+            // Nothing to start until a block ends or more wait: sleep, leaving the cores to the
+            // block threads' hashing and sending.
+            m_mgr->waitForChange(seen);
             continue;
         }
         CKXBlockTask* task = m_mgr->firstTask(CKXBlockMgr::Waiting);

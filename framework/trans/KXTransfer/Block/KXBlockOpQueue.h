@@ -47,7 +47,7 @@ protected:
 private:
     using TransferPtr = std::shared_ptr<CKXBlockTransfer>;
 
-    // Whether a waiting block may start now; spins on the counts, as dispatch is meant to.
+    // Whether a waiting block may start now.
     bool canStartNext() const;
     void startTransfer(CKXBlockMgr* mgr, CKXBlockTask* task, CKXBlockHandler* handler);
     void fileByState(CKXBlockTask* task);

@@ -109,14 +109,9 @@ void CKXBlockTransfer::uploadTask()
         [this, record, route](ServerApi::ResponseCallback done) {
             return ServerApi::QueryHash(CKXRequestModels::queryHash(record, m_task->hash()), done, route);
         },
-        [this, route](const QString& uploadId, const QByteArray& data, ServerApi::ResponseCallback done,
+        [this, route](const QString& uploadId, ServerApi::ResponseCallback done,
                       ServerApi::UploadProgressCallback onProgress) {
-            KXServerApiChunkedUploadModel model;
-            model.uploadId = uploadId;
-            model.hash = m_task->hash();
-            model.length = data.size();
-            model.data = data;
-            return ServerApi::ChunkedUpload(model, done, onProgress, route);
+            return ServerApi::ChunkedUpload(blockModel(uploadId), done, onProgress, route);
         });
 }
 
@@ -128,16 +123,24 @@ void CKXBlockTransfer::deliveryUploadTask()
             return ServerApi::DeliveryQueryHash(CKXRequestModels::deliveryQueryHash(record, m_task->hash()),
                                                 done);
         },
-        [this, record](const QString& uploadId, const QByteArray& data, ServerApi::ResponseCallback done,
+        [this, record](const QString& uploadId, ServerApi::ResponseCallback done,
                        ServerApi::UploadProgressCallback onProgress) {
             KXServerApiDeliveryChunkedUploadModel model;
             model.link = CKXRequestModels::deliveryData(record);
-            model.block.uploadId = uploadId;
-            model.block.hash = m_task->hash();
-            model.block.length = data.size();
-            model.block.data = data;
+            model.block = blockModel(uploadId);
             return ServerApi::DeliveryChunkedUpload(model, done, onProgress);
         });
+}
+
+KXServerApiChunkedUploadModel CKXBlockTransfer::blockModel(const QString& uploadId) const
+{
+    KXServerApiChunkedUploadModel model;
+    model.uploadId = uploadId;
+    model.hash = m_task->hash();
+    model.length = m_task->length();
+    model.sourcePath = m_task->info().localFile.path;
+    model.sourceOffset = m_task->loc();
+    return model;
 }
 
 void CKXBlockTransfer::uploadBlock(const QueryCall& query, const SendCall& send)
@@ -181,23 +184,24 @@ void CKXBlockTransfer::quickTransfer()
 
 void CKXBlockTransfer::sendBlock(const QString& uploadId, const SendCall& send)
 {
-    QByteArray data;
+    // The file is checked as a read of the block would check it; the bytes themselves are read
+    // while they are sent, so that a block in flight holds no memory of its size.
+    QFile file;
     QString msg;
-    const int readCode =
-        getBlockData(m_task->info().localFile.path, m_task->loc(), m_task->length(), data, msg);
-    if (readCode != 0) {
-        errorHandler(ErrorCode(readCode), msg, 200);
+    const int openCode = openBlock(file, msg);
+    file.close();
+    if (openCode != 0) {
+        errorHandler(ErrorCode(openCode), msg, 200);
         return;
     }
     CKXChunkedUploadParse parser;
     requestAndWait(
         [&](ServerApi::ResponseCallback done) {
-            return send(uploadId, data, done, [this](const UploadProgressData& report) {
+            return send(uploadId, done, [this](const UploadProgressData& report) {
                 progressHandler(report.bytesSent, report.bytesTotal);
             });
         },
         parser);
-    data = QByteArray(); // the block's bytes are not kept a moment longer than the request
     if (parser.hasError()) {
         failFromParser(parser);
         return;
@@ -220,16 +224,44 @@ bool CKXBlockTransfer::ensureHash()
     if (!m_task->hash().isEmpty()) {
         return true;
     }
-    QByteArray data;
+    QFile file;
     QString msg;
-    const int readCode =
-        getBlockData(m_task->info().localFile.path, m_task->loc(), m_task->length(), data, msg);
-    if (readCode != 0) {
-        errorHandler(ErrorCode(readCode), msg, 200);
+    int code = openBlock(file, msg);
+    const QString hash = code == 0 ? KXUtil::SHA256(&file, m_task->length()) : QString();
+    if (code == 0 && hash.isEmpty()) {
+        code = failureCode(file);
+        msg = file.error() != QFileDevice::NoError
+                  ? file.errorString()
+                  : QStringLiteral("%1 is shorter than its blocks").arg(m_task->info().localFile.path);
+    }
+    if (code != 0) {
+        errorHandler(ErrorCode(code), msg, 200);
         return false;
     }
-    m_task->setHash(KXUtil::SHA256(data));
+    m_task->setHash(hash);
     return true;
+}
+
+int CKXBlockTransfer::openBlock(QFile& file, QString& errMsg)
+{
+    const QString path = m_task->info().localFile.path;
+    if (!KXUtil::isExist(path)) {
+        return LocalFileError;
+    }
+    file.setFileName(path);
+    if (!file.open(QIODevice::ReadOnly | QIODevice::Unbuffered)) {
+        TLOG_FATAL(QStringLiteral("打开文件出错:%1 %3 %3").arg(path).arg(file.errorString()));
+        errMsg = file.errorString();
+        return failureCode(file);
+    }
+    const long long loc = m_task->loc();
+    if (!file.seek(loc)) {
+        TLOG_FATAL(
+            QStringLiteral("移动文件seek失败 %1，文件: %2 seek loc %3").arg(m_task->taskId(), path).arg(loc));
+        errMsg = file.errorString();
+        return failureCode(file);
+    }
+    return 0;
 }
 
 int CKXBlockTransfer::getBlockData(const QString& path, long long loc, long long length, QByteArray& data,

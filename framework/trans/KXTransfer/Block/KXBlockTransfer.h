@@ -63,14 +63,18 @@ private:
     // The upload path of both kinds: `query` asks the server for the block hash (and yields its
     // upload id), `send` sends the bytes under that upload id.
     using QueryCall = std::function<qint64(ServerApi::ResponseCallback)>;
-    using SendCall = std::function<qint64(const QString& uploadId, const QByteArray& data,
-                                          ServerApi::ResponseCallback, ServerApi::UploadProgressCallback)>;
+    using SendCall = std::function<qint64(const QString& uploadId, ServerApi::ResponseCallback,
+                                          ServerApi::UploadProgressCallback)>;
     void uploadBlock(const QueryCall& query, const SendCall& send);
     bool ensureHash();
     // The server holds the block already: nothing is sent.
     void quickTransfer();
-    // Reads the block again, sends it and checks the hash the server computed.
+    // Sends the block, read from the file while it goes out, and checks the hash the server computed.
     void sendBlock(const QString& uploadId, const SendCall& send);
+    // The block's request: its bytes are streamed from its range of the local file.
+    KXServerApiChunkedUploadModel blockModel(const QString& uploadId) const;
+    // Opens the local file at the block's offset, with getBlockData()'s codes and logs on failure.
+    int openBlock(QFile& file, QString& errMsg);
     // The download path of both kinds: `fetch` starts the ranged request.
     using FetchCall = std::function<qint64(const QString& range, ServerApi::DataCallback,
                                            ServerApi::ResponseCallback, ServerApi::DownloadProgressCallback)>;

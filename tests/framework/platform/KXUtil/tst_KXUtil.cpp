@@ -1,5 +1,6 @@
 #include "KXUtil.h"
 
+#include <QBuffer>
 #include <QCryptographicHash>
 #include <QDir>
 #include <QFile>
@@ -93,6 +94,14 @@ void TestKXUtil::sha256LargeBufferMatchesReference()
     const QString reference =
         QString::fromLatin1(QCryptographicHash::hash(block, QCryptographicHash::Sha256).toHex());
     QCOMPARE(KXUtil::SHA256(block), reference);
+
+    // Read from a device in pieces, from where it stands, for exactly the length asked.
+    QBuffer device;
+    device.setData(QByteArray("head") + block + QByteArray("tail"));
+    QVERIFY(device.open(QIODevice::ReadOnly) && device.seek(4));
+    QCOMPARE(KXUtil::SHA256(&device, block.size()), reference);
+    QVERIFY(device.seek(4));
+    QCOMPARE(KXUtil::SHA256(&device, block.size() + 5), QString());
 }
 
 void TestKXUtil::userPathFollowsXdgDataHome()

@@ -241,13 +241,22 @@ void TestServerApi::chunkedUploadWithQuickTransfer()
     QVERIFY(!uploadId.isEmpty());
     QCOMPARE(json(query->response()).value(QStringLiteral("needed_block")).toArray().size(), 3);
 
+    // Even blocks go from memory, odd ones are streamed from their range of the file: the server's
+    // hash of each proves the range was read from the right offset and no further.
+    const QString local = m_dir.filePath(QStringLiteral("blocks.bin"));
+    QVERIFY(writeFile(local, content));
     for (int i = 0; i < hashes.size(); ++i) {
         Recorder block = KXResponseRecorder::make();
         KXServerApiChunkedUploadModel model;
         model.uploadId = uploadId;
         model.hash = hashes.at(i);
-        model.data = content.mid(i * kBlock, kBlock);
-        model.length = model.data.size();
+        model.length = content.mid(i * kBlock, kBlock).size();
+        if (i % 2 == 0) {
+            model.data = content.mid(i * kBlock, kBlock);
+        } else {
+            model.sourcePath = local;
+            model.sourceOffset = i * kBlock;
+        }
         ServerApi::ChunkedUpload(model, block->onResponse(), block->onUploadProgress(), QString());
         KX_OK(block);
         QCOMPARE(json(block->response()).value(QStringLiteral("hash")).toString(), hashes.at(i));
@@ -515,6 +524,19 @@ void TestServerApi::errorAnswersAndBadInput()
     ServerApi::UploadFile(file, changed->onResponse(), nullptr);
     KX_COMPLETE(changed);
     QCOMPARE(changed->response().errorCode, int(ServerApi::ErrorLocalFile));
+
+    // A block range past the end of its file is refused before anything is sent.
+    Recorder shortRange = KXResponseRecorder::make();
+    KXServerApiChunkedUploadModel block;
+    block.uploadId = QStringLiteral("any");
+    block.hash = sha256("3456");
+    block.length = 4;
+    block.sourcePath = local;
+    block.sourceOffset = 3;
+    ServerApi::ChunkedUpload(block, shortRange->onResponse(), nullptr, QString());
+    KX_COMPLETE(shortRange);
+    QCOMPARE(shortRange->response().errorCode, int(ServerApi::ErrorLocalFile));
+    QCOMPARE(shortRange->response().statusCode, 0);
 
     Recorder unwritable = KXResponseRecorder::make();
     KXServerApiDeliveryDataModel link;
