@@ -267,14 +267,13 @@ void CKXFileService::streamBody(CKXRequest& r, std::vector<BlockRef> blocks, qin
     CKXServerStats* stats = &m_stats;
     auto provider = [reader, start, limit, inflight, stats](size_t offset, size_t want,
                                                             httplib::DataSink& sink) {
-        std::array<char, 65536> buffer;
         qint64 at = static_cast<qint64>(offset);
         if (at >= limit) {
             return false;
         }
-        qint64 chunk = std::min<qint64>({static_cast<qint64>(want), limit - at, qint64(buffer.size())});
-        qint64 n = reader->read(start + at, buffer.data(), chunk);
-        if (n <= 0 || !sink.write(buffer.data(), static_cast<size_t>(n))) {
+        qint64 n = 0;
+        const char* bytes = reader->view(start + at, std::min<qint64>(static_cast<qint64>(want), limit - at), &n);
+        if (n <= 0 || !sink.write(bytes, static_cast<size_t>(n))) {
             return false;
         }
         stats->add(CKXServerStats::DownloadBytes, n);

@@ -94,6 +94,7 @@ private slots:
     void refusedBodiesNeverTravel();
     void shortBodyStoresNothing();
     void killDuringUploadKeepsStoreConsistent();
+    void damagedBlockEndsTheDownloadNotTheServer();
 };
 
 void TestKXServerStore::concurrentUploadsOfOneBlock()
@@ -257,6 +258,25 @@ void TestKXServerStore::killDuringUploadKeepsStoreConsistent()
     query.insert("upload_id", id);
     QCOMPARE(CKXTestHttp::post(server.baseUrl() + "/v1/upload/commit", query, server.sessionHeader()).status,
              200);
+}
+
+// Downloads are sent from mapped block files: one cut short behind the server's back must end that
+// download, never the server (a read past the end of a mapping is a fatal signal).
+void TestKXServerStore::damagedBlockEndsTheDownloadNotTheServer()
+{
+    CKXServerProcess server;
+    QVERIFY2(server.start(), qPrintable(server.errorString()));
+    const QByteArray content = bytes(70, kBlock) + bytes(71, 4096);
+    const QString url = server.baseUrl() + "/v1/files?path=/cut.bin";
+    QCOMPARE(CKXTestHttp::put(url, content, server.sessionHeader()).status, 200);
+    QCOMPARE(CKXTestHttp::get(url, server.sessionHeader()).body, content);
+
+    const QString hash = sha(content.left(kBlock));
+    QVERIFY(QFile::resize(server.rootPath() + "/blocks/" + hash.left(2) + "/" + hash.mid(2), kBlock / 2));
+    QVERIFY(CKXTestHttp::get(url, server.sessionHeader()).body != content);
+    QCOMPARE(CKXTestHttp::get(server.baseUrl() + "/v1/metadata?path=/cut.bin", server.sessionHeader()).status,
+             200);
+    QVERIFY(server.stop());
 }
 
 QTEST_GUILESS_MAIN(TestKXServerStore)
