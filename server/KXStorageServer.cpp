@@ -10,6 +10,10 @@
 
 #include <httplib.h>
 
+#include <cerrno>
+#include <cstring>
+#include <sys/socket.h>
+
 CKXStorageServer::CKXStorageServer(const ServerOptions& options, CKXServerLog& log)
     : m_options(options), m_log(log), m_accounts(options.tokens), m_events(options.root + "/events.log"),
       m_files(m_meta, m_blocks, m_stats, options)
@@ -73,6 +77,13 @@ void CKXStorageServer::configureHttpServer()
     // Generous: a rate-limited client may leave a transfer idle for a while.
     m_http->set_read_timeout(60);
     m_http->set_write_timeout(60);
+    // The library listens with a backlog of 5: a client opening a few connections at once
+    // overflows it, and every dropped connection attempt costs that client a full second before
+    // it tries again. The listening socket is noted here so that bind() can widen its backlog.
+    m_http->set_socket_options([this](socket_t sock) {
+        httplib::default_socket_options(sock);
+        m_listenSocket = sock;
+    });
 }
 
 bool CKXStorageServer::bind(std::string* error)
@@ -85,6 +96,11 @@ bool CKXStorageServer::bind(std::string* error)
     }
     if (port <= 0) {
         *error = "cannot listen on " + m_options.listenHost + ":" + std::to_string(m_options.listenPort);
+        return false;
+    }
+    // Listening again on a listening socket only changes its backlog (capped by somaxconn).
+    if (m_listenSocket >= 0 && ::listen(m_listenSocket, SOMAXCONN) != 0) {
+        *error = std::string("cannot widen the listen backlog: ") + std::strerror(errno);
         return false;
     }
     bool ipv6 = m_options.listenHost.find(':') != std::string::npos;

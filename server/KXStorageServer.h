@@ -64,4 +64,5 @@ private:
     std::unique_ptr<CKXShareApi> m_shareApi;
     std::unique_ptr<CKXAdminApi> m_adminApi;
     std::string m_url;
+    int m_listenSocket = -1; // the listening socket, once created
 };
