@@ -9,8 +9,9 @@
 namespace {
 
 const int kMaxJobs = 64;
+const int kMaxTransfers = 64;
 
-// Operands each command takes.
+// Operands each command takes; the transfer commands take at least that many.
 const QHash<QString, int>& operandCounts()
 {
     static const QHash<QString, int> counts = {
@@ -33,14 +34,23 @@ QString CKXCommandLine::usageText()
         "Usage:\n"
         "  kxtransfer upload LOCAL REMOTE     send a local file to the server (REMOTE: full path, or a\n"
         "                                     folder ending in '/')\n"
+        "  kxtransfer upload LOCAL... REMOTE/ send several files into one remote folder\n"
+        "  kxtransfer upload -r DIR... REMOTE/\n"
+        "                                     send folder trees; REMOTE/DIR/... keeps their layout\n"
         "  kxtransfer download REMOTE LOCAL   fetch a file from the server\n"
+        "  kxtransfer download REMOTE... LOCALDIR/\n"
+        "                                     fetch several files into one local folder\n"
+        "  kxtransfer download -r REMOTE/... LOCALDIR/\n"
+        "                                     fetch remote folder trees into LOCALDIR/<name>/...\n"
         "  kxtransfer share-upload LOCAL LINK[/PATH]\n"
         "                                     send a local file into a share link's folder (PATH:\n"
         "                                     full path inside the share, or a folder ending in '/';\n"
-        "                                     none: the share's top folder)\n"
+        "                                     none: the share's top folder); several LOCALs or -r\n"
+        "                                     as for upload\n"
         "  kxtransfer share-download LINK[/PATH] LOCAL\n"
         "                                     fetch a file through a share link (no PATH for a link\n"
-        "                                     to one file)\n"
+        "                                     to one file); several files as for download (share\n"
+        "                                     links cannot list a folder, so no -r)\n"
         "  kxtransfer get URL LOCAL           fetch a plain http(s) address\n"
         "  kxtransfer list                    unfinished transfers kept in the database\n"
         "  kxtransfer demo                    start a private server and show everything at work\n"
@@ -50,6 +60,8 @@ QString CKXCommandLine::usageText()
         "  --token T        session token (default: $KX_TOKEN; share links need none)\n"
         "  --password P     a share link's password\n"
         "  --jobs N         blocks in flight for files over 4 MiB (default 4)\n"
+        "  -r, --recursive  the operands are folders: move their whole trees\n"
+        "  --transfers N    files moved at once by a command over several files (default 4)\n"
         "  --limit RATE     bandwidth cap per direction, e.g. 500K, 10M (default: none)\n"
         "  --overwrite      replace an existing target instead of failing (upload) or\n"
         "                   saving under a numbered name (download)\n"
@@ -58,8 +70,10 @@ QString CKXCommandLine::usageText()
         "  --quiet          no progress output\n"
         "  -h, --help       this text\n"
         "\n"
-        "Ctrl-C pauses a transfer; run the same command again to resume it.\n"
-        "Exit status: 0 done, 1 transfer failed, 2 bad arguments, 130 paused by Ctrl-C.\n");
+        "Ctrl-C pauses a transfer; run the same command again to resume it. Over several files,\n"
+        "a file whose target already holds it (same size, not older) is skipped.\n"
+        "Exit status: 0 done, 1 transfer failed (over several files: any failed), 2 bad\n"
+        "arguments, 130 paused by Ctrl-C.\n");
 }
 
 QString CKXCommandLine::locationsText()
@@ -115,7 +129,11 @@ bool CKXCommandLine::parse(const QStringList& arguments, const QProcessEnvironme
     const QCommandLineOption taskId(QStringLiteral("task-id"), QString(), QStringLiteral("ID"));
     const QCommandLineOption quiet({QStringLiteral("q"), QStringLiteral("quiet")}, QString());
     const QCommandLineOption password(QStringLiteral("password"), QString(), QStringLiteral("P"));
-    parser.addOptions({help, server, token, jobs, limit, overwrite, taskId, quiet, password});
+    const QCommandLineOption recursive({QStringLiteral("r"), QStringLiteral("recursive")}, QString());
+    const QCommandLineOption transfers(QStringLiteral("transfers"), QString(), QStringLiteral("N"),
+                                       QStringLiteral("4"));
+    parser.addOptions(
+        {help, server, token, jobs, limit, overwrite, taskId, quiet, password, recursive, transfers});
     if (!parser.parse(arguments)) {
         return fail(parser.errorText());
     }
@@ -135,8 +153,9 @@ bool CKXCommandLine::parse(const QStringList& arguments, const QProcessEnvironme
     m_options.quiet = parser.isSet(quiet);
     m_options.taskId = parser.value(taskId);
     m_options.password = parser.value(password);
+    m_options.recursive = parser.isSet(recursive);
     return checkOperands() && readNumbers(parser.value(jobs), parser.value(limit)) &&
-           (!parser.isSet(taskId) || checkTaskId());
+           readTransfers(parser.value(transfers)) && (!parser.isSet(taskId) || checkTaskId()) && checkBatch();
 }
 
 bool CKXCommandLine::checkOperands()
@@ -146,7 +165,8 @@ bool CKXCommandLine::checkOperands()
         return fail(QStringLiteral("unknown command '%1'").arg(command));
     }
     const int wanted = operandCounts().value(command);
-    if (m_options.operands.size() != wanted) {
+    const bool variadic = wanted == 2 && command != QLatin1String("get");
+    if (m_options.operands.size() < wanted || (!variadic && m_options.operands.size() > wanted)) {
         return fail(QStringLiteral("'%1' takes %2 operand(s), got %3")
                         .arg(command)
                         .arg(wanted)
@@ -161,11 +181,15 @@ bool CKXCommandLine::checkOperands()
         return checkServer(true);
     }
     if (command.startsWith(QLatin1String("share-"))) {
-        const QString& link = m_options.operands.at(command == QLatin1String("share-upload") ? 1 : 0);
-        QString code;
-        QString path;
-        if (!splitShareLink(link, code, path)) {
-            return fail(QStringLiteral("'%1' is not a share link: give CODE or CODE/path").arg(link));
+        const bool upload = command == QLatin1String("share-upload");
+        const QStringList links = upload ? m_options.operands.mid(m_options.operands.size() - 1)
+                                         : m_options.operands.mid(0, m_options.operands.size() - 1);
+        for (const QString& link : links) {
+            QString code;
+            QString path;
+            if (!splitShareLink(link, code, path)) {
+                return fail(QStringLiteral("'%1' is not a share link: give CODE or CODE/path").arg(link));
+            }
         }
         return checkServer(false);
     }
@@ -209,6 +233,37 @@ bool CKXCommandLine::readNumbers(const QString& jobs, const QString& limit)
     }
     if (!parseRate(limit, m_options.limit)) {
         return fail(QStringLiteral("--limit wants a rate such as 500K or 10M, got '%1'").arg(limit));
+    }
+    return true;
+}
+
+bool CKXCommandLine::readTransfers(const QString& transfers)
+{
+    bool ok = false;
+    m_options.transfers = transfers.toInt(&ok);
+    if (!ok || m_options.transfers < 1 || m_options.transfers > kMaxTransfers) {
+        return fail(QStringLiteral("--transfers wants a number from 1 to %1, got '%2'")
+                        .arg(kMaxTransfers)
+                        .arg(transfers));
+    }
+    return true;
+}
+
+bool CKXCommandLine::checkBatch()
+{
+    if (!m_options.isBatch()) {
+        return true;
+    }
+    const QString& command = m_options.command;
+    if (command != QLatin1String("upload") && command != QLatin1String("download") &&
+        !command.startsWith(QLatin1String("share-"))) {
+        return fail(QStringLiteral("'%1' moves one file at a time").arg(command));
+    }
+    if (m_options.recursive && command == QLatin1String("share-download")) {
+        return fail(QStringLiteral("a share link cannot list a folder: name its files one by one"));
+    }
+    if (!m_options.taskId.isEmpty()) {
+        return fail(QStringLiteral("--task-id names one transfer; several files get one each"));
     }
     return true;
 }

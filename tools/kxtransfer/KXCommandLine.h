@@ -19,7 +19,12 @@ struct KXToolOptions
     bool overwrite = false;
     QString taskId;
     bool quiet = false;
-    QString password; // a share link's
+    QString password;       // a share link's
+    bool recursive = false; // -r: the operands name folder trees
+    int transfers = 4;      // files moved at once by a command over several files
+
+    // Several files or a tree in one call, rather than the one-file form.
+    bool isBatch() const { return recursive || operands.size() > 2; }
 };
 
 class CKXCommandLine
@@ -45,6 +50,8 @@ private:
     bool checkOperands();
     bool checkServer(bool needToken);
     bool readNumbers(const QString& jobs, const QString& limit);
+    bool readTransfers(const QString& transfers);
+    bool checkBatch();
     bool checkTaskId();
 
     KXToolOptions m_options;

@@ -29,6 +29,8 @@ public:
     void begin(const QString& name, qint64 total);
     // done and total so far; total <= 0 while unknown. Cheap to call often.
     void update(qint64 done, qint64 total);
+    // The name shown from the next line on, keeping the rate measured so far.
+    void rename(const QString& name) { m_name = name; }
     // Shows the latest figures if they were held back, and ends a terminal line.
     void end();
 

@@ -4,6 +4,7 @@
 #include "KXTransferDefine.h"
 #include "ServerApi.h"
 
+#include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QMutex>
@@ -14,6 +15,7 @@
 namespace {
 
 const int kPollMs = 200;
+const int kListPage = 1000;
 
 // The answer travels from the library's thread to the waiting one.
 struct Reply
@@ -57,6 +59,17 @@ int codeFromServerText(const QString& code)
         return VirusFile;
     }
     return ServerError;
+}
+
+KXRemoteEntry entryFrom(const QJsonObject& object)
+{
+    KXRemoteEntry entry;
+    entry.size = static_cast<qint64>(object.value(QStringLiteral("bytes")).toDouble());
+    entry.isDir = object.value(QStringLiteral("is_dir")).toBool();
+    entry.rev = object.value(QStringLiteral("rev")).toVariant().toString();
+    entry.path = object.value(QStringLiteral("path")).toString();
+    entry.modified = static_cast<qint64>(object.value(QStringLiteral("modified")).toDouble());
+    return entry;
 }
 
 } // namespace
@@ -121,10 +134,53 @@ bool CKXRemoteMeta::fetch(const QString& remotePath, KXRemoteEntry& out)
         failed(response)) {
         return false;
     }
-    const QJsonObject body = QJsonDocument::fromJson(response.body.toUtf8()).object();
-    out.size = static_cast<qint64>(body.value(QStringLiteral("bytes")).toDouble());
-    out.isDir = body.value(QStringLiteral("is_dir")).toBool();
-    out.rev = body.value(QStringLiteral("rev")).toVariant().toString();
+    out = entryFrom(QJsonDocument::fromJson(response.body.toUtf8()).object());
+    return true;
+}
+
+bool CKXRemoteMeta::list(const QString& folder, QList<KXRemoteEntry>& out)
+{
+    out.clear();
+    int count = kListPage;
+    while (count == kListPage) {
+        if (!listPage(folder, out.size(), out, count)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool CKXRemoteMeta::listPage(const QString& folder, qint64 offset, QList<KXRemoteEntry>& out, int& count)
+{
+    KXServerApiMetaEntryModel model;
+    model.entry.path = folder;
+    model.list = true;
+    model.offset = offset;
+    model.pageSize = kListPage;
+    ResponseData response;
+    if (!await([&model](ServerApi::ResponseCallback done) { return ServerApi::MetaData(model, done); },
+               response) ||
+        failed(response)) {
+        return false;
+    }
+    QJsonParseError error;
+    const QJsonObject body = QJsonDocument::fromJson(response.body.toUtf8(), &error).object();
+    const QJsonValue contents = body.value(QStringLiteral("contents"));
+    if (error.error == QJsonParseError::NoError && !body.value(QStringLiteral("is_dir")).toBool()) {
+        m_code = ConflictWithFile;
+        m_message = QStringLiteral("%1 is a file, not a folder").arg(folder);
+        return false;
+    }
+    if (error.error != QJsonParseError::NoError || !contents.isArray()) {
+        m_code = ServerError;
+        m_message = QStringLiteral("the server's listing of %1 is not a JSON list").arg(folder);
+        return false;
+    }
+    const QJsonArray entries = contents.toArray();
+    for (const QJsonValue& entry : entries) {
+        out.append(entryFrom(entry.toObject()));
+    }
+    count = entries.size();
     return true;
 }
 

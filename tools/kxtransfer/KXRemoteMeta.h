@@ -7,6 +7,7 @@
 
 #include "ServerApi.h"
 
+#include <QList>
 #include <QString>
 
 #include <functional>
@@ -16,6 +17,8 @@ struct KXRemoteEntry
     qint64 size = 0;
     bool isDir = false;
     QString rev;
+    QString path;        // as the server names it (listings)
+    qint64 modified = 0; // seconds since the epoch; 0 when not told
 };
 
 class CKXRemoteMeta
@@ -25,6 +28,8 @@ public:
     // The file behind a share link (link.path inside the share; empty for a link to one file).
     // Share links have no metadata request: the answer to its first byte tells the size.
     bool fetchShared(const KXServerApiDeliveryDataModel& link, KXRemoteEntry& out);
+    // The entries directly inside a folder, page by page through the metadata listing.
+    bool list(const QString& folder, QList<KXRemoteEntry>& out);
 
     int errorCode() const { return m_code; }
     QString errorMessage() const { return m_message; }
@@ -37,6 +42,7 @@ private:
     // Starts a request through `start` and waits for its answer; false when Ctrl-C cut it short.
     bool await(const std::function<qint64(ServerApi::ResponseCallback)>& start, ResponseData& response);
     bool failed(const ResponseData& response);
+    bool listPage(const QString& folder, qint64 offset, QList<KXRemoteEntry>& out, int& count);
 
     int m_code = 0;
     QString m_message;

@@ -363,6 +363,9 @@ bool CKXTransferRunner::follow(const SubTaskInfo& task, const std::shared_ptr<CK
         }
         outcome.doneBytes = done;
         m_printer.update(done, qMax(task.size, state->knownSize()));
+        if (m_sink) {
+            m_sink(done, qMax(task.size, state->knownSize()));
+        }
         if (CKXInterrupt::requested()) {
             return false;
         }

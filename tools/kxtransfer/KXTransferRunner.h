@@ -4,11 +4,13 @@
 // from the command's operands, gives it a stable id (so the same command resumes), starts it,
 // shows its progress, pauses it on Ctrl-C and reads its outcome. One transfer at a time; the
 // engine's callbacks reach the runner through a registry of CKXJobState keyed by sub-task id.
-// The engine must be set up (CKXEngine::setUp) first. Main thread only.
+// The engine must be set up (CKXEngine::setUp) first. Used from one thread: the main thread, or
+// for a command over several files one worker thread per runner (see CKXBatchRunner).
 
 #include <QString>
 #include <QStringList>
 
+#include <functional>
 #include <memory>
 
 class CKXProgressPrinter;
@@ -67,6 +69,8 @@ public:
     explicit CKXTransferRunner(CKXProgressPrinter& printer);
 
     KXTransferOutcome run(const KXTransferJob& job);
+    // Told (done, total) bytes as the printer is, on the thread that calls run().
+    void setProgressSink(std::function<void(qint64, qint64)> sink) { m_sink = std::move(sink); }
     // true when a paused transfer's thread did not end in time: the engine must not be deinit'ed.
     bool threadsBusy() const { return m_busy; }
 
@@ -98,6 +102,7 @@ private:
                   KXTransferOutcome& outcome);
 
     CKXProgressPrinter& m_printer;
+    std::function<void(qint64, qint64)> m_sink;
     bool m_busy = false;
     bool m_consumedEarly = false; // a progress poll already took the completed record
     QString m_savedAs;            // the file a download is expected to end up in

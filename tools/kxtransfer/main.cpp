@@ -1,6 +1,8 @@
 // kxtransfer: upload, download and fetch files through the transfer engine; list unfinished
 // transfers; run a self-contained demonstration against a private kxserver.
 
+#include "KXBatchPlan.h"
+#include "KXBatchRunner.h"
 #include "KXCommandLine.h"
 #include "KXDemo.h"
 #include "KXEngine.h"
@@ -112,6 +114,30 @@ int runTransfer(const KXToolOptions& options)
     return finish(outcome.exitCode(), runner.threadsBusy());
 }
 
+int runBatch(const KXToolOptions& options)
+{
+    CKXEngine::setUp({options.server, options.token, options.jobs, options.limit});
+    CKXBatchPlanner planner;
+    KXBatchPlan plan;
+    if (!planner.plan(options, plan)) {
+        if (planner.interrupted()) {
+            printTo(stderr, QStringLiteral("interrupted while listing; nothing was moved\n"));
+            return finish(130, false);
+        }
+        printTo(stderr,
+                QStringLiteral("kxtransfer: %1\n\n%2").arg(planner.errorText(), CKXCommandLine::usageText()));
+        return finish(kUsageExit, false);
+    }
+    CKXProgressPrinter printer(CKXProgressPrinter::detect(options.quiet));
+    CKXBatchRunner runner(options, printer);
+    const KXBatchSummary summary = runner.run(plan);
+    const bool clean = summary.exitCode() == 0;
+    if (!clean || !options.quiet) {
+        printTo(clean ? stdout : stderr, summary.text() + QLatin1Char('\n'));
+    }
+    return finish(summary.exitCode(), summary.busy);
+}
+
 QString taskRow(const KXStoredTask& task)
 {
     QString progress = QStringLiteral("%1 done").arg(CKXProgressPrinter::formatBytes(task.doneBytes));
@@ -189,5 +215,5 @@ int main(int argc, char** argv)
         }
         return code;
     }
-    return runTransfer(options);
+    return options.isBatch() ? runBatch(options) : runTransfer(options);
 }

@@ -1,6 +1,7 @@
 // The parts of kxtransfer that decide what the user sees: option parsing, rates, task ids,
 // progress lines, error mapping and the read-only view of the engine's database.
 
+#include "KXBatchRunner.h"
 #include "KXCommandLine.h"
 #include "KXProgressPrinter.h"
 #include "KXRemoteMeta.h"
@@ -69,6 +70,8 @@ private slots:
     void optionsFallBackToEnvironment();
     void taskIdsFollowEveryPart();
     void downloadsKeepExistingFiles();
+    void targetAlreadyHoldsSource_data();
+    void targetAlreadyHoldsSource();
     void codeNames();
     void progressText();
     void printerModes();
@@ -136,6 +139,15 @@ void TestKXTransferTool::optionsFallBackToEnvironment()
     QCOMPARE(options.limit, qint64(1048576));
     QVERIFY(options.overwrite && options.quiet);
     QCOMPARE(options.taskId, QStringLiteral("{a.b}"));
+    QVERIFY(!options.isBatch());
+
+    CKXCommandLine tree;
+    QVERIFY(tree.parse({"kxtransfer", "upload", "-r", "dir", "/r/", "--transfers", "9"}, env));
+    QVERIFY(tree.options().recursive && tree.options().isBatch());
+    QCOMPARE(tree.options().transfers, 9);
+    CKXCommandLine several;
+    QVERIFY(several.parse({"kxtransfer", "share-download", "c1/a", "c2/b", "d/"}, env));
+    QVERIFY(several.options().isBatch() && !several.options().recursive);
 
     // A plain address needs no server of the account.
     CKXCommandLine get;
@@ -178,6 +190,30 @@ void TestKXTransferTool::downloadsKeepExistingFiles()
     QCOMPARE(CKXTransferRunner::freeName(dir.filePath("a.tar.gz")), dir.filePath("a.tar(1).gz"));
     QVERIFY(touch("report"));
     QCOMPARE(CKXTransferRunner::freeName(dir.filePath("report")), dir.filePath("report(1)."));
+}
+
+void TestKXTransferTool::targetAlreadyHoldsSource_data()
+{
+    QTest::addColumn<qint64>("targetSize");
+    QTest::addColumn<qint64>("targetTime");
+    QTest::addColumn<qint64>("sourceSize");
+    QTest::addColumn<qint64>("sourceTime");
+    QTest::addColumn<bool>("holds");
+    QTest::newRow("same size and time") << qint64(5) << qint64(100) << qint64(5) << qint64(100) << true;
+    QTest::newRow("target newer") << qint64(5) << qint64(200) << qint64(5) << qint64(100) << true;
+    QTest::newRow("source changed since") << qint64(5) << qint64(100) << qint64(5) << qint64(101) << false;
+    QTest::newRow("other size") << qint64(6) << qint64(200) << qint64(5) << qint64(100) << false;
+    QTest::newRow("time unknown: size decides") << qint64(5) << qint64(0) << qint64(5) << qint64(100) << true;
+}
+
+void TestKXTransferTool::targetAlreadyHoldsSource()
+{
+    QFETCH(qint64, targetSize);
+    QFETCH(qint64, targetTime);
+    QFETCH(qint64, sourceSize);
+    QFETCH(qint64, sourceTime);
+    QFETCH(bool, holds);
+    QCOMPARE(CKXBatchRunner::alreadyThere(targetSize, targetTime, sourceSize, sourceTime), holds);
 }
 
 void TestKXTransferTool::codeNames()

@@ -6,7 +6,9 @@
 
 #include <QCryptographicHash>
 #include <QDir>
+#include <QDirIterator>
 #include <QFile>
+#include <QJsonObject>
 #include <QProcess>
 #include <QRandomGenerator>
 #include <QRegularExpression>
@@ -14,6 +16,8 @@
 #include <QtTest>
 
 #include <csignal>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -61,6 +65,42 @@ int highestPercent(const QString& output)
     return best;
 }
 
+// Every file under root by its path relative to root, with its SHA-256.
+QMap<QString, QByteArray> treeDigest(const QString& root)
+{
+    QMap<QString, QByteArray> digest;
+    QDirIterator it(root, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
+    while (it.hasNext()) {
+        QFile file(it.next());
+        digest.insert(QDir(root).relativeFilePath(file.fileName()),
+                      file.open(QIODevice::ReadOnly) ? sha256(file.readAll()) : QByteArray("unreadable"));
+    }
+    return digest;
+}
+
+// Nested folders of files of the sizes that take different paths through the engine: empty,
+// small, exactly one block, and a few in several blocks; names with spaces and odd characters.
+int makeTree(const QString& root, int smallFiles, int largeFiles)
+{
+    static const QStringList folders{".", "a", "a/b c", "a/b c/ü-ñ", "d#e%f", "d#e%f/g+h&i"};
+    static const QStringList names{"plain.txt", "two words.bin", "ünï çødé.dat", "100%&+#.x", ".hidden"};
+    int made = 0;
+    auto add = [&](const QString& name, qint64 size) {
+        const QString folder = folders.at(made % folders.size());
+        QDir(root).mkpath(folder);
+        made += writeFile(QDir(root).filePath(folder + "/" + name), randomBytes(size, made + 1)) ? 1 : 0;
+    };
+    add(QStringLiteral("empty"), 0);
+    add(QStringLiteral("one block.bin"), 4 * 1024 * 1024);
+    for (int i = 0; i < largeFiles; ++i) {
+        add(QStringLiteral("large-%1.bin").arg(i), 4 * 1024 * 1024 + 1 + i * 1500000);
+    }
+    for (int i = 0; made < smallFiles + largeFiles + 2; ++i) {
+        add(QStringLiteral("%1 %2").arg(i).arg(names.at(i % names.size())), (i * 7919) % 70000 + 1);
+    }
+    return made;
+}
+
 } // namespace
 
 class TestKXTransferCommand : public QObject
@@ -76,6 +116,9 @@ private slots:
     void interruptedUploadResumes();
     void getFetchesPlainAddress();
     void shareLinksBothWays();
+    void treeRoundTrip();
+    void interruptedTreeResumes();
+    void unreadableEntryFailsAlone();
 
 private:
     QProcessEnvironment environment(bool withServer) const;
@@ -162,6 +205,15 @@ void TestKXTransferCommand::argumentErrors_data()
     QTest::newRow("share link") << QStringList{"share-download", "no.such/a", "a"} << true
                                 << "'no.such/a' is not a share link";
     QTest::newRow("share no server") << QStringList{"share-upload", "a", "code/"} << false << "no server";
+    QTest::newRow("transfers zero") << QStringList{"upload", "a", "b", "/c/", "--transfers", "0"} << true
+                                    << "--transfers wants";
+    QTest::newRow("share tree download")
+        << QStringList{"share-download", "-r", "code/", "d/"} << true << "a share link cannot list a folder";
+    QTest::newRow("several, one missing") << QStringList{"upload", ".", "no-such-file", "/c/", "-r"} << true
+                                          << "no such file or folder: no-such-file";
+    QTest::newRow("folder without -r") << QStringList{"upload", ".", ".", "/c/"} << true << "give -r";
+    QTest::newRow("task id for many")
+        << QStringList{"upload", "-r", ".", "/c/", "--task-id", "x"} << true << "--task-id names one";
 }
 
 void TestKXTransferCommand::argumentErrors()
@@ -348,6 +400,104 @@ void TestKXTransferCommand::shareLinksBothWays()
         QVERIFY2(lines.first().startsWith(c.line), qPrintable(lines.first()));
     }
     QVERIFY(!QFile::exists(back + QStringLiteral("x.bin")));
+}
+
+// A tree up with -r, back with -r into an empty folder: the same names and contents. Sending it
+// again moves nothing: every file is already there.
+void TestKXTransferCommand::treeRoundTrip()
+{
+    const QString tree = m_dir.filePath(QStringLiteral("round/tree"));
+    const int files = makeTree(tree, 56, 3);
+    QCOMPARE(files, 61);
+    const ToolRun up = run({"upload", "-r", tree, "/round/", "--transfers", "6"});
+    QVERIFY2(up.exitCode == 0, qPrintable(up.err));
+    QVERIFY2(up.out.contains(QStringLiteral("sent 61 of 61 files")), qPrintable(up.out));
+
+    const QString back = m_dir.filePath(QStringLiteral("round-back"));
+    const ToolRun down = run({"download", "-r", "/round/tree/", back + "/", "-q"});
+    QVERIFY2(down.exitCode == 0, qPrintable(down.err));
+    const QMap<QString, QByteArray> sent = treeDigest(tree);
+    QCOMPARE(sent.size(), files);
+    QCOMPARE(treeDigest(back + QStringLiteral("/tree")), sent);
+
+    QVERIFY(m_server.resetStats());
+    const ToolRun again = run({"upload", "-r", tree, "/round/"});
+    QVERIFY2(again.exitCode == 0, qPrintable(again.err));
+    QVERIFY2(again.out.contains(QStringLiteral("skipped 61 already there")), qPrintable(again.out));
+    const QJsonObject stats = m_server.stats();
+    QCOMPARE(stats.value(QStringLiteral("file_uploads")).toInt() +
+                 stats.value(QStringLiteral("commits")).toInt(),
+             0);
+}
+
+// Ctrl-C in the middle of a tree: the second run sends only what the first did not finish.
+void TestKXTransferCommand::interruptedTreeResumes()
+{
+    const QString tree = m_dir.filePath(QStringLiteral("paused/tree"));
+    const int files = makeTree(tree, 30, 2);
+    const QStringList command{"upload", "-r", tree, "/paused/", "--limit", "2M", "--transfers", "2"};
+    QProcess first;
+    first.setProcessEnvironment(environment(true));
+    first.start(toolPath(), command);
+    QVERIFY(first.waitForStarted());
+    QString progress;
+    static const QRegularExpression someDone(QStringLiteral("\\b([1-9]\\d*)/%1 files").arg(files));
+    QTRY_VERIFY_WITH_TIMEOUT(
+        (progress += QString::fromLocal8Bit(first.readAllStandardOutput()), progress.contains(someDone)),
+        60000);
+    ::kill(static_cast<pid_t>(first.processId()), SIGINT);
+    QVERIFY(first.waitForFinished(60000));
+    QCOMPARE(first.exitCode(), 130);
+    const QString firstErr = QString::fromLocal8Bit(first.readAllStandardError());
+    QVERIFY2(firstErr.contains(QLatin1String("Run the same command again")), qPrintable(firstErr));
+
+    int finished = 0;
+    for (const QString& path : treeDigest(tree).keys()) {
+        const TestHttpReply reply = CKXTestHttp::get(
+            m_server.baseUrl() + "/v1/metadata?path=" + CKXTestHttp::encode("/paused/tree/" + path),
+            m_server.sessionHeader());
+        finished += reply.status == 200 ? 1 : 0;
+    }
+    QVERIFY2(finished > 0 && finished < files, qPrintable(QString::number(finished)));
+
+    QVERIFY(m_server.resetStats());
+    const ToolRun second = run(command.mid(0, 4));
+    QVERIFY2(second.exitCode == 0, qPrintable(second.err));
+    QVERIFY2(second.out.contains(QStringLiteral("skipped %1 already there").arg(finished)),
+             qPrintable(second.out));
+    const QJsonObject stats = m_server.stats();
+    QCOMPARE(stats.value(QStringLiteral("file_uploads")).toInt() +
+                 stats.value(QStringLiteral("commits")).toInt(),
+             files - finished);
+    QCOMPARE(run({"download", "-r", "/paused/tree", m_dir.filePath("paused-back"), "-q"}).exitCode, 0);
+    QCOMPARE(treeDigest(m_dir.filePath(QStringLiteral("paused-back/tree"))), treeDigest(tree));
+}
+
+// An entry that cannot be read is named once and fails alone; the rest of the tree goes.
+void TestKXTransferCommand::unreadableEntryFailsAlone()
+{
+    const QString tree = m_dir.filePath(QStringLiteral("locked/tree"));
+    const int files = makeTree(tree, 8, 0);
+    const QString locked = tree + QStringLiteral("/a/locked.bin");
+    // Permission bits do not stop root; a pipe cannot be read as a file by anyone.
+    if (::geteuid() == 0) {
+        QCOMPARE(::mkfifo(QFile::encodeName(locked).constData(), 0600), 0);
+    } else {
+        QVERIFY(writeFile(locked, "secret"));
+        QVERIFY(QFile::setPermissions(locked, QFileDevice::WriteOwner));
+    }
+    const ToolRun result = run({"upload", "-r", tree, "/locked/", "-q"});
+    QCOMPARE(result.exitCode, 1);
+    QCOMPARE(result.err.count(locked), 1);
+    QVERIFY2(
+        result.err.contains(QStringLiteral("error 20106 LocalFileError: ") + locked + ": cannot be read"),
+        qPrintable(result.err));
+    QVERIFY2(result.err.contains(QStringLiteral("failed 1")), qPrintable(result.err));
+    QCOMPARE(run({"download", "-r", "/locked/tree/", m_dir.filePath("locked-back"), "-q"}).exitCode, 0);
+    QMap<QString, QByteArray> expected = treeDigest(tree);
+    expected.remove(QStringLiteral("a/locked.bin"));
+    QCOMPARE(expected.size(), files);
+    QCOMPARE(treeDigest(m_dir.filePath(QStringLiteral("locked-back/tree"))), expected);
 }
 
 QTEST_GUILESS_MAIN(TestKXTransferCommand)
