@@ -95,6 +95,8 @@ private slots:
     void shortBodyStoresNothing();
     void killDuringUploadKeepsStoreConsistent();
     void damagedBlockEndsTheDownloadNotTheServer();
+    void rebootDropsOnlyUncommittedBlocks_data();
+    void rebootDropsOnlyUncommittedBlocks();
 };
 
 void TestKXServerStore::concurrentUploadsOfOneBlock()
@@ -277,6 +279,56 @@ void TestKXServerStore::damagedBlockEndsTheDownloadNotTheServer()
     QCOMPARE(CKXTestHttp::get(server.baseUrl() + "/v1/metadata?path=/cut.bin", server.sessionHeader()).status,
              200);
     QVERIFY(server.stop());
+}
+
+void TestKXServerStore::rebootDropsOnlyUncommittedBlocks_data()
+{
+    QTest::addColumn<QString>("sync");
+    QTest::addColumn<bool>("dropped");
+    QTest::newRow("commit") << "commit" << true;
+    QTest::newRow("none") << "none" << true;
+    // Every block was on disk before it was acknowledged: nothing is suspect after a reboot.
+    QTest::newRow("block") << "block" << false;
+}
+
+// Blocks acknowledged but never forced out may be torn by a power loss. A server that finds its
+// store was last written by another boot drops the blocks no committed file refers to; the
+// session then asks for them again, and committed files stay whole.
+void TestKXServerStore::rebootDropsOnlyUncommittedBlocks()
+{
+    QFETCH(QString, sync);
+    QFETCH(bool, dropped);
+    CKXServerProcess server({"--sync", sync});
+    QVERIFY2(server.start(), qPrintable(server.errorString()));
+    const QByteArray kept = bytes(80, kBlock) + bytes(81, 99);
+    QCOMPARE(uploadChunked(server, "/kept.bin", {kept.left(kBlock), kept.mid(kBlock)}).status, 200);
+    QList<QByteArray> open{bytes(82, kBlock), bytes(83, 10)};
+    QJsonObject query{
+        {"path", "/open.bin"}, {"size", kBlock + 10}, {"hashes", QJsonArray::fromStringList(hashesOf(open))}};
+    const QString id = CKXTestHttp::post(server.baseUrl() + "/v1/upload/hash", query, server.sessionHeader())
+                           .json()
+                           .value("upload_id")
+                           .toString();
+    QCOMPARE(CKXTestHttp::put(blockUrl(server, id, sha(open[0])), open[0], server.sessionHeader()).status,
+             200);
+
+    server.kill9();
+    QFile marker(server.rootPath() + "/unsynced-blocks");
+    QCOMPARE(marker.exists(), sync != "block");
+    if (marker.exists()) {
+        QVERIFY(marker.open(QIODevice::WriteOnly | QIODevice::Truncate) && marker.write("another-boot") > 0);
+        marker.close();
+    }
+    QVERIFY2(server.restart(), qPrintable(server.errorString()));
+
+    TestHttpReply again =
+        CKXTestHttp::post(server.baseUrl() + "/v1/upload/hash", query, server.sessionHeader());
+    QCOMPARE(needed(again), dropped ? hashesOf(open) : QStringList{sha(open[1])});
+    QCOMPARE(CKXTestHttp::get(server.baseUrl() + "/v1/files?path=/kept.bin", server.sessionHeader()).body,
+             kept);
+    // A clean stop forces everything out and leaves no marker behind.
+    QVERIFY(server.stop());
+    QVERIFY(!QFile::exists(server.rootPath() + "/unsynced-blocks"));
 }
 
 QTEST_GUILESS_MAIN(TestKXServerStore)
