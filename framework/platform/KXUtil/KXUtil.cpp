@@ -240,6 +240,18 @@ QString SHA256(const QByteArray& data)
     return QString::fromLatin1(sha256Bytes(data).toHex());
 }
 
+bool openEmpty(QFile& file)
+{
+    if (!file.open(QIODevice::ReadWrite | QIODevice::Unbuffered)) {
+        return false;
+    }
+    if (file.size() > 0 && !file.resize(0)) {
+        file.close();
+        return false;
+    }
+    return true;
+}
+
 QString SHA256(QIODevice* device, qint64 length)
 {
     // Small enough to stay in the processor's cache between the read and the hash.

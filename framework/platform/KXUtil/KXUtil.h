@@ -6,6 +6,7 @@
 #include "kxutil_export.h"
 
 #include <QByteArray>
+#include <QFile>
 #include <QIODevice>
 #include <QString>
 
@@ -42,6 +43,13 @@ KXUTIL_EXPORT bool moveFile(const QString& src, const QString& dst);
 // The temporary path that a download to `path` is written to: beside it, in the same folder, so
 // that the final move is a rename: `path` + ".kxtmp".
 KXUTIL_EXPORT QString tmpFile(const QString& path);
+
+// Opens `file` for writing from its first byte with nothing in it, creating it when missing.
+// Unlike QIODevice::WriteOnly it truncates only a file that holds something: on ext4 a truncation
+// followed by writes marks the file as being replaced, and closing it then forces all of its data
+// out to disk, a pause of a good fraction of a second per 256 MiB. Unbuffered, so that each piece
+// written is one system call. Returns what QFile::open returns.
+KXUTIL_EXPORT bool openEmpty(QFile& file);
 
 // The file name part of a path (no folders).
 KXUTIL_EXPORT QString fileName(const QString& path);

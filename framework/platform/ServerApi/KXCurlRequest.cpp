@@ -1,6 +1,7 @@
 #include "KXCurlRequest.h"
 
 #include "KXBandwidthLimiter.h"
+#include "KXUtil.h"
 
 #include <QFileInfo>
 
@@ -142,7 +143,7 @@ bool CKXCurlRequest::openSink()
     if (m_exchange.sink != KXHttpExchange::Sink::File)
         return true;
     m_sinkFile.reset(new QFile(m_exchange.sinkPath));
-    if (!m_sinkFile->open(QIODevice::WriteOnly | QIODevice::Truncate)) {
+    if (!KXUtil::openEmpty(*m_sinkFile)) {
         setLocalError(
             ServerApi::ErrorLocalFile,
             QStringLiteral("cannot write %1: %2").arg(m_exchange.sinkPath, m_sinkFile->errorString()));

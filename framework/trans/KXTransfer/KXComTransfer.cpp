@@ -73,7 +73,7 @@ void CKXComTransfer::downloadTask()
     TLOG_FATAL(QStringLiteral("文件下载开始 %1").arg(id));
 
     QFile* file = new QFile(tmp);
-    if (!file->open(QIODevice::WriteOnly)) {
+    if (!KXUtil::openEmpty(*file)) {
         TLOG_FATAL(QStringLiteral("打开文件出错 %1 %2").arg(file->fileName(), file->errorString()));
         closeFile(file);
         errorHandler(LocalFileError, tr("本地文件不存在"), 200);

@@ -29,7 +29,7 @@ void CKXUrlTransfer::downloadTask()
     }
     KXBaseParse parser;
     QFile* file = new QFile(tmp);
-    if (!file->open(QIODevice::WriteOnly)) {
+    if (!KXUtil::openEmpty(*file)) {
         TLOG_FATAL(QStringLiteral("打开文件出错 %1 %2").arg(file->fileName(), file->errorString()));
         file->flush();
         file->close();

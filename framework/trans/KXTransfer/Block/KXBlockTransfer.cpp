@@ -364,8 +364,9 @@ void CKXBlockTransfer::downloadBlock(const FetchCall& fetch)
 
 bool CKXBlockTransfer::openAt(QFile& file, long long loc)
 {
-    // The error is taken before close(), which forgets it.
-    if (!file.open(QIODevice::ReadWrite)) {
+    // The error is taken before close(), which forgets it. Unbuffered: each piece of the answer is
+    // one write, not several of QFile's buffer size.
+    if (!file.open(QIODevice::ReadWrite | QIODevice::Unbuffered)) {
         const ErrorCode code = ErrorCode(failureCode(file));
         const QString text = file.errorString();
         TLOG_FATAL(QStringLiteral("打开文件出错:%1 %3 %3").arg(file.fileName()).arg(text));

@@ -59,6 +59,8 @@ private slots:
     void moveFileFailureKeepsBothFiles();
     void moveFileAcrossFilesystems();
     void tmpFileLiesBesideItsFile();
+    void openEmptyStartsFromNothing_data();
+    void openEmptyStartsFromNothing();
 
     void freeBytesFromNearestParent();
 
@@ -222,6 +224,31 @@ void TestKXUtil::moveFileAcrossFilesystems()
     QCOMPARE(readFile(dst), content);
     QVERIFY2(QFileInfo(dst).isExecutable(), "permissions travel with the file");
     QCOMPARE(QDir(home.path()).entryList(QDir::Files | QDir::Hidden), QStringList{"target.bin"});
+}
+
+void TestKXUtil::openEmptyStartsFromNothing_data()
+{
+    QTest::addColumn<QByteArray>("before"); // "-": no file
+    QTest::newRow("missing") << QByteArray("-");
+    QTest::newRow("empty") << QByteArray();
+    QTest::newRow("left over") << QByteArray("stale bytes of an earlier attempt");
+}
+
+void TestKXUtil::openEmptyStartsFromNothing()
+{
+    QFETCH(QByteArray, before);
+    QTemporaryDir dir;
+    const QString path = dir.filePath(QStringLiteral("part.kxtmp"));
+    if (before != "-") {
+        QFile old(path);
+        QVERIFY(old.open(QIODevice::WriteOnly) && old.write(before) == before.size());
+    }
+    QFile file(path);
+    QVERIFY(KXUtil::openEmpty(file));
+    QCOMPARE(file.write("new"), 3);
+    file.close();
+    QVERIFY(file.open(QIODevice::ReadOnly));
+    QCOMPARE(file.readAll(), QByteArray("new"));
 }
 
 void TestKXUtil::tmpFileLiesBesideItsFile()
