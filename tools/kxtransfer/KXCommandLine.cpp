@@ -1,6 +1,7 @@
 #include "KXCommandLine.h"
 
 #include "KXEngine.h"
+#include "ServerApiConfig.h"
 
 #include <QCommandLineParser>
 #include <QHash>
@@ -9,6 +10,7 @@
 namespace {
 
 const int kMaxJobs = 64;
+const int kMaxTimeoutSec = 3600;
 
 // Operands each command takes.
 const QHash<QString, int>& operandCounts()
@@ -29,7 +31,7 @@ const QHash<QString, int>& operandCounts()
 
 QString CKXCommandLine::usageText()
 {
-    return QStringLiteral(
+    const QString text = QStringLiteral(
         "Usage:\n"
         "  kxtransfer upload LOCAL REMOTE     send a local file to the server (REMOTE: full path, or a\n"
         "                                     folder ending in '/')\n"
@@ -51,6 +53,7 @@ QString CKXCommandLine::usageText()
         "  --password P     a share link's password\n"
         "  --jobs N         blocks in flight for files over 4 MiB (default 4)\n"
         "  --limit RATE     bandwidth cap per direction, e.g. 500K, 10M (default: none)\n"
+        "  --timeout S      give up on a server that sends nothing for S seconds (default %1)\n"
         "  --overwrite      replace an existing target instead of failing (upload) or\n"
         "                   saving under a numbered name (download)\n"
         "  --task-id ID     name the transfer yourself (default: derived from the arguments,\n"
@@ -60,6 +63,7 @@ QString CKXCommandLine::usageText()
         "\n"
         "Ctrl-C pauses a transfer; run the same command again to resume it.\n"
         "Exit status: 0 done, 1 transfer failed, 2 bad arguments, 130 paused by Ctrl-C.\n");
+    return text.arg(ServerApi::Config().lowSpeedTimeSec);
 }
 
 QString CKXCommandLine::locationsText()
@@ -115,7 +119,8 @@ bool CKXCommandLine::parse(const QStringList& arguments, const QProcessEnvironme
     const QCommandLineOption taskId(QStringLiteral("task-id"), QString(), QStringLiteral("ID"));
     const QCommandLineOption quiet({QStringLiteral("q"), QStringLiteral("quiet")}, QString());
     const QCommandLineOption password(QStringLiteral("password"), QString(), QStringLiteral("P"));
-    parser.addOptions({help, server, token, jobs, limit, overwrite, taskId, quiet, password});
+    const QCommandLineOption timeout(QStringLiteral("timeout"), QString(), QStringLiteral("S"));
+    parser.addOptions({help, server, token, jobs, limit, overwrite, taskId, quiet, password, timeout});
     if (!parser.parse(arguments)) {
         return fail(parser.errorText());
     }
@@ -136,6 +141,7 @@ bool CKXCommandLine::parse(const QStringList& arguments, const QProcessEnvironme
     m_options.taskId = parser.value(taskId);
     m_options.password = parser.value(password);
     return checkOperands() && readNumbers(parser.value(jobs), parser.value(limit)) &&
+           (!parser.isSet(timeout) || readTimeout(parser.value(timeout))) &&
            (!parser.isSet(taskId) || checkTaskId());
 }
 
@@ -209,6 +215,18 @@ bool CKXCommandLine::readNumbers(const QString& jobs, const QString& limit)
     }
     if (!parseRate(limit, m_options.limit)) {
         return fail(QStringLiteral("--limit wants a rate such as 500K or 10M, got '%1'").arg(limit));
+    }
+    return true;
+}
+
+bool CKXCommandLine::readTimeout(const QString& seconds)
+{
+    bool ok = false;
+    m_options.timeout = seconds.toInt(&ok);
+    if (!ok || m_options.timeout < 1 || m_options.timeout > kMaxTimeoutSec) {
+        return fail(QStringLiteral("--timeout wants seconds from 1 to %1, got '%2'")
+                        .arg(kMaxTimeoutSec)
+                        .arg(seconds));
     }
     return true;
 }

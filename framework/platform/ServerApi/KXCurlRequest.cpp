@@ -68,6 +68,7 @@ CKXCurlRequest::~CKXCurlRequest()
 bool CKXCurlRequest::prepare(CKXBandwidthLimiter* limiter)
 {
     m_limiter = limiter;
+    m_firstAttemptAt = Clock::now();
     if (m_exchange.rejectError != ServerApi::NoLibraryError) {
         setLocalError(m_exchange.rejectError, m_exchange.rejectText);
         return false;
@@ -225,6 +226,9 @@ int CKXCurlRequest::retryDelayMs(CURLcode result) const
         return -1;
     // Bytes already handed on cannot be taken back: the caller would see them twice.
     if (m_handedOn > 0)
+        return -1;
+    const int budget = m_exchange.config.retryBudgetMs;
+    if (budget > 0 && Clock::now() - m_firstAttemptAt >= std::chrono::milliseconds(budget))
         return -1;
     const bool again = result == CURLE_OK ? (m_status == 502 || m_status == 503 || m_status == 504)
                                           : isTransientFailure(result);

@@ -90,6 +90,7 @@ private:
     qint64 m_handedOn = 0; // bytes of a 2xx body given to the data callback or the file
 
     int m_attempt = 0;
+    Clock::time_point m_firstAttemptAt = Clock::now();
     int m_localError = 0;
     QString m_localErrorText;
 
