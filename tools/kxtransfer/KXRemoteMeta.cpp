@@ -121,7 +121,19 @@ bool CKXRemoteMeta::fetch(const QString& remotePath, KXRemoteEntry& out)
         failed(response)) {
         return false;
     }
-    const QJsonObject body = QJsonDocument::fromJson(response.body.toUtf8()).object();
+    // A web page from a wrong address would otherwise pass for an empty file and be saved.
+    const QJsonDocument answer = QJsonDocument::fromJson(response.body.toUtf8());
+    const QJsonObject body = answer.object();
+    if (!answer.isObject() || !body.value(QStringLiteral("bytes")).isDouble()) {
+        const QByteArray type = header(response, "Content-Type");
+        m_code = ServerError;
+        m_message = QStringLiteral("the answer about %1 is not the server's metadata (%2, %3 bytes); "
+                                   "is the server address right?")
+                        .arg(remotePath,
+                             type.isEmpty() ? QStringLiteral("no Content-Type") : QString::fromLatin1(type))
+                        .arg(response.body.size());
+        return false;
+    }
     out.size = static_cast<qint64>(body.value(QStringLiteral("bytes")).toDouble());
     out.isDir = body.value(QStringLiteral("is_dir")).toBool();
     out.rev = body.value(QStringLiteral("rev")).toVariant().toString();
