@@ -108,7 +108,7 @@ void TestApiComTransfer::roundTrip()
     QCOMPARE(downRecord.code, NoError);
     QVERIFY(QFile::exists(back));
     QCOMPARE(sha256(fileContent(back)), sha256(content));
-    QVERIFY(!QFile::exists(KXUtil::tmpFile(back)));
+    QVERIFY(!QFile::exists(KXUtil::tmpFile(back, down.subTaskId)));
     if (size == kOneBlock) {
         QVERIFY(downRecord.progress > 0);
         QCOMPARE(downRecord.lastBytes, size);
@@ -258,11 +258,11 @@ void TestApiComTransfer::localProblemsNeverReachServer()
     // More than any disk holds; the check happens before a byte is asked for.
     const QString huge = env.localPath(QStringLiteral("huge.bin"));
     ApiTaskRecord noSpace;
-    KX_RUN_TO_END(env, CKXApiFixture::downloadTask(QStringLiteral("/l/huge.bin"), kOnePiB, huge), &noSpace,
-                  false);
+    const SubTaskInfo hugeTask = CKXApiFixture::downloadTask(QStringLiteral("/l/huge.bin"), kOnePiB, huge);
+    KX_RUN_TO_END(env, hugeTask, &noSpace, false);
     QCOMPARE(noSpace.code, NoSpace);
     QVERIFY(!QFile::exists(huge));
-    QVERIFY(!QFile::exists(KXUtil::tmpFile(huge)));
+    QVERIFY(!QFile::exists(KXUtil::tmpFile(huge, hugeTask.subTaskId)));
 
     QCOMPARE(statOf(env.server(), "requests"), 0);
 }
