@@ -23,8 +23,9 @@ struct SERVERAPI_EXPORT Config
     qint64 maxSendBytesPerSec = 0; // whole-library send limit; 0: none
     qint64 maxRecvBytesPerSec = 0; // whole-library receive limit; 0: none
     int maxRetries = 3;            // transport retries of requests that are safe to repeat
-    // No retry starts once a request has been under way this long since its first attempt, so a
-    // silent server costs one stall, not one per attempt. 0: no limit besides maxRetries.
+    // No retry starts once a request has gone this long without a byte moving either way (counted
+    // from its first attempt), so a silent server costs one stall, not one per attempt, while a
+    // slow transfer that breaks is still repeated. 0: no limit besides maxRetries.
     int retryBudgetMs = 30000;
     int maxConnections = 16;       // connections kept open at once
 };

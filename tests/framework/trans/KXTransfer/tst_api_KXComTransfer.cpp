@@ -182,6 +182,15 @@ void TestApiComTransfer::failedDownloadLeavesNoPartialFile()
     QCOMPARE(fileContent(kept), QByteArray("previous version"));
     QVERIFY(env.server().clearFaults());
 
+    // A body of another length than the task's (the file changed since its size was learnt) is
+    // not published.
+    SubTaskInfo stale = CKXApiFixture::downloadTask(QStringLiteral("/f/big.bin"), content.size() + 1, kept);
+    stale.remoteFile.syncOverwrite = true;
+    ApiTaskRecord wrongSize;
+    KX_RUN_TO_END(env, stale, &wrongSize, false);
+    QCOMPARE(int(wrongSize.code), int(RenameTmpFileError));
+    QCOMPARE(fileContent(kept), QByteArray("previous version"));
+
     // A missing remote file; the whole-file download reports the HTTP status as its code.
     const QString fresh = env.localPath(QStringLiteral("fresh.bin"));
     ApiTaskRecord missing;
