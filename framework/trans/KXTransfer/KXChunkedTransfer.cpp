@@ -408,7 +408,7 @@ void CKXChunkedTransfer::del()
     // Another process downloading the same task holds its temporary file: not ours to remove.
     int error = 0;
     const QString tmp = tmpFilePath();
-    if (!record.isUpload && holdTmpFile(tmp, error)) {
+    if (!record.isUpload && KXUtil::isExist(tmp) && holdTmpFile(tmp, error)) {
         KXUtil::removeFile(tmp);
         m_tmpLock.release();
     }

@@ -5,7 +5,8 @@
 // target) is refused instead of writing into the same file. The lock is the operating system's
 // (flock): it ends with the holder's process, so the temporary file of a killed run can be resumed.
 //
-// Owned by the transfer that downloads, used on its thread only.
+// Owned by the transfer that downloads; used by one thread at a time (the transfer's own, or the
+// client's in del() once the transfer's run() has returned).
 
 #include <QString>
 
