@@ -220,7 +220,7 @@ void TestChunkedResume::killedDownloadKeepsItsTemporaryFile()
     }
 
     const QString target = m_dir->filePath(QStringLiteral("resume-down.bin"));
-    const QString tmp = KXUtil::tmpFile(target);
+    const QString tmp = KXUtil::tmpFile(target, QStringLiteral("resume-download"));
     const QStringList args = runnerArgs(QStringLiteral("resume-download"), target, remote, true);
     QVERIFY(m_server.resetStats());
     QVERIFY(m_server.armFault({{"op", "download"}, {"action", "delay"}, {"ms", 100}, {"count", 100}}));

@@ -85,6 +85,8 @@ private slots:
     void shareLinkBothWays();
     void zeroLimitStartsNothingUntilCancelled();
     void refusedBlockFailsTheTaskWithItsCode();
+    void resumeMovesBlocksChangedSince_data();
+    void resumeMovesBlocksChangedSince();
     void serverHashMismatchFailsTheBlock();
     void unwritableTargetFailsWithoutPartialFile();
     void commitStillNeedingBlocksFails();
@@ -188,7 +190,7 @@ void TestChunkedTransfer::smallestChunkedFileBothWays()
     QVERIFY(run(downloadTask(down, QStringLiteral("/e2e/two.bin"), target, size), outcome));
     QCOMPARE(outcome.code, NoError);
     QCOMPARE(fileSha256(target), sha);
-    QVERIFY(!QFile::exists(KXUtil::tmpFile(target)));
+    QVERIFY(!QFile::exists(KXUtil::tmpFile(target, down)));
     QVERIFY(StoredBlocks(down).list.isEmpty());
     QCOMPARE(stat("downloads"), 2);
 }
@@ -327,6 +329,58 @@ void TestChunkedTransfer::refusedBlockFailsTheTaskWithItsCode()
     QCOMPARE(serverSha256(QStringLiteral("/e2e/refused.bin")), sha);
 }
 
+void TestChunkedTransfer::resumeMovesBlocksChangedSince_data()
+{
+    QTest::addColumn<bool>("upload");
+    QTest::newRow("upload, source edited in place") << true;
+    QTest::newRow("download, temporary file edited") << false;
+}
+
+// A block done in an earlier run whose bytes on disk changed since is moved again: the result is
+// the file as it is now (upload) or as the server holds it (download), never a splice of both.
+void TestChunkedTransfer::resumeMovesBlocksChangedSince()
+{
+    QFETCH(bool, upload);
+    const qint64 size = 3 * kBlock + 11;
+    const QString source = m_dir->filePath(QStringLiteral("edited.src"));
+    const QString remote = QStringLiteral("/e2e/edited.bin");
+    const QString target = m_dir->filePath(QStringLiteral("edited.bin"));
+    writeRandomFile(source, size, 21);
+    KXOutcomes::Outcome outcome;
+    if (!upload) {
+        QVERIFY(run(uploadTask(newId(), source, remote, size), outcome));
+        QCOMPARE(outcome.code, NoError);
+    }
+    const SubTaskInfo task =
+        upload ? uploadTask(newId(), source, remote, size) : downloadTask(newId(), remote, target, size);
+    setLimit(1);
+    QVERIFY(m_server.armFault({{"op", upload ? "block_upload" : "download"},
+                               {"nth", 3},
+                               {"action", "status"},
+                               {"status", 500},
+                               {"code", "internal"}}));
+    QVERIFY(run(task, outcome));
+    QVERIFY(outcome.code != NoError);
+    QCOMPARE(StoredBlocks(task.subTaskId).withState(BlockTaskStateCompleted), 3);
+
+    // The first block changes; the size, and the time of the file, stay.
+    QFile edited(upload ? source : KXUtil::tmpFile(target, task.subTaskId));
+    const QDateTime modified = QFileInfo(edited).lastModified();
+    QVERIFY(edited.open(QIODevice::ReadWrite) && edited.seek(100));
+    QCOMPARE(edited.write("changed in place"), qint64(16));
+    edited.close();
+    QVERIFY(edited.open(QIODevice::ReadWrite) &&
+            edited.setFileTime(modified, QFileDevice::FileModificationTime));
+    edited.close();
+
+    QVERIFY(m_server.clearFaults());
+    QVERIFY(m_server.resetStats());
+    QVERIFY(run(task, outcome));
+    QCOMPARE(outcome.code, NoError);
+    QCOMPARE(stat(upload ? "block_uploads" : "downloads"), 2); // the failed block and the changed one
+    QCOMPARE(upload ? serverSha256(remote) : fileSha256(target), fileSha256(source));
+}
+
 void TestChunkedTransfer::serverHashMismatchFailsTheBlock()
 {
     const qint64 size = 2 * kBlock;
@@ -353,11 +407,12 @@ void TestChunkedTransfer::unwritableTargetFailsWithoutPartialFile()
 
     // A regular file stands where the target's folder would have to be.
     const QString target = source + QStringLiteral("/sub/plain.bin");
-    QVERIFY(run(downloadTask(newId(), QStringLiteral("/e2e/plain.bin"), target, size), outcome));
+    const SubTaskInfo task = downloadTask(newId(), QStringLiteral("/e2e/plain.bin"), target, size);
+    QVERIFY(run(task, outcome));
     QCOMPARE(outcome.code, LocalFileError);
     QCOMPARE(outcome.record.state, StateError);
     QVERIFY(!QFile::exists(target));
-    QVERIFY(!QFile::exists(KXUtil::tmpFile(target)));
+    QVERIFY(!QFile::exists(KXUtil::tmpFile(target, task.subTaskId)));
     QCOMPARE(fileSha256(source), sha); // the file in the way is left alone
 }
 
@@ -373,12 +428,15 @@ void TestChunkedTransfer::commitStillNeedingBlocksFails()
     QTRY_VERIFY_WITH_TIMEOUT(progressCalls(task.subTaskId) == 1, kWait);
     Transfer::cancel(handle);
     {
-        // The local record claims a block the server never got.
+        // The local record claims a block the server never got (with its true hash, so that the
+        // check of the file before a resume keeps it).
         StoredBlocks stored(task.subTaskId);
         QCOMPARE(stored.list.size(), 3);
         CKXBlockTask* block = stored.list[1];
+        QFile file(source);
+        QVERIFY(file.open(QIODevice::ReadOnly) && file.seek(kBlock));
         block->setState(BlockTaskStateCompleted);
-        block->setHash(QString(64, QLatin1Char('e')));
+        block->setHash(KXUtil::SHA256(file.read(kBlock)));
         QVERIFY(CKXTFStoreManager::inst()->db()->AddBlockTask(*block));
     }
     setLimit(4);
@@ -430,10 +488,10 @@ void TestChunkedTransfer::deleteDropsStoredStateAndPartialFile()
     QVERIFY(m_server.armFault({{"op", "download"}, {"action", "delay"}, {"ms", 200}, {"count", 4}}));
     const long long handle = start(task);
     QTRY_VERIFY_WITH_TIMEOUT(StoredBlocks(task.subTaskId).withState(BlockTaskStateCompleted) >= 1, kWait);
-    QVERIFY(QFile::exists(KXUtil::tmpFile(target)));
+    QVERIFY(QFile::exists(KXUtil::tmpFile(target, task.subTaskId)));
     Transfer::del(handle);
     QVERIFY(StoredBlocks(task.subTaskId).list.isEmpty());
-    QVERIFY(!QFile::exists(KXUtil::tmpFile(target)));
+    QVERIFY(!QFile::exists(KXUtil::tmpFile(target, task.subTaskId)));
     QVERIFY(!QFile::exists(target));
     CKXTransferTask stored;
     QVERIFY(!CKXTFStoreManager::inst()->db()->LoadTransferTask(task.subTaskId, stored));

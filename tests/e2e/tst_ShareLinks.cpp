@@ -266,7 +266,7 @@ void TestShareLinks::downloadFromFolderAndFileLinks()
     QVERIFY(run(task, outcome));
     QCOMPARE(int(outcome.code), int(NoError));
     QCOMPARE(fileSha256(target), sha);
-    QVERIFY(!QFile::exists(KXUtil::tmpFile(target)));
+    QVERIFY(!QFile::exists(KXUtil::tmpFile(target, task.subTaskId)));
     // Only the file's own requests (and, after blocks, the transfer's event report): a download
     // never asks the link for an upload session.
     QCOMPARE(stat("downloads"), chunked ? 3 : 1);

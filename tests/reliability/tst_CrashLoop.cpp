@@ -154,7 +154,7 @@ void TestCrashLoop::checkDone(const Job& job, bool download)
     QByteArray content;
     if (download) {
         content = fileContent(job.local);
-        QVERIFY(!QFile::exists(KXUtil::tmpFile(job.local)));
+        QVERIFY(!QFile::exists(KXUtil::tmpFile(job.local, job.id)));
     } else {
         const TestHttpReply got = CKXTestHttp::get(m_server.baseUrl() + QStringLiteral("/v1/files?path=") +
                                                        CKXTestHttp::encode(job.remote),
@@ -237,7 +237,7 @@ void TestCrashLoop::killedWhileFinishingDownload()
         QVERIFY(QFile::exists(job.local));
         runner.kill9();
     }
-    QVERIFY(!QFile::exists(KXUtil::tmpFile(job.local)));
+    QVERIFY(!QFile::exists(KXUtil::tmpFile(job.local, job.id)));
     QVERIFY(m_server.clearFaults());
     QVERIFY(m_server.resetStats());
 

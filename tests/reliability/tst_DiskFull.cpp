@@ -26,12 +26,12 @@ const qint64 kMiB = 1024 * kKiB;
 class TmpfsMount
 {
 public:
-    TmpfsMount(const QString& folder, qint64 bytes) : m_folder(folder)
+    TmpfsMount(const QString& folder, qint64 bytes, unsigned long flags) : m_folder(folder)
     {
         QDir().mkpath(folder);
         const QByteArray options = "size=" + QByteArray::number(bytes);
         m_mounted =
-            ::mount("tmpfs", QFile::encodeName(folder).constData(), "tmpfs", 0, options.constData()) == 0;
+            ::mount("tmpfs", QFile::encodeName(folder).constData(), "tmpfs", flags, options.constData()) == 0;
         if (!m_mounted) {
             m_error = QString::fromLocal8Bit(std::strerror(errno));
         }
@@ -99,7 +99,7 @@ private slots:
 
 private:
     // Mounts a tmpfs of `bytes` on a folder of the test, or skips the test.
-    bool mountDisk(qint64 bytes);
+    bool mountDisk(qint64 bytes, unsigned long flags = 0);
 
     std::unique_ptr<CKXApiFixture> m_env;
     std::unique_ptr<TmpfsMount> m_disk;
@@ -119,15 +119,15 @@ void TestDiskFull::cleanup()
     m_env.reset();
 }
 
-bool TestDiskFull::mountDisk(qint64 bytes)
+bool TestDiskFull::mountDisk(qint64 bytes, unsigned long flags)
 {
-    m_disk = std::make_unique<TmpfsMount>(m_folder, bytes);
+    m_disk = std::make_unique<TmpfsMount>(m_folder, bytes, flags);
     return m_disk->mounted();
 }
 
-#define KX_MOUNT_OR_SKIP(bytes)                                                                              \
+#define KX_MOUNT_OR_SKIP(bytes, flags)                                                                       \
     do {                                                                                                     \
-        if (!mountDisk(bytes)) {                                                                             \
+        if (!mountDisk(bytes, flags)) {                                                                      \
             QSKIP(qPrintable(QStringLiteral("cannot mount a tmpfs here (%1); the disk-full tests need root " \
                                             "or CAP_SYS_ADMIN")                                              \
                                  .arg(m_disk->error())));                                                    \
@@ -137,14 +137,25 @@ bool TestDiskFull::mountDisk(qint64 bytes)
 void TestDiskFull::refusedBeforeAnyByte_data()
 {
     QTest::addColumn<qint64>("size");
-    QTest::newRow("whole file") << 3 * kMiB;
-    QTest::newRow("chunked") << 6 * kMiB + 17;
+    QTest::addColumn<bool>("readOnly");
+    QTest::addColumn<int>("code");
+    QTest::addColumn<QString>("text");
+    const QString noSpace = QStringLiteral("空间不足 请释放空间后再尝试下载");
+    QTest::newRow("whole file") << 3 * kMiB << false << int(NoSpace) << noSpace;
+    QTest::newRow("chunked") << 6 * kMiB + 17 << false << int(NoSpace) << noSpace;
+    // Too small as well, but what stops the download is that nothing can be written there.
+    const QString cannotCreate = QStringLiteral("创建文件失败");
+    QTest::newRow("read-only, whole file") << 3 * kMiB << true << int(LocalFileError) << cannotCreate;
+    QTest::newRow("read-only, chunked") << 6 * kMiB + 17 << true << int(LocalFileError) << cannotCreate;
 }
 
 void TestDiskFull::refusedBeforeAnyByte()
 {
     QFETCH(qint64, size);
-    KX_MOUNT_OR_SKIP(2 * kMiB);
+    QFETCH(bool, readOnly);
+    QFETCH(int, code);
+    QFETCH(QString, text);
+    KX_MOUNT_OR_SKIP(2 * kMiB, readOnly ? MS_RDONLY : 0);
     CKXApiFixture& env = *m_env;
     QVERIFY(env.putRemoteFile(QStringLiteral("/big.bin"), randomBytes(size, 3)));
     QVERIFY(env.server().resetStats());
@@ -152,9 +163,9 @@ void TestDiskFull::refusedBeforeAnyByte()
     const QString local = m_folder + QStringLiteral("/big.bin");
     ApiTaskRecord record;
     KX_RUN_TO_END(env, CKXApiFixture::downloadTask(QStringLiteral("/big.bin"), size, local), &record, false);
-    QCOMPARE(record.code, NoSpace);
+    QCOMPARE(int(record.code), code);
     QCOMPARE(record.task.state, StateError);
-    QCOMPARE(record.task.errorInfo, QStringLiteral("空间不足 请释放空间后再尝试下载"));
+    QCOMPARE(record.task.errorInfo, text);
     QCOMPARE(filesIn(m_folder), QStringList());
     QCOMPARE(env.server().stats().value(QLatin1String("downloads")).toInt(), 0);
 }
@@ -178,7 +189,7 @@ void TestDiskFull::diskFillsWhileWriting()
     QFETCH(qint64, disk);
     QFETCH(qint64, size);
     QFETCH(int, requests);
-    KX_MOUNT_OR_SKIP(disk);
+    KX_MOUNT_OR_SKIP(disk, 0);
     CKXApiFixture& env = *m_env;
     const QByteArray content = randomBytes(size, int(size));
     QVERIFY(env.putRemoteFile(QStringLiteral("/big.bin"), content));
@@ -194,7 +205,7 @@ void TestDiskFull::diskFillsWhileWriting()
     // Every request has passed its space check once the server holds all of them.
     QTRY_VERIFY_WITH_TIMEOUT(env.server().stats().value(QLatin1String("requests")).toInt() >= requests,
                              kFinishMs);
-    QVERIFY(QFile::exists(KXUtil::tmpFile(local)));
+    QVERIFY(QFile::exists(KXUtil::tmpFile(local, task.subTaskId)));
     QVERIFY(m_disk->fillLeaving(kMiB));
 
     QTRY_VERIFY_WITH_TIMEOUT(CKXApiFixture::record(handle).finals > 0, kFinishMs);

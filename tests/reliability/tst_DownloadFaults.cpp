@@ -130,7 +130,7 @@ void TestDownloadFaults::download()
         const QStringList left = filesIn(folder);
         QVERIFY2(left.size() <= 2, qPrintable(left.join(QLatin1Char(' '))));
         if (left.size() == 2) {
-            QCOMPARE(left.last(), KXUtil::fileName(KXUtil::tmpFile(local)));
+            QCOMPARE(left.last(), KXUtil::fileName(KXUtil::tmpFile(local, task.subTaskId)));
         }
 
         ApiTaskRecord second;

@@ -146,7 +146,7 @@ void TestOddNames::roundTrip()
     KX_RUN_TO_END(env, down, &record, false);
     QCOMPARE(record.code, NoError);
     QCOMPARE(sha256(fileContent(back)), sha256(content));
-    QVERIFY(!QFile::exists(KXUtil::tmpFile(back)));
+    QVERIFY(!QFile::exists(KXUtil::tmpFile(back, down.subTaskId)));
 
     missingFileNamed(remote + QStringLiteral(" %1 missing"), id + QStringLiteral("-lost"), chunked,
                      back + QStringLiteral(".lost"));

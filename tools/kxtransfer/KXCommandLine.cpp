@@ -1,6 +1,7 @@
 #include "KXCommandLine.h"
 
 #include "KXEngine.h"
+#include "ServerApiConfig.h"
 
 #include <QCommandLineParser>
 #include <QHash>
@@ -10,6 +11,7 @@ namespace {
 
 const int kMaxJobs = 64;
 const int kMaxTransfers = 64;
+const int kMaxTimeoutSec = 3600;
 
 // Operands each command takes; the transfer commands take at least that many.
 const QHash<QString, int>& operandCounts()
@@ -30,7 +32,7 @@ const QHash<QString, int>& operandCounts()
 
 QString CKXCommandLine::usageText()
 {
-    return QStringLiteral(
+    const QString text = QStringLiteral(
         "Usage:\n"
         "  kxtransfer upload LOCAL REMOTE     send a local file to the server (REMOTE: full path, or a\n"
         "                                     folder ending in '/')\n"
@@ -63,6 +65,7 @@ QString CKXCommandLine::usageText()
         "  -r, --recursive  the operands are folders: move their whole trees\n"
         "  --transfers N    files moved at once by a command over several files (default 4)\n"
         "  --limit RATE     bandwidth cap per direction, e.g. 500K, 10M (default: none)\n"
+        "  --timeout S      give up on a server that sends nothing for S seconds (default %1)\n"
         "  --overwrite      replace an existing target instead of failing (upload) or\n"
         "                   saving under a numbered name (download)\n"
         "  --task-id ID     name the transfer yourself (default: derived from the arguments,\n"
@@ -74,6 +77,7 @@ QString CKXCommandLine::usageText()
         "a file whose target already holds it (same size, not older) is skipped.\n"
         "Exit status: 0 done, 1 transfer failed (over several files: any failed), 2 bad\n"
         "arguments, 130 paused by Ctrl-C.\n");
+    return text.arg(ServerApi::Config().lowSpeedTimeSec);
 }
 
 QString CKXCommandLine::locationsText()
@@ -132,8 +136,9 @@ bool CKXCommandLine::parse(const QStringList& arguments, const QProcessEnvironme
     const QCommandLineOption recursive({QStringLiteral("r"), QStringLiteral("recursive")}, QString());
     const QCommandLineOption transfers(QStringLiteral("transfers"), QString(), QStringLiteral("N"),
                                        QStringLiteral("4"));
+    const QCommandLineOption timeout(QStringLiteral("timeout"), QString(), QStringLiteral("S"));
     parser.addOptions(
-        {help, server, token, jobs, limit, overwrite, taskId, quiet, password, recursive, transfers});
+        {help, server, token, jobs, limit, overwrite, taskId, quiet, password, recursive, transfers, timeout});
     if (!parser.parse(arguments)) {
         return fail(parser.errorText());
     }
@@ -155,7 +160,8 @@ bool CKXCommandLine::parse(const QStringList& arguments, const QProcessEnvironme
     m_options.password = parser.value(password);
     m_options.recursive = parser.isSet(recursive);
     return checkOperands() && readNumbers(parser.value(jobs), parser.value(limit)) &&
-           readTransfers(parser.value(transfers)) && (!parser.isSet(taskId) || checkTaskId()) && checkBatch();
+           readTransfers(parser.value(transfers)) && (!parser.isSet(timeout) || readTimeout(parser.value(timeout))) &&
+           (!parser.isSet(taskId) || checkTaskId()) && checkBatch();
 }
 
 bool CKXCommandLine::checkOperands()
@@ -264,6 +270,18 @@ bool CKXCommandLine::checkBatch()
     }
     if (!m_options.taskId.isEmpty()) {
         return fail(QStringLiteral("--task-id names one transfer; several files get one each"));
+    }
+    return true;
+}
+
+bool CKXCommandLine::readTimeout(const QString& seconds)
+{
+    bool ok = false;
+    m_options.timeout = seconds.toInt(&ok);
+    if (!ok || m_options.timeout < 1 || m_options.timeout > kMaxTimeoutSec) {
+        return fail(QStringLiteral("--timeout wants seconds from 1 to %1, got '%2'")
+                        .arg(kMaxTimeoutSec)
+                        .arg(seconds));
     }
     return true;
 }

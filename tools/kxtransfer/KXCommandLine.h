@@ -16,6 +16,7 @@ struct KXToolOptions
     QString token;
     int jobs = 4;
     qint64 limit = 0; // bytes per second, 0: unlimited
+    int timeout = 0;  // seconds a silent server is given, 0: the server-API library's default
     bool overwrite = false;
     QString taskId;
     bool quiet = false;
@@ -52,6 +53,7 @@ private:
     bool readNumbers(const QString& jobs, const QString& limit);
     bool readTransfers(const QString& transfers);
     bool checkBatch();
+    bool readTimeout(const QString& seconds);
     bool checkTaskId();
 
     KXToolOptions m_options;

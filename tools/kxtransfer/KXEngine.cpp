@@ -17,6 +17,13 @@ void CKXEngine::setUp(const KXEngineSettings& settings)
     config.sessionId = settings.token;
     config.maxSendBytesPerSec = settings.limit;
     config.maxRecvBytesPerSec = settings.limit;
+    if (settings.timeout > 0) {
+        // One silent period ends a request however many retries it still has.
+        const int ms = settings.timeout * 1000;
+        config.lowSpeedTimeSec = settings.timeout;
+        config.connectTimeoutMs = qMin(config.connectTimeoutMs, ms);
+        config.retryBudgetMs = ms;
+    }
     ServerApi::configure(config);
 
     // The value of the user-path key is the task log's level; 1 keeps information and above.

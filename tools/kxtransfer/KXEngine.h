@@ -11,6 +11,7 @@ struct KXEngineSettings
     QString token;
     int jobs = 4;     // blocks in flight per chunked file
     qint64 limit = 0; // bytes per second and direction, 0: unlimited
+    int timeout = 0;  // seconds without a byte before a request gives up, 0: the library's default
 };
 
 class CKXEngine

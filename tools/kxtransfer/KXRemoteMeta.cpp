@@ -134,7 +134,20 @@ bool CKXRemoteMeta::fetch(const QString& remotePath, KXRemoteEntry& out)
         failed(response)) {
         return false;
     }
-    out = entryFrom(QJsonDocument::fromJson(response.body.toUtf8()).object());
+    // A web page from a wrong address would otherwise pass for an empty file and be saved.
+    const QJsonDocument answer = QJsonDocument::fromJson(response.body.toUtf8());
+    const QJsonObject body = answer.object();
+    if (!answer.isObject() || !body.value(QStringLiteral("bytes")).isDouble()) {
+        const QByteArray type = header(response, "Content-Type");
+        m_code = ServerError;
+        m_message = QStringLiteral("the answer about %1 is not the server's metadata (%2, %3 bytes); "
+                                   "is the server address right?")
+                        .arg(remotePath,
+                             type.isEmpty() ? QStringLiteral("no Content-Type") : QString::fromLatin1(type))
+                        .arg(response.body.size());
+        return false;
+    }
+    out = entryFrom(body);
     return true;
 }
 

@@ -4,6 +4,7 @@
 #include "KXEngine.h"
 #include "KXInterrupt.h"
 #include "KXJobState.h"
+#include "KXLocalReason.h"
 #include "KXProgressPrinter.h"
 #include "KXRemoteMeta.h"
 #include "KXTaskDatabase.h"
@@ -415,6 +416,9 @@ void CKXTransferRunner::conclude(const SubTaskInfo& task, bool isUrl,
         outcome.status = KXTransferOutcome::Failed;
         outcome.code = code != NoError ? code : ServerError;
         outcome.message = last.errorInfo.isEmpty() ? QStringLiteral("the transfer stopped") : last.errorInfo;
+        if (!task.isUpload && code == LocalFileError) {
+            outcome.message += QStringLiteral(": ") + CKXLocalReason::describe(task.localFile.path);
+        }
         if (!m_busy && !hasFinishedBlocks(task)) {
             discardRow(task, isUrl); // nothing a later run could resume from
         }

@@ -106,7 +106,7 @@ void report(const KXTransferOutcome& outcome, const KXToolOptions& options)
 
 int runTransfer(const KXToolOptions& options)
 {
-    CKXEngine::setUp({options.server, options.token, options.jobs, options.limit});
+    CKXEngine::setUp({options.server, options.token, options.jobs, options.limit, options.timeout});
     CKXProgressPrinter printer(CKXProgressPrinter::detect(options.quiet));
     CKXTransferRunner runner(printer);
     const KXTransferOutcome outcome = runner.run(jobFor(options));

@@ -230,6 +230,12 @@ QString tmpFile(const QString& path)
     return path + QStringLiteral(".kxtmp");
 }
 
+QString tmpFile(const QString& path, const QString& owner)
+{
+    const QString tag = QString::fromLatin1(sha256Bytes(owner.toUtf8()).toHex().left(12));
+    return path + QLatin1Char('.') + tag + QStringLiteral(".kxtmp");
+}
+
 QString fileName(const QString& path)
 {
     return QFileInfo(path).fileName();
@@ -291,7 +297,7 @@ qint64 GetDiskAvailableBytes(const QString& path)
         probe = parent;
     }
     struct statvfs fs;
-    if (::statvfs(nativePath(probe).constData(), &fs) != 0) {
+    if (::statvfs(nativePath(probe).constData(), &fs) != 0 || (fs.f_flag & ST_RDONLY) != 0) {
         return -1;
     }
     return static_cast<qint64>(fs.f_bavail) * static_cast<qint64>(fs.f_frsize);

@@ -43,6 +43,10 @@ KXUTIL_EXPORT bool moveFile(const QString& src, const QString& dst);
 // The temporary path that a download to `path` is written to: beside it, in the same folder, so
 // that the final move is a rename: `path` + ".kxtmp".
 KXUTIL_EXPORT QString tmpFile(const QString& path);
+// The same for the task `owner` (its sub-task id): two tasks writing one target never share a
+// temporary file, and a resumed task finds its own again: `path` + "." + 12 hexadecimal
+// characters of the owner's SHA-256 + ".kxtmp".
+KXUTIL_EXPORT QString tmpFile(const QString& path, const QString& owner);
 
 // Opens `file` for writing from its first byte with nothing in it, creating it when missing.
 // Unlike QIODevice::WriteOnly it truncates only a file that holds something: on ext4 a truncation
@@ -64,7 +68,9 @@ KXUTIL_EXPORT QString SHA256(const QByteArray& data);
 KXUTIL_EXPORT QString SHA256(QIODevice* device, qint64 length);
 
 // Free bytes for an unprivileged user on the filesystem that holds `path`. The path need not
-// exist: the nearest existing parent folder is asked. -1 when it cannot be told.
+// exist: the nearest existing parent folder is asked. -1 when it cannot be told, and on a file
+// system mounted read-only, where no write succeeds whatever the space: the failure to create the
+// file then tells the real reason, not a shortage of space.
 KXUTIL_EXPORT qint64 GetDiskAvailableBytes(const QString& path);
 
 // Reversible protection of a password stored in the task's JSON text. The output is "kx1." followed

@@ -69,6 +69,7 @@ CKXCurlRequest::~CKXCurlRequest()
 bool CKXCurlRequest::prepare(CKXBandwidthLimiter* limiter)
 {
     m_limiter = limiter;
+    m_lastActivityAt = Clock::now();
     if (m_exchange.rejectError != ServerApi::NoLibraryError) {
         setLocalError(m_exchange.rejectError, m_exchange.rejectText);
         return false;
@@ -228,6 +229,7 @@ void CKXCurlRequest::resetForRetry()
     m_contentLength = -1;
     m_handedOn = 0;
     m_uploadNow = 0;
+    m_attemptBytes = 0;
     m_sourceOffset = 0;
     m_errorBuffer[0] = '\0';
     if (m_sourceFile)
@@ -245,6 +247,9 @@ int CKXCurlRequest::retryDelayMs(CURLcode result) const
     // Bytes already handed on cannot be taken back: the caller would see them twice.
     if (m_handedOn > 0)
         return -1;
+    const int budget = m_exchange.config.retryBudgetMs;
+    if (budget > 0 && Clock::now() - m_lastActivityAt >= std::chrono::milliseconds(budget))
+        return -1;
     const bool again = result == CURLE_OK ? (m_status == 502 || m_status == 503 || m_status == 504)
                                           : isTransientFailure(result);
     if (!again)
@@ -261,6 +266,7 @@ size_t CKXCurlRequest::onHeader(char* data, size_t size, size_t count, void* sel
 
 void CKXCurlRequest::headerLine(const QByteArray& line)
 {
+    m_lastActivityAt = Clock::now();
     if (line.startsWith("HTTP/")) {
         // A new answer begins (after "100 Continue" or a redirect): only the last one counts.
         const QList<QByteArray> parts = line.split(' ');
@@ -363,9 +369,13 @@ int CKXCurlRequest::onSeek(void* self, curl_off_t offset, int origin)
     return CURL_SEEKFUNC_OK;
 }
 
-int CKXCurlRequest::onXferInfo(void* self, curl_off_t, curl_off_t, curl_off_t, curl_off_t ulNow)
+int CKXCurlRequest::onXferInfo(void* self, curl_off_t, curl_off_t dlNow, curl_off_t, curl_off_t ulNow)
 {
     CKXCurlRequest* request = static_cast<CKXCurlRequest*>(self);
+    if (dlNow + ulNow > request->m_attemptBytes) {
+        request->m_attemptBytes = dlNow + ulNow;
+        request->m_lastActivityAt = Clock::now();
+    }
     request->m_uploadNow = ulNow;
     request->reportProgress(false);
     return 0;

@@ -92,6 +92,9 @@ private:
     qint64 m_handedOn = 0; // bytes of a 2xx body given to the data callback or the file
 
     int m_attempt = 0;
+    // when a byte last moved either way (or the first attempt began); read by retryDelayMs
+    Clock::time_point m_lastActivityAt = Clock::now();
+    curl_off_t m_attemptBytes = 0; // bytes moved by the current attempt, as libcurl counts them
     int m_localError = 0;
     QString m_localErrorText;
 

@@ -6,6 +6,7 @@
 #include "Block/KXBlockOpQueue.h"
 #include "Block/KXBlockTask.h"
 #include "Block/KXBlockTransfer.h"
+#include "Block/KXBlockVerifier.h"
 #include "KXLoggerWrapper.h"
 #include "KXRequestModels.h"
 #include "KXTFStoreManager.h"
@@ -114,6 +115,10 @@ bool CKXChunkedTransfer::begin()
         return false;
     }
     m_task->setChunckComplete(true);
+    if (!m_task->getIsUpload() && !holdTmpFileOrFail()) {
+        return false;
+    }
+    resetChangedBlocks();
     checkAllTasks();
     saveDB();
     if (m_cancelRequested.load()) {
@@ -128,6 +133,31 @@ bool CKXChunkedTransfer::begin()
     }
     endIfCancelled();
     return true;
+}
+
+bool CKXChunkedTransfer::holdTmpFileOrFail()
+{
+    const QString tmp = tmpFilePath();
+    int error = 0;
+    if (holdTmpFile(tmp, error)) {
+        return true;
+    }
+    TLOG_FATAL(QStringLiteral("创建文件失败 %1 path[%2] errorcode[%3]").arg(m_task->getId(), tmp).arg(error));
+    errorHandler(LocalFileError, tr("创建文件失败"), 200);
+    return false;
+}
+
+void CKXChunkedTransfer::resetChangedBlocks()
+{
+    const bool upload = m_task->getIsUpload();
+    const QString path = upload ? m_task->getLocalFileInfo().path : tmpFilePath();
+    for (CKXBlockTask* block : CKXBlockVerifier::changedBlocks(m_blocks, path, upload)) {
+        TLOG_FATAL(QStringLiteral("块内容已改变，重新传输 %1 idx %2").arg(m_task->getId()).arg(block->idx()));
+        block->setHash(QString());
+        block->setState(BlockTaskStateNone);
+        block->setSent(0);
+        block->setQuickTrans(false);
+    }
 }
 
 void CKXChunkedTransfer::runBlocks()
@@ -375,7 +405,11 @@ void CKXChunkedTransfer::del()
     CKXTransfer::del();
     CKXTFStoreManager::inst()->db()->DelBlockTasks(m_task->getId());
     const SubTaskInfo record = m_task->getSubTaskInfo();
-    if (!record.isUpload) {
-        KXUtil::removeFile(KXUtil::tmpFile(record.localFile.path));
+    // Another process downloading the same task holds its temporary file: not ours to remove.
+    int error = 0;
+    const QString tmp = tmpFilePath();
+    if (!record.isUpload && KXUtil::isExist(tmp) && holdTmpFile(tmp, error)) {
+        KXUtil::removeFile(tmp);
+        m_tmpLock.release();
     }
 }

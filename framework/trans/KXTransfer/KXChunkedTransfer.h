@@ -49,6 +49,10 @@ public:
     void downloadTaskComplete();
 
 private:
+    // A download writes into its temporary file only while holding it; false: reported.
+    bool holdTmpFileOrFail();
+    // Blocks of an earlier run whose bytes on disk changed since are moved again, not trusted.
+    void resetChangedBlocks();
     void runBlocks();
     // The loop ends when the engine has nothing left, or when a cancel has no block running any more.
     bool blockLoopDone() const;

@@ -62,9 +62,10 @@ void CKXComTransfer::downloadTask()
     if (!dir.exists()) {
         QDir().mkpath(dir.absolutePath());
     }
-    const QString tmp = KXUtil::tmpFile(localPath);
-    if (!KXUtil::isExist(tmp) && !KXUtil::createFile(tmp)) {
-        TLOG_FATAL(QStringLiteral("创建文件失败 %1 path[%2] errorcode[%3]").arg(id, tmp).arg(errno));
+    const QString tmp = tmpFilePath();
+    int error = 0;
+    if (!holdTmpFile(tmp, error)) {
+        TLOG_FATAL(QStringLiteral("创建文件失败 %1 path[%2] errorcode[%3]").arg(id, tmp).arg(error));
         errorHandler(LocalFileError, tr("创建文件失败"), 200);
         return;
     }

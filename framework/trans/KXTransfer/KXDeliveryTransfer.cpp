@@ -60,8 +60,9 @@ void CKXDeliveryTransfer::downloadTask()
     if (!dir.exists()) {
         QDir().mkpath(dir.absolutePath());
     }
-    const QString tmp = KXUtil::tmpFile(localPath);
-    if (!KXUtil::isExist(tmp) && !KXUtil::createFile(tmp)) {
+    const QString tmp = tmpFilePath();
+    int error = 0;
+    if (!holdTmpFile(tmp, error)) {
         TLOG_FATAL(QStringLiteral("local file is not exist %1").arg(id));
         errorHandler(LocalFileError, QStringLiteral("local file is not exist"), 200);
         return;

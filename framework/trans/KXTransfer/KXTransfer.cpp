@@ -246,12 +246,24 @@ bool CKXTransfer::renameTmpFile(ErrorCode& code, QString& message)
     const SubTaskInfo task = m_task->getSubTaskInfo();
     const QString localPath = task.localFile.path;
     TLOG_INFO(QStringLiteral("文件原始路径： %1").arg(localPath));
-    const QString tmp = KXUtil::tmpFile(localPath);
+    const QString tmp = tmpFilePath();
     TLOG_INFO(QStringLiteral("文件临时路径： %1").arg(tmp));
     if (!KXUtil::isExist(tmp)) {
         TLOG_FATAL(QStringLiteral("本地临时文件不存在:%1").arg(tmp));
         code = LocalFileError;
         message = tr("本地文件不存在");
+        return false;
+    }
+    // A file of the wrong length is never published: whatever cut it short or padded it, the
+    // destination keeps what it held.
+    const qint64 written = QFileInfo(tmp).size();
+    if (task.size > 0 && written != task.size) {
+        TLOG_FATAL(QStringLiteral("临时文件大小不符 tmp:%1 size:%2 expected:%3")
+                       .arg(tmp)
+                       .arg(written)
+                       .arg(task.size));
+        code = RenameTmpFileError;
+        message = tr("重命名本地临时文件错误");
         return false;
     }
     QString dest = localPath;
@@ -280,8 +292,19 @@ bool CKXTransfer::renameTmpFile(ErrorCode& code, QString& message)
         message = tr("重命名本地临时文件错误");
         return false;
     }
+    m_tmpLock.release();
     TLOG_FATAL(QStringLiteral("重命名本地临时文件 tmp:%1 dest:%2").arg(tmp, dest));
     return true;
+}
+
+QString CKXTransfer::tmpFilePath() const
+{
+    return KXUtil::tmpFile(m_task->getLocalFileInfo().path, m_task->getId());
+}
+
+bool CKXTransfer::holdTmpFile(const QString& tmp, int& error)
+{
+    return m_tmpLock.acquire(tmp, error);
 }
 
 void CKXTransfer::progressHandler(long long bytesDone, long long total)

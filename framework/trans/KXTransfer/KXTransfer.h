@@ -11,6 +11,7 @@
 
 #include "IKXTransferCallbacks.h"
 #include "KXTFBaseThread.h"
+#include "KXTmpFileLock.h"
 #include "KXTransferDefine.h"
 
 #include <atomic>
@@ -72,6 +73,13 @@ protected:
     // Reports a transfer event to the server's log and waits for the answer, which is ignored.
     void serverLogging(const QString& event, const SubTaskInfo& task);
 
+    // The temporary file this task downloads into, beside its target and unique to the task.
+    QString tmpFilePath() const;
+    // Creates the temporary file when missing and holds it locked until renameTmpFile() or the
+    // transfer's end. False with the system's error number when it cannot be had, or another
+    // download (of this task, in another process) holds it.
+    bool holdTmpFile(const QString& tmp, int& error);
+
     TransferErrorCallback m_errorCallback = nullptr;
     TransferProgressCallback m_progressCallback = nullptr;
     CKXTransferTask* m_task = nullptr;
@@ -79,6 +87,7 @@ protected:
     // Set by del(). A transfer whose cancelTask() does not wait may still end in a handler that
     // saves the task again; threadEnd() then removes that row once more.
     std::atomic<bool> m_deleted{false};
+    CKXTmpFileLock m_tmpLock;
 };
 
 Q_DECLARE_METATYPE(CKXTransfer*)

@@ -23,7 +23,7 @@ bool CKXUrlTransfer::begin()
 void CKXUrlTransfer::downloadTask()
 {
     const QString id = m_task->getId();
-    const QString tmp = KXUtil::tmpFile(m_task->getLocalFileInfo().path);
+    const QString tmp = tmpFilePath();
     if (!KXUtil::isExist(tmp)) {
         KXUtil::createFile(tmp);
     }

@@ -124,11 +124,13 @@ void TestKXTransferTool::optionsFallBackToEnvironment()
     QCOMPARE(fromEnv.options().token, QStringLiteral("env-token"));
     QCOMPARE(fromEnv.options().jobs, 4);
     QCOMPARE(fromEnv.options().limit, qint64(0));
+    QCOMPARE(fromEnv.options().timeout, 0);
     QVERIFY(!fromEnv.options().overwrite && !fromEnv.options().quiet);
 
     CKXCommandLine fromFlags;
     QVERIFY(fromFlags.parse({"kxtransfer", "upload", "l", "/r", "--server", "https://flag:2", "--token", "t2",
-                             "--jobs", "8", "--limit", "1M", "--overwrite", "-q", "--task-id", "{a.b}"},
+                             "--jobs", "8", "--limit", "1M", "--overwrite", "-q", "--task-id", "{a.b}",
+                             "--timeout", "5"},
                             env));
     const KXToolOptions& options = fromFlags.options();
     QCOMPARE(options.command, QStringLiteral("upload"));
@@ -137,6 +139,7 @@ void TestKXTransferTool::optionsFallBackToEnvironment()
     QCOMPARE(options.token, QStringLiteral("t2"));
     QCOMPARE(options.jobs, 8);
     QCOMPARE(options.limit, qint64(1048576));
+    QCOMPARE(options.timeout, 5);
     QVERIFY(options.overwrite && options.quiet);
     QCOMPARE(options.taskId, QStringLiteral("{a.b}"));
     QVERIFY(!options.isBatch());

@@ -1,7 +1,9 @@
 // kxtransfer run as a user runs it: a separate process, its exit status and what it prints,
 // against a real kxserver.
 
+#include "KXNginxProcess.h"
 #include "KXServerProcess.h"
+#include "KXSilentServer.h"
 #include "KXTestHttp.h"
 
 #include <QCryptographicHash>
@@ -114,6 +116,7 @@ private slots:
     void helpNamesTheDataLocation();
     void failuresPrintOneErrorLine();
     void interruptedUploadResumes();
+    void concurrentDownloadsOfOneTarget();
     void getFetchesPlainAddress();
     void shareLinksBothWays();
     void treeRoundTrip();
@@ -199,6 +202,8 @@ void TestKXTransferCommand::argumentErrors_data()
                                 << "--limit wants";
     QTest::newRow("limit unit") << QStringList{"upload", "a", "/a", "--limit", "10X"} << true
                                 << "--limit wants";
+    QTest::newRow("timeout zero") << QStringList{"download", "/a", "a", "--timeout", "0"} << true
+                                  << "--timeout wants";
     QTest::newRow("task id quote") << QStringList{"upload", "a", "/a", "--task-id", "it's"} << true
                                    << "--task-id wants";
     QTest::newRow("unknown option") << QStringList{"list", "--fast"} << true << "Unknown option 'fast'";
@@ -244,6 +249,17 @@ void TestKXTransferCommand::failuresPrintOneErrorLine()
     const QString local = m_dir.filePath(QStringLiteral("small.bin"));
     QVERIFY(writeFile(local, randomBytes(2000, 7)));
     QCOMPARE(run({"upload", local, "/errors/small.bin", "-q"}).exitCode, 0);
+    // A web server at the address: its page is no metadata.
+    QTemporaryDir site;
+    QVERIFY(QDir(site.path()).mkpath(QStringLiteral("v1")));
+    for (const char* page : {"v1/metadata", "v1/files"}) {
+        QVERIFY(writeFile(site.filePath(page), "<html><body>Welcome</body></html>"));
+    }
+    KXNginxProcess web;
+    QVERIFY2(web.start(site.path()), qPrintable(web.errorString()));
+    KXSilentServer silent;
+    QVERIFY(silent.isListening());
+    const QString underFile = local + QStringLiteral("/under.bin");
 
     struct Case
     {
@@ -256,6 +272,16 @@ void TestKXTransferCommand::failuresPrintOneErrorLine()
         {{"download", "/errors/none.bin", m_dir.filePath("none.bin")}, "error 20005 SourceNotFound: "},
         {{"download", "/errors", m_dir.filePath("dir.bin")}, "error 20019 ConflictWithFolder: "},
         {{"upload", local, "/errors/t.bin", "--token", "wrong"}, "error 20003 SessionInvalid: "},
+        {{"download", "/errors/small.bin", underFile},
+         "error 20106 LocalFileError: 创建文件失败: " + underFile + ": Not a directory"},
+        {{"download", "/errors/small.bin", m_dir.filePath("page.bin"), "--server", web.baseUrl()},
+         "error 20001 ServerError: the answer about /errors/small.bin is not the server's metadata"},
+        // Bounded by run(): retries must not multiply the silent period.
+        {{"download", "/errors/silent.bin", m_dir.filePath("silent.bin"), "--server", silent.baseUrl(),
+          "--timeout", "1"},
+         "error 28 TransportError: "},
+        {{"get", silent.baseUrl() + "/silent.bin", m_dir.filePath("silent-get.bin"), "--timeout", "1"},
+         "error 28 TransportError: "},
     };
     for (const Case& c : cases) {
         const ToolRun result = run(c.args + QStringList{"-q"});
@@ -264,7 +290,9 @@ void TestKXTransferCommand::failuresPrintOneErrorLine()
         QCOMPARE(lines.size(), 1);
         QVERIFY2(lines.first().startsWith(c.line), qPrintable(lines.first()));
     }
-    QVERIFY(!QFile::exists(m_dir.filePath("none.bin")));
+    for (const char* name : {"none.bin", "page.bin", "silent.bin", "silent-get.bin"}) {
+        QVERIFY2(!QFile::exists(m_dir.filePath(name)), name);
+    }
     // None of these left anything to resume.
     const ToolRun list = run({"list"});
     QCOMPARE(list.exitCode, 0);
@@ -309,6 +337,46 @@ void TestKXTransferCommand::interruptedUploadResumes()
     QCOMPARE(sha256(remoteFile(QStringLiteral("/resume/resume.bin"))), sha256(content));
     const ToolRun after = run({"list"});
     QVERIFY2(after.out.startsWith(QLatin1String("no unfinished transfers")), qPrintable(after.out));
+}
+
+// The same download run twice at once, each run with a data folder of its own (so with one task
+// id): after every round the target is the source, and a run that did not write it says why.
+void TestKXTransferCommand::concurrentDownloadsOfOneTarget()
+{
+    const QString source = m_dir.filePath(QStringLiteral("twice.src"));
+    const QByteArray content = randomBytes(6 * 4 * 1024 * 1024 - 5, 31);
+    QVERIFY(writeFile(source, content));
+    QCOMPARE(run({"upload", source, "/twice/big.bin", "-q"}).exitCode, 0);
+    const QString target = m_dir.filePath(QStringLiteral("twice.bin"));
+    const QStringList command{"download", "/twice/big.bin", target, "--overwrite", "--jobs", "2", "-q"};
+    for (int round = 0; round < 20; ++round) {
+        QProcess runs[2];
+        for (int i = 0; i < 2; ++i) {
+            QProcessEnvironment env = environment(true);
+            env.insert(QStringLiteral("XDG_DATA_HOME"), m_dir.filePath(QStringLiteral("data-%1").arg(i)));
+            runs[i].setProcessEnvironment(env);
+            runs[i].start(toolPath(), command);
+        }
+        int written = 0;
+        for (QProcess& process : runs) {
+            QVERIFY(process.waitForFinished(120000));
+            const QString err = QString::fromLocal8Bit(process.readAllStandardError());
+            if (process.exitCode() == 0) {
+                ++written;
+                continue;
+            }
+            QCOMPARE(process.exitCode(), 1);
+            QVERIFY2(err.startsWith(QStringLiteral("error 20106 LocalFileError: 创建文件失败: ") + target),
+                     qPrintable(err));
+        }
+        QVERIFY(written > 0);
+        QFile file(target);
+        QVERIFY(file.open(QIODevice::ReadOnly));
+        QVERIFY2(sha256(file.readAll()) == sha256(content),
+                 qPrintable(QStringLiteral("round %1").arg(round)));
+    }
+    const QStringList left = QDir(m_dir.path()).entryList({QStringLiteral("twice.bin.*")}, QDir::Files);
+    QVERIFY2(left.isEmpty(), qPrintable(left.join(QLatin1Char(' '))));
 }
 
 void TestKXTransferCommand::getFetchesPlainAddress()

@@ -9,6 +9,7 @@
 #include "KXUtil.h"
 #include "ServerApi.h"
 
+#include <QCryptographicHash>
 #include <QFile>
 
 namespace {
@@ -314,7 +315,8 @@ void CKXBlockTransfer::deliveryDownloadTask()
 void CKXBlockTransfer::downloadBlock(const FetchCall& fetch)
 {
     const QString id = m_task->taskId();
-    const QString tmp = KXUtil::tmpFile(m_task->info().localFile.path);
+    const SubTaskInfo record = m_task->info();
+    const QString tmp = KXUtil::tmpFile(record.localFile.path, record.subTaskId);
     if (!KXUtil::isExist(tmp) && !KXUtil::createFile(tmp)) {
         errorHandler(LocalFileError, tr("本地文件不存在"), 200);
         return;
@@ -332,7 +334,10 @@ void CKXBlockTransfer::downloadBlock(const FetchCall& fetch)
     // flushed: the latest failure is kept here, and the flush comes before the block may count
     // as done.
     FileFailure failure;
-    const auto onData = [&file, &failure, name](const QByteArray& chunk) {
+    // What this block wrote, so that a resumed download can tell whether the file still holds it.
+    QCryptographicHash digest(QCryptographicHash::Sha256);
+    const auto onData = [&file, &failure, &digest, name](const QByteArray& chunk) {
+        digest.addData(chunk);
         const qint64 position = file.pos();
         if (file.write(chunk) != chunk.size()) {
             TLOG_FATAL(QStringLiteral("本地写入数据失败,file {name %1 seek:%2 len:%3}")
@@ -359,6 +364,7 @@ void CKXBlockTransfer::downloadBlock(const FetchCall& fetch)
         failure = FileFailure{failureCode(file), file.errorString()};
     }
     file.close();
+    m_task->setHash(QString::fromLatin1(digest.result().toHex()));
     downloadAnswered(failure, parser);
 }
 

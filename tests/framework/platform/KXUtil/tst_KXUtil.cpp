@@ -260,6 +260,11 @@ void TestKXUtil::tmpFileLiesBesideItsFile()
     QVERIFY(tmp != path);
     QCOMPARE(QFileInfo(tmp).absolutePath(), QFileInfo(path).absolutePath());
     QVERIFY(KXUtil::fileName(tmp).startsWith(QStringLiteral("movie.mkv")));
+    // One per task, and the same one for the same task again.
+    const QString mine = KXUtil::tmpFile(path, QStringLiteral("task-a"));
+    QCOMPARE(QFileInfo(mine).absolutePath(), QFileInfo(path).absolutePath());
+    QVERIFY(mine != KXUtil::tmpFile(path, QStringLiteral("task-b")) && mine != tmp);
+    QCOMPARE(KXUtil::tmpFile(path, QStringLiteral("task-a")), mine);
 }
 
 void TestKXUtil::freeBytesFromNearestParent()

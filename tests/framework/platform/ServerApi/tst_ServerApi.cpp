@@ -2,6 +2,7 @@
 
 #include "KXResponseRecorder.h"
 #include "KXServerProcess.h"
+#include "KXSilentServer.h"
 #include "ServerApi.h"
 
 #include <QCryptographicHash>
@@ -103,6 +104,8 @@ private slots:
     void cancelInTheMiddleOfALargeDownload();
     void droppedConnectionCompletesOnceWithAnError();
     void hashQueriesAreRetriedAfterFaults();
+    void silentServerCostsOneStall_data();
+    void silentServerCostsOneStall();
     void manyThreadsManyRequests();
     void rateLimitedTransfersArriveIntact();
     void shutdownCompletesPendingRequests();
@@ -672,6 +675,41 @@ void TestServerApi::hashQueriesAreRetriedAfterFaults()
     KX_COMPLETE(commit);
     QCOMPARE(commit->response().statusCode, 503);
     QCOMPARE(m_server.stats().value(QStringLiteral("requests")).toInt(), 1);
+}
+
+void TestServerApi::silentServerCostsOneStall_data()
+{
+    QTest::addColumn<int>("budgetMs");
+    QTest::addColumn<int>("retries");
+    QTest::addColumn<int>("attempts");
+    QTest::newRow("budget spent by the first stall") << 1000 << 3 << 1;
+    QTest::newRow("no budget: every retry stalls") << 0 << 2 << 3;
+}
+
+// A server that accepts and never answers ends a retryable request after one no-progress
+// period: the retries do not multiply it.
+void TestServerApi::silentServerCostsOneStall()
+{
+    QFETCH(int, budgetMs);
+    QFETCH(int, retries);
+    QFETCH(int, attempts);
+    KXSilentServer silent;
+    QVERIFY(silent.isListening());
+    ServerApi::Config config = baseConfig();
+    config.baseUrl = silent.baseUrl();
+    config.lowSpeedTimeSec = 1;
+    config.maxRetries = retries;
+    config.retryBudgetMs = budgetMs;
+    ServerApi::configure(config);
+
+    Recorder meta = KXResponseRecorder::make();
+    KXServerApiMetaEntryModel model;
+    model.entry = entryAt(QStringLiteral("/silent.bin"));
+    ServerApi::MetaData(model, meta->onResponse());
+    KX_COMPLETE(meta);
+    QCOMPARE(meta->response().statusCode, 0);
+    QCOMPARE(meta->response().errorCode, 28); // libcurl: operation timed out
+    QCOMPARE(silent.takeConnections(), attempts);
 }
 
 void TestServerApi::manyThreadsManyRequests()

@@ -108,7 +108,7 @@ void TestApiComTransfer::roundTrip()
     QCOMPARE(downRecord.code, NoError);
     QVERIFY(QFile::exists(back));
     QCOMPARE(sha256(fileContent(back)), sha256(content));
-    QVERIFY(!QFile::exists(KXUtil::tmpFile(back)));
+    QVERIFY(!QFile::exists(KXUtil::tmpFile(back, down.subTaskId)));
     if (size == kOneBlock) {
         QVERIFY(downRecord.progress > 0);
         QCOMPARE(downRecord.lastBytes, size);
@@ -181,6 +181,15 @@ void TestApiComTransfer::failedDownloadLeavesNoPartialFile()
     QCOMPARE(dropped.task.state, StateError);
     QCOMPARE(fileContent(kept), QByteArray("previous version"));
     QVERIFY(env.server().clearFaults());
+
+    // A body of another length than the task's (the file changed since its size was learnt) is
+    // not published.
+    SubTaskInfo stale = CKXApiFixture::downloadTask(QStringLiteral("/f/big.bin"), content.size() + 1, kept);
+    stale.remoteFile.syncOverwrite = true;
+    ApiTaskRecord wrongSize;
+    KX_RUN_TO_END(env, stale, &wrongSize, false);
+    QCOMPARE(int(wrongSize.code), int(RenameTmpFileError));
+    QCOMPARE(fileContent(kept), QByteArray("previous version"));
 
     // A missing remote file; the whole-file download reports the HTTP status as its code.
     const QString fresh = env.localPath(QStringLiteral("fresh.bin"));
@@ -258,11 +267,11 @@ void TestApiComTransfer::localProblemsNeverReachServer()
     // More than any disk holds; the check happens before a byte is asked for.
     const QString huge = env.localPath(QStringLiteral("huge.bin"));
     ApiTaskRecord noSpace;
-    KX_RUN_TO_END(env, CKXApiFixture::downloadTask(QStringLiteral("/l/huge.bin"), kOnePiB, huge), &noSpace,
-                  false);
+    const SubTaskInfo hugeTask = CKXApiFixture::downloadTask(QStringLiteral("/l/huge.bin"), kOnePiB, huge);
+    KX_RUN_TO_END(env, hugeTask, &noSpace, false);
     QCOMPARE(noSpace.code, NoSpace);
     QVERIFY(!QFile::exists(huge));
-    QVERIFY(!QFile::exists(KXUtil::tmpFile(huge)));
+    QVERIFY(!QFile::exists(KXUtil::tmpFile(huge, hugeTask.subTaskId)));
 
     QCOMPARE(statOf(env.server(), "requests"), 0);
 }

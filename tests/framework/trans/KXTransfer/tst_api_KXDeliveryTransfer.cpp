@@ -92,7 +92,7 @@ void TestApiDeliveryTransfer::downloadFromLink()
     KX_RUN_TO_END(env, task, &record, false);
     QCOMPARE(record.code, NoError);
     QCOMPARE(sha256(fileContent(local)), sha256(content));
-    QVERIFY(!QFile::exists(KXUtil::tmpFile(local)));
+    QVERIFY(!QFile::exists(KXUtil::tmpFile(local, task.subTaskId)));
     // The download alone: a download never asks for an upload authorisation.
     QCOMPARE(env.server().stats().value("requests").toInt(), 1);
     env.checkReadOnce(task.subTaskId, content.size());

@@ -65,18 +65,19 @@ void TestApiUrlTransfer::downloadsAddress()
     const QString url = publish(QStringLiteral("files/a.bin"), content);
     QVERIFY(!url.isEmpty());
     const QString local = m_env->localPath(QStringLiteral("a.bin"));
+    SubTaskInfo task = CKXApiFixture::downloadTask(QString(), 0, local);
+    task.dataServerHost = url;
     // Left over from an earlier attempt and longer than the file: it must be rewritten, not appended to.
-    QVERIFY(writeFile(KXUtil::tmpFile(local), randomBytes(512 * 1024, 7)));
+    QVERIFY(writeFile(KXUtil::tmpFile(local, task.subTaskId), randomBytes(512 * 1024, 7)));
 
     ApiTaskRecord record;
-    KX_RUN_ADDRESS_TO_END(*m_env, url, local, &record);
+    KX_RUN_TO_END(*m_env, task, &record, true);
     QCOMPARE(record.code, NoError);
     QCOMPARE(sha256(fileContent(local)), sha256(content));
-    QVERIFY(!QFile::exists(KXUtil::tmpFile(local)));
+    QVERIFY(!QFile::exists(KXUtil::tmpFile(local, task.subTaskId)));
     // The size is learnt from the download itself.
     QCOMPARE(record.task.size, qint64(content.size()));
     QVERIFY(record.progress > 0);
-    QCOMPARE(record.task.subTaskId.size(), 38);
     m_env->checkReadOnce(record.task.subTaskId, content.size());
 }
 
@@ -88,6 +89,7 @@ void TestApiUrlTransfer::missingAddressFails()
     // A plain address answers without a server error code: the failure is in the record.
     QCOMPARE(record.task.state, StateError);
     QCOMPARE(record.task.httpCode, 404);
+    QCOMPARE(record.task.subTaskId.size(), 38); // the address form draws an id of its own
     QVERIFY(!QFile::exists(local));
     QCOMPARE(m_env->dbRowState(record.task.subTaskId), int(StateError));
 }
@@ -125,7 +127,7 @@ void TestApiUrlTransfer::addressLargerThanDisk()
     KX_RUN_TO_END(*m_env, task, &record, true);
     QCOMPARE(record.code, NoSpace);
     QVERIFY(!QFile::exists(local));
-    QVERIFY(!QFile::exists(KXUtil::tmpFile(local)));
+    QVERIFY(!QFile::exists(KXUtil::tmpFile(local, task.subTaskId)));
 }
 
 QTEST_GUILESS_MAIN(TestApiUrlTransfer)
