@@ -262,23 +262,47 @@ QString SHA256(QIODevice* device, qint64 length)
 {
     // Small enough to stay in the processor's cache between the read and the hash.
     constexpr qint64 kPiece = 256 * 1024;
-    std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> context(EVP_MD_CTX_new(), &EVP_MD_CTX_free);
-    if (!context || EVP_DigestInit_ex(context.get(), EVP_sha256(), nullptr) != 1) {
-        return QString();
-    }
+    Sha256Stream hash;
     QByteArray piece(static_cast<int>(std::min(kPiece, std::max<qint64>(length, 1))), Qt::Uninitialized);
     for (qint64 left = length; left > 0;) {
         const qint64 got = device->read(piece.data(), std::min<qint64>(left, piece.size()));
-        if (got <= 0 || EVP_DigestUpdate(context.get(), piece.constData(), static_cast<size_t>(got)) != 1) {
+        if (got <= 0) {
             return QString();
         }
+        hash.add(piece.constData(), got);
         left -= got;
     }
+    return hash.hex();
+}
+
+struct Sha256Stream::Context
+{
+    std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> md{EVP_MD_CTX_new(), &EVP_MD_CTX_free};
+    bool ok = md && EVP_DigestInit_ex(md.get(), EVP_sha256(), nullptr) == 1;
+};
+
+Sha256Stream::Sha256Stream() : m_context(new Context) {}
+
+Sha256Stream::~Sha256Stream()
+{
+    delete m_context;
+}
+
+void Sha256Stream::add(const char* data, qint64 size)
+{
+    m_context->ok =
+        m_context->ok && EVP_DigestUpdate(m_context->md.get(), data, static_cast<size_t>(size)) == 1;
+}
+
+QString Sha256Stream::hex()
+{
     unsigned char digest[EVP_MAX_MD_SIZE];
     unsigned int size = 0;
-    if (EVP_DigestFinal_ex(context.get(), digest, &size) != 1) {
+    if (!m_context->ok || EVP_DigestFinal_ex(m_context->md.get(), digest, &size) != 1) {
+        m_context->ok = false;
         return QString();
     }
+    m_context->ok = false; // ended: a later add() or hex() gives nothing
     return QString::fromLatin1(
         QByteArray(reinterpret_cast<const char*>(digest), static_cast<int>(size)).toHex());
 }

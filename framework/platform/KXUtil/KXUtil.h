@@ -67,6 +67,24 @@ KXUTIL_EXPORT QString SHA256(const QByteArray& data);
 // device's own error then tells why.
 KXUTIL_EXPORT QString SHA256(QIODevice* device, qint64 length);
 
+// SHA-256 of bytes that arrive in pieces (a download, say), as fast as SHA256() above. Not
+// thread-safe: one owner feeds it. hex() ends it; an empty text if the hash could not be had.
+class KXUTIL_EXPORT Sha256Stream
+{
+public:
+    Sha256Stream();
+    ~Sha256Stream();
+    Sha256Stream(const Sha256Stream&) = delete;
+    Sha256Stream& operator=(const Sha256Stream&) = delete;
+
+    void add(const char* data, qint64 size);
+    QString hex();
+
+private:
+    struct Context;
+    Context* m_context;
+};
+
 // Free bytes for an unprivileged user on the filesystem that holds `path`. The path need not
 // exist: the nearest existing parent folder is asked. -1 when it cannot be told, and on a file
 // system mounted read-only, where no write succeeds whatever the space: the failure to create the

@@ -9,7 +9,6 @@
 #include "KXUtil.h"
 #include "ServerApi.h"
 
-#include <QCryptographicHash>
 #include <QFile>
 
 namespace {
@@ -335,9 +334,9 @@ void CKXBlockTransfer::downloadBlock(const FetchCall& fetch)
     // as done.
     FileFailure failure;
     // What this block wrote, so that a resumed download can tell whether the file still holds it.
-    QCryptographicHash digest(QCryptographicHash::Sha256);
+    KXUtil::Sha256Stream digest;
     const auto onData = [&file, &failure, &digest, name](const QByteArray& chunk) {
-        digest.addData(chunk);
+        digest.add(chunk.constData(), chunk.size());
         const qint64 position = file.pos();
         if (file.write(chunk) != chunk.size()) {
             TLOG_FATAL(QStringLiteral("本地写入数据失败,file {name %1 seek:%2 len:%3}")
@@ -364,7 +363,7 @@ void CKXBlockTransfer::downloadBlock(const FetchCall& fetch)
         failure = FileFailure{failureCode(file), file.errorString()};
     }
     file.close();
-    m_task->setHash(QString::fromLatin1(digest.result().toHex()));
+    m_task->setHash(digest.hex());
     downloadAnswered(failure, parser);
 }
 

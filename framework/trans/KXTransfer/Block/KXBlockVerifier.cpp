@@ -15,11 +15,7 @@ namespace {
 
 QString hashAt(QFile& file, long long loc, long long length)
 {
-    if (!file.seek(loc)) {
-        return QString();
-    }
-    const QByteArray data = file.read(length);
-    return data.size() == length ? KXUtil::SHA256(data) : QString();
+    return file.seek(loc) ? KXUtil::SHA256(&file, length) : QString();
 }
 
 } // namespace

@@ -104,6 +104,13 @@ void TestKXUtil::sha256LargeBufferMatchesReference()
     QCOMPARE(KXUtil::SHA256(&device, block.size()), reference);
     QVERIFY(device.seek(4));
     QCOMPARE(KXUtil::SHA256(&device, block.size() + 5), QString());
+
+    // Fed in uneven pieces, as a download's answer arrives.
+    KXUtil::Sha256Stream stream;
+    for (int at = 0, piece = 1; at < block.size(); at += piece, piece = piece * 7 % 65521 + 1) {
+        stream.add(block.constData() + at, qMin(piece, block.size() - at));
+    }
+    QCOMPARE(stream.hex(), reference);
 }
 
 void TestKXUtil::userPathFollowsXdgDataHome()
