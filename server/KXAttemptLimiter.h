@@ -34,5 +34,5 @@ private:
     std::mutex m_mutex;
     static constexpr size_t kFirstSweep = 4096;
     std::map<std::string, std::deque<Clock::time_point>> m_failures; // guarded by m_mutex
-    size_t m_sweepAt = kFirstSweep;                                   // guarded by m_mutex
+    size_t m_sweepAt = kFirstSweep;                                  // guarded by m_mutex
 };

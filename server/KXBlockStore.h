@@ -25,8 +25,8 @@
 
 #include <atomic>
 #include <functional>
-#include <shared_mutex>
 #include <set>
+#include <shared_mutex>
 #include <string>
 #include <vector>
 

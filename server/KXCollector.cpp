@@ -8,8 +8,7 @@
 #include <chrono>
 #include <ctime>
 
-CKXCollector::CKXCollector(CKXMetaStore& meta, CKXBlockStore& blocks, CKXServerLog& log,
-                           qint64 expirySeconds)
+CKXCollector::CKXCollector(CKXMetaStore& meta, CKXBlockStore& blocks, CKXServerLog& log, qint64 expirySeconds)
     : m_meta(meta), m_blocks(blocks), m_log(log), m_expiry(expirySeconds)
 {}
 

@@ -164,8 +164,8 @@ bool CKXMetaStore::open(const std::string& path, std::string* error, bool durabl
     }
     sqlite3_busy_timeout(m_db, 10000);
     const char* synchronous = durable ? "PRAGMA synchronous=FULL" : "PRAGMA synchronous=OFF";
-    if (!execLocked("PRAGMA journal_mode=WAL") || !execLocked(synchronous) ||
-        !execLocked(kSchema) || !migrateLocked()) {
+    if (!execLocked("PRAGMA journal_mode=WAL") || !execLocked(synchronous) || !execLocked(kSchema) ||
+        !migrateLocked()) {
         *error = "cannot prepare " + path + ": " + sqlite3_errmsg(m_db);
         return false;
     }
@@ -513,11 +513,14 @@ bool CKXMetaStore::saveUploadSession(const UploadSession& session, const std::ve
     Statement open(m_db, "INSERT OR IGNORE INTO upload_sessions(id, space, path, size, created, touched)"
                          " VALUES(?1, ?2, ?3, ?4, ?5, ?5)");
     Statement touch(m_db, "UPDATE upload_sessions SET touched = ? WHERE id = ?");
-    Statement forget(m_db, "DELETE FROM session_blocks WHERE upload_id = ? AND size < 0");
     bool ok = tx.begun() &&
-              open.bind(1, session.id).bind(2, session.space).bind(3, session.path).bind(4, session.size)
-                  .bind(5, now()).run() &&
-              touch.bind(1, now()).bind(2, session.id).run() && forget.bind(1, session.id).run();
+              open.bind(1, session.id)
+                  .bind(2, session.space)
+                  .bind(3, session.path)
+                  .bind(4, session.size)
+                  .bind(5, now())
+                  .run() &&
+              touch.bind(1, now()).bind(2, session.id).run();
     Statement offer(m_db, "INSERT OR IGNORE INTO session_blocks(upload_id, hash) VALUES(?, ?)");
     for (size_t i = 0; ok && i < offered.size(); ++i) {
         offer.reset();
@@ -545,7 +548,8 @@ ServerError CKXMetaStore::admitBlock(const UploadSession& session, const std::st
     Statement q(m_db, "SELECT size FROM session_blocks WHERE upload_id = ? AND hash = ?");
     if (!q.bind(1, session.id).bind(2, hash).next()) {
         return ServerError::make(400, "bad request",
-                                 "block " + hash + " was not offered by the hash query of upload " + session.id);
+                                 "block " + hash + " was not offered by the hash query of upload " +
+                                     session.id);
     }
     if (q.integer(0) >= 0 || quota <= 0) {
         return {}; // a repeated block takes no more room

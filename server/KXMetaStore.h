@@ -51,8 +51,8 @@ public:
     ServerError setLocked(const Target& target, bool locked);
     ServerError setVirus(const Target& target, bool virus);
 
-    // Opens the session, or marks it active again; `offered` replaces the blocks it offered
-    // earlier and has not received yet.
+    // Opens the session, or marks it active again, and adds `offered` to the blocks it may
+    // receive (clients may ask block by block, all under the one session of the file).
     bool saveUploadSession(const UploadSession& session, const std::vector<std::string>& offered);
     bool uploadSession(const std::string& id, UploadSession* out);
     // Whether the session may receive the block: offered by its hash query, and within the quota

@@ -51,6 +51,7 @@ private:
     int onExpectContinue(const httplib::Request& req, httplib::Response& res);
     // Answers `error` before the body is read and closes the connection afterwards.
     void refuseEarly(const ServerError& error, httplib::Response& res);
+    // Runs once the answer is written: logs it, and ends a connection the answer closes.
     void onLog(const httplib::Request& req, const httplib::Response& res);
 
     struct PreflightRoute

@@ -22,8 +22,8 @@ constexpr std::chrono::seconds kFailureWindow(60);
 } // namespace
 
 CKXShareApi::CKXShareApi(ServerContext& context)
-    : m_ctx(context), m_links(context.meta, context.accounts), m_linkFailures(kFailuresPerLink, kFailureWindow),
-      m_addressFailures(kFailuresPerAddress, kFailureWindow)
+    : m_ctx(context), m_links(context.meta, context.accounts),
+      m_linkFailures(kFailuresPerLink, kFailureWindow), m_addressFailures(kFailuresPerAddress, kFailureWindow)
 {}
 
 void CKXShareApi::registerRoutes(CKXRouter& router)
@@ -85,8 +85,8 @@ ServerError CKXShareApi::checkPassword(CKXRequest& r, const ShareInfo& share, co
     const std::string& address = r.http().remote_addr;
     qint64 wait = std::max(m_linkFailures.retryAfter(share.code), m_addressFailures.retryAfter(address));
     if (wait > 0) {
-        m_ctx.log.line("share " + share.code + ": password attempt from " + address + " refused, retry after " +
-                       std::to_string(wait) + " s");
+        m_ctx.log.line("share " + share.code + ": password attempt from " + address +
+                       " refused, retry after " + std::to_string(wait) + " s");
         r.response().set_header("Retry-After", std::to_string(wait));
         return ServerError::make(429, "too many attempts", "too many wrong passwords; try again later");
     }
