@@ -19,6 +19,7 @@
 #include <cctype>
 #include <ctime>
 #include <set>
+#include <string_view>
 
 namespace {
 
@@ -319,7 +320,7 @@ void CKXFileService::queryHash(CKXRequest& r, const Target& target, qint64 size,
     }
     std::set<std::string> present = presentFor(reach, hashes);
     QJsonArray needed;
-    std::set<std::string> seen;
+    std::set<std::string_view> seen;
     for (const std::string& hash : hashes) {
         if (seen.insert(hash).second && !present.count(hash)) {
             needed.append(QString::fromStdString(hash));

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <ctime>
+#include <string_view>
 
 namespace {
 
@@ -44,8 +45,9 @@ const char* const kProvenQuery =
     " WHERE sb.hash = ?1 AND sb.size >= 0 AND us.space = ?2"
     " AND (?3 = '/' OR us.path = ?3 OR substr(us.path, 1, length(?3) + 1) = ?3 || '/') LIMIT 1";
 
-// Hashes checked per hold of the lock, so that a huge query does not stall every other request.
-constexpr size_t kProofBatch = 4096;
+// Hashes checked or stored per hold of the lock, so that a huge hash query does not stall every
+// other request.
+constexpr size_t kBatch = 4096;
 
 const char* const kEntryColumns =
     "SELECT id, path, is_dir, size, rev, mtime, locked, virus,"
@@ -163,8 +165,8 @@ bool CKXMetaStore::open(const std::string& path, std::string* error, bool durabl
         return false;
     }
     sqlite3_busy_timeout(m_db, 10000);
-    const char* synchronous = durable ? "PRAGMA synchronous=FULL" : "PRAGMA synchronous=OFF";
-    if (!execLocked("PRAGMA journal_mode=WAL") || !execLocked(synchronous) || !execLocked(kSchema) ||
+    m_synchronous = durable ? "PRAGMA synchronous=FULL" : "PRAGMA synchronous=OFF";
+    if (!execLocked("PRAGMA journal_mode=WAL") || !execLocked(m_synchronous) || !execLocked(kSchema) ||
         !migrateLocked()) {
         *error = "cannot prepare " + path + ": " + sqlite3_errmsg(m_db);
         return false;
@@ -269,10 +271,10 @@ std::set<std::string> CKXMetaStore::liveBlocks()
 std::set<std::string> CKXMetaStore::provenBlocks(const Reach& reach, const std::vector<std::string>& hashes)
 {
     std::set<std::string> out;
-    for (size_t first = 0; first < hashes.size(); first += kProofBatch) {
+    for (size_t first = 0; first < hashes.size(); first += kBatch) {
         std::lock_guard<std::mutex> lock(m_mutex);
         Statement q(m_db, kProvenQuery);
-        for (size_t i = first; i < std::min(hashes.size(), first + kProofBatch); ++i) {
+        for (size_t i = first; i < std::min(hashes.size(), first + kBatch); ++i) {
             for (const Target& root : reach) {
                 q.reset();
                 if (q.bind(1, hashes[i]).bind(2, root.space).bind(3, root.path).next()) {
@@ -506,27 +508,43 @@ ServerError CKXMetaStore::setVirus(const Target& target, bool virus)
                          virus);
 }
 
-bool CKXMetaStore::saveUploadSession(const UploadSession& session, const std::vector<std::string>& offered)
+bool CKXMetaStore::saveUploadSession(const UploadSession& session, const std::vector<std::string>& hashes)
 {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    Transaction tx(m_db);
+    // In key order the rows go into the indexes page by page instead of all over them.
+    std::vector<std::string_view> offered(hashes.begin(), hashes.end());
+    std::sort(offered.begin(), offered.end());
+    offered.erase(std::unique(offered.begin(), offered.end()), offered.end());
+    bool ok = true;
+    for (size_t first = 0; ok && (first == 0 || first < offered.size()); first += kBatch) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        // Not worth a sync: after a power loss the client's next hash query offers them again, and
+        // the next durable transaction forces these out with it.
+        execLocked("PRAGMA synchronous=OFF");
+        Transaction tx(m_db);
+        ok = tx.begun() && (first > 0 || openSessionLocked(session));
+        Statement offer(m_db, "INSERT OR IGNORE INTO session_blocks(upload_id, hash) VALUES(?, ?)");
+        for (size_t i = first; ok && i < std::min(offered.size(), first + kBatch); ++i) {
+            offer.reset();
+            ok = offer.bind(1, session.id).bind(2, std::string(offered[i])).run();
+        }
+        ok = ok && tx.commit();
+        execLocked(m_synchronous);
+    }
+    return ok;
+}
+
+bool CKXMetaStore::openSessionLocked(const UploadSession& session)
+{
     Statement open(m_db, "INSERT OR IGNORE INTO upload_sessions(id, space, path, size, created, touched)"
                          " VALUES(?1, ?2, ?3, ?4, ?5, ?5)");
     Statement touch(m_db, "UPDATE upload_sessions SET touched = ? WHERE id = ?");
-    bool ok = tx.begun() &&
-              open.bind(1, session.id)
-                  .bind(2, session.space)
-                  .bind(3, session.path)
-                  .bind(4, session.size)
-                  .bind(5, now())
-                  .run() &&
-              touch.bind(1, now()).bind(2, session.id).run();
-    Statement offer(m_db, "INSERT OR IGNORE INTO session_blocks(upload_id, hash) VALUES(?, ?)");
-    for (size_t i = 0; ok && i < offered.size(); ++i) {
-        offer.reset();
-        ok = offer.bind(1, session.id).bind(2, offered[i]).run();
-    }
-    return ok && tx.commit();
+    return open.bind(1, session.id)
+               .bind(2, session.space)
+               .bind(3, session.path)
+               .bind(4, session.size)
+               .bind(5, now())
+               .run() &&
+           touch.bind(1, now()).bind(2, session.id).run();
 }
 
 bool CKXMetaStore::uploadSession(const std::string& id, UploadSession* out)

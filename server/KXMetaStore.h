@@ -72,6 +72,7 @@ private:
     // Helpers named *Locked expect m_mutex to be held.
     bool execLocked(const char* sql);
     bool migrateLocked();
+    bool openSessionLocked(const UploadSession& session);
     bool lookupLocked(const Target& target, EntryInfo* out);
     qint64 usageLocked(const std::string& space);
     // Bytes the open upload sessions of `space` have received, except those of `exceptPath`.
@@ -88,5 +89,6 @@ private:
     ServerError internalLocked(const std::string& what);
 
     std::mutex m_mutex;
-    sqlite3* m_db = nullptr; // guarded by m_mutex
+    sqlite3* m_db = nullptr;                               // guarded by m_mutex
+    const char* m_synchronous = "PRAGMA synchronous=FULL"; // set by open()
 };

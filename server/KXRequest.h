@@ -57,7 +57,8 @@ public:
     void setInflightToken(std::shared_ptr<void> token) { m_inflight = std::move(token); }
     const std::shared_ptr<void>& inflightToken() const { return m_inflight; }
 
-    // After the handler: carries out a pending drop, and reads away an unread small body so the
+    // After the handler: returns the memory a large JSON body took to the system, carries out a
+    // pending drop, and reads away an unread small body so the
     // connection stays usable (a large one, or one refused as too large, closes the connection
     // instead).
     void finish();
@@ -71,5 +72,6 @@ private:
     bool m_hasFault;
     bool m_dropPending;
     bool m_bodyRead = false;
+    bool m_trimAfter = false; // a large JSON body was parsed: hand freed memory back when done
     std::shared_ptr<void> m_inflight;
 };
