@@ -271,11 +271,18 @@ bool CKXBlockStore::writeTemp(const std::string& tmpPath, const char* data, size
     return ok;
 }
 
+// A block linked anew carries the time it was written, so only one that was there already needs
+// marking, under the lock that collect() takes between its last look and the removal.
+bool CKXBlockStore::markInUse(const std::string& hash)
+{
+    std::shared_lock<std::shared_mutex> lock(m_collecting);
+    return sizeOf(hash) >= 0 && ::utimensat(AT_FDCWD, pathOf(hash).c_str(), nullptr, 0) == 0;
+}
+
 CKXBlockStore::PutResult CKXBlockStore::put(const std::string& hash, const char* data, size_t size,
                                             std::string* error)
 {
-    std::shared_lock<std::shared_mutex> lock(m_collecting);
-    if (sizeOf(hash) >= 0 && ::utimensat(AT_FDCWD, pathOf(hash).c_str(), nullptr, 0) == 0) {
+    if (markInUse(hash)) {
         return PutResult::AlreadyPresent;
     }
     std::string dir = m_blocksDir + "/" + hash.substr(0, 2);

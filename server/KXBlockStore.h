@@ -66,6 +66,8 @@ private:
     bool writeTemp(const std::string& tmpPath, const char* data, size_t size, std::string* error) const;
 
     bool markUnsyncedWrites(std::string* error);
+    // True when the block is stored; it then counts as just written.
+    bool markInUse(const std::string& hash);
     // Calls `visit(hash, path)` for every stored block.
     void forEachBlock(const std::function<void(const std::string&, const std::string&)>& visit) const;
 
@@ -75,6 +77,6 @@ private:
     ServerOptions::Sync m_sync = ServerOptions::Sync::Commit;
     bool m_lostUnsynced = false;
     std::atomic<quint64> m_tmpCounter{0};
-    // Shared by put(), exclusive while collect() removes a block.
+    // Shared while put() marks a stored block in use, exclusive while collect() removes one.
     std::shared_mutex m_collecting;
 };
