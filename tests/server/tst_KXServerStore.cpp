@@ -262,7 +262,7 @@ void TestKXServerStore::killDuringUploadKeepsStoreConsistent()
 
 void TestKXServerStore::abandonedUploadsStayWithinQuotaAndGo()
 {
-    CKXServerProcess server({"--quota", "20000", "--upload-expiry", "2"});
+    CKXServerProcess server({"--quota", "20000", "--upload-expiry", "3"});
     QVERIFY2(server.start(), qPrintable(server.errorString()));
     auto query = [&](const QString& path, const QByteArray& block) {
         QJsonObject body{{"path", path}, {"size", block.size()}, {"hashes", QJsonArray{sha(block)}}};
