@@ -148,7 +148,13 @@ ServerError CKXAccountApi::prepareBlock(const httplib::Request& req, UploadSessi
     if (e.ok() && session->space != "ent" && session->space != "self:" + account) {
         e = ServerError::make(403, "forbidden", "the upload session belongs to another account");
     }
-    return e;
+    return e.ok() ? m_ctx.files.admitBlock(req, *session) : e;
+}
+
+// Every account reads the shared space, so building on its blocks reveals nothing.
+Reach CKXAccountApi::reachOf(const std::string& account)
+{
+    return Reach{Target{"self:" + account, "/"}, Target{"ent", "/"}};
 }
 
 void CKXAccountApi::metadata(CKXRequest& r)
@@ -248,7 +254,7 @@ void CKXAccountApi::queryHash(CKXRequest& r)
     if (!e.ok()) {
         return r.replyError(e);
     }
-    m_ctx.files.queryHash(r, target, size, overwrite, hashes);
+    m_ctx.files.queryHash(r, target, size, overwrite, hashes, reachOf(account));
 }
 
 void CKXAccountApi::uploadBlock(CKXRequest& r)
@@ -283,7 +289,7 @@ void CKXAccountApi::commit(CKXRequest& r)
     if (!e.ok()) {
         return r.replyError(e);
     }
-    m_ctx.files.commit(r, params, hashes, uploadId);
+    m_ctx.files.commit(r, params, hashes, uploadId, reachOf(account));
 }
 
 void CKXAccountApi::logEvent(CKXRequest& r)

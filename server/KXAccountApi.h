@@ -38,6 +38,7 @@ private:
     ServerError resolveRaw(const httplib::Request& req, const std::string& account, Target* out) const;
     ServerError prepareUpload(const httplib::Request& req, bool raw, Target* target, bool* overwrite) const;
     ServerError prepareBlock(const httplib::Request& req, UploadSession* session) const;
+    static Reach reachOf(const std::string& account);
 
     void metadata(CKXRequest& r);
     void authUpload(CKXRequest& r);

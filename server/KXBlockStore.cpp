@@ -2,8 +2,10 @@
 
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <dirent.h>
 #include <fcntl.h>
+#include <mutex>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -136,12 +138,12 @@ void CKXBlockStore::close()
     }
 }
 
-int CKXBlockStore::dropBlocksExcept(const std::set<std::string>& keep)
+void CKXBlockStore::forEachBlock(
+    const std::function<void(const std::string&, const std::string&)>& visit) const
 {
-    int dropped = 0;
     DIR* top = ::opendir(m_blocksDir.c_str());
     if (!top) {
-        return 0;
+        return;
     }
     while (dirent* prefix = ::readdir(top)) {
         std::string head = prefix->d_name;
@@ -152,9 +154,8 @@ int CKXBlockStore::dropBlocksExcept(const std::set<std::string>& keep)
         DIR* dir = ::opendir(dirPath.c_str());
         while (dir && (prefix = ::readdir(dir))) {
             std::string tail = prefix->d_name;
-            if (tail != "." && tail != ".." && !keep.count(head + tail) &&
-                ::unlink((dirPath + "/" + tail).c_str()) == 0) {
-                ++dropped;
+            if (tail != "." && tail != "..") {
+                visit(head + tail, dirPath + "/" + tail);
             }
         }
         if (dir) {
@@ -162,7 +163,37 @@ int CKXBlockStore::dropBlocksExcept(const std::set<std::string>& keep)
         }
     }
     ::closedir(top);
+}
+
+int CKXBlockStore::dropBlocksExcept(const std::set<std::string>& keep)
+{
+    int dropped = 0;
+    forEachBlock([&](const std::string& hash, const std::string& path) {
+        if (!keep.count(hash) && ::unlink(path.c_str()) == 0) {
+            ++dropped;
+        }
+    });
     return dropped;
+}
+
+int CKXBlockStore::collect(const std::set<std::string>& keep, qint64 idleSeconds)
+{
+    auto idle = [idleSeconds](const std::string& path) {
+        struct stat info;
+        return ::stat(path.c_str(), &info) == 0 && info.st_mtime < std::time(nullptr) - idleSeconds;
+    };
+    int collected = 0;
+    forEachBlock([&](const std::string& hash, const std::string& path) {
+        if (keep.count(hash) || !idle(path)) {
+            return;
+        }
+        // Looked at again under the lock: a put() may have taken the block up meanwhile.
+        std::unique_lock<std::shared_mutex> lock(m_collecting);
+        if (idle(path) && ::unlink(path.c_str()) == 0) {
+            ++collected;
+        }
+    });
+    return collected;
 }
 
 bool CKXBlockStore::makeDurable(const std::vector<BlockRef>& blocks, std::string* error) const
@@ -240,10 +271,18 @@ bool CKXBlockStore::writeTemp(const std::string& tmpPath, const char* data, size
     return ok;
 }
 
+// A block linked anew carries the time it was written, so only one that was there already needs
+// marking, under the lock that collect() takes between its last look and the removal.
+bool CKXBlockStore::markInUse(const std::string& hash)
+{
+    std::shared_lock<std::shared_mutex> lock(m_collecting);
+    return sizeOf(hash) >= 0 && ::utimensat(AT_FDCWD, pathOf(hash).c_str(), nullptr, 0) == 0;
+}
+
 CKXBlockStore::PutResult CKXBlockStore::put(const std::string& hash, const char* data, size_t size,
                                             std::string* error)
 {
-    if (sizeOf(hash) >= 0) {
+    if (markInUse(hash)) {
         return PutResult::AlreadyPresent;
     }
     std::string dir = m_blocksDir + "/" + hash.substr(0, 2);

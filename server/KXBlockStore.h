@@ -12,14 +12,21 @@
 // file names the boot that last wrote blocks that way; when open() finds the marker of another
 // boot, lostUnsyncedBlocks() tells the server to drop every block no committed file refers to.
 //
+// Blocks no file and no open upload session refers to are collected (collect()) once they have
+// been idle for the upload expiry. A put() of a block that is there already marks it as in use
+// again, and m_collecting keeps a collection from removing a block between that mark and the
+// caller recording the block in the metadata.
+//
 // Created once by the server (or a command-line tool) and used by all connection threads at
-// once; it holds no mutable state besides an atomic temp-name counter.
+// once; besides the lock it holds only an atomic temp-name counter.
 
 #include "KXServerOptions.h"
 #include "KXServerTypes.h"
 
 #include <atomic>
+#include <functional>
 #include <set>
+#include <shared_mutex>
 #include <string>
 #include <vector>
 
@@ -39,6 +46,9 @@ public:
     bool lostUnsyncedBlocks() const { return m_lostUnsynced; }
     // Removes every stored block whose hash `keep` does not hold; returns how many went.
     int dropBlocksExcept(const std::set<std::string>& keep);
+    // Removes the blocks `keep` does not hold and nobody wrote or put again for `idleSeconds`;
+    // returns how many went.
+    int collect(const std::set<std::string>& keep, qint64 idleSeconds);
     // Forces the given blocks and their folders out to disk where the sync mode promises a
     // committed file to survive a power loss; a no-op in the other modes.
     bool makeDurable(const std::vector<BlockRef>& blocks, std::string* error) const;
@@ -48,13 +58,18 @@ public:
     std::string pathOf(const std::string& hash) const;
     // Size of the stored block, -1 when it is absent.
     qint64 sizeOf(const std::string& hash) const;
-    // Stores `data` under `hash`; the caller has verified that the data hashes to it.
+    // Stores `data` under `hash`; the caller has verified that the data hashes to it. A block that
+    // is there already counts as just written, for collect().
     PutResult put(const std::string& hash, const char* data, size_t size, std::string* error);
 
 private:
     bool writeTemp(const std::string& tmpPath, const char* data, size_t size, std::string* error) const;
 
     bool markUnsyncedWrites(std::string* error);
+    // True when the block is stored; it then counts as just written.
+    bool markInUse(const std::string& hash);
+    // Calls `visit(hash, path)` for every stored block.
+    void forEachBlock(const std::function<void(const std::string&, const std::string&)>& visit) const;
 
     std::string m_root;
     std::string m_blocksDir;
@@ -62,4 +77,6 @@ private:
     ServerOptions::Sync m_sync = ServerOptions::Sync::Commit;
     bool m_lostUnsynced = false;
     std::atomic<quint64> m_tmpCounter{0};
+    // Shared while put() marks a stored block in use, exclusive while collect() removes one.
+    std::shared_mutex m_collecting;
 };

@@ -19,6 +19,7 @@
 #include <cctype>
 #include <ctime>
 #include <set>
+#include <string_view>
 
 namespace {
 
@@ -145,7 +146,11 @@ ServerError CKXFileService::preflightBlock(const httplib::Request& req)
 {
     qint64 length = 0;
     std::string announced = req.get_header_value("Content-Length");
-    if (!announced.empty() && (!parseCount(announced, &length) || length > kBlockSize)) {
+    // Without a length the body's end is not known before it is read, nor whether it fits.
+    if (announced.empty()) {
+        return ServerError::make(411, "bad request", "a block upload needs a Content-Length");
+    }
+    if (!parseCount(announced, &length) || length > kBlockSize) {
         return ServerError::make(413, "block too large", "a block holds at most 4194304 bytes");
     }
     if (req.get_param_value("upload_id").empty()) {
@@ -164,6 +169,14 @@ ServerError CKXFileService::uploadSession(const std::string& id, UploadSession* 
         return ServerError::make(404, "source not found", "unknown upload_id " + id);
     }
     return {};
+}
+
+ServerError CKXFileService::admitBlock(const httplib::Request& req, const UploadSession& session)
+{
+    qint64 length = 0;
+    parseCount(req.get_header_value("Content-Length"), &length);
+    std::string hash = QString::fromStdString(req.get_param_value("hash")).toLower().toStdString();
+    return m_meta.admitBlock(session, hash, length, m_options.quota);
 }
 
 void CKXFileService::receiveFile(CKXRequest& r, const Target& target, bool overwrite, qint64 mtime)
@@ -282,21 +295,33 @@ void CKXFileService::streamBody(CKXRequest& r, std::vector<BlockRef> blocks, qin
     r.response().set_content_provider(static_cast<size_t>(length), "application/octet-stream", provider);
 }
 
+std::set<std::string> CKXFileService::presentFor(const Reach& reach, const std::vector<std::string>& hashes)
+{
+    std::vector<std::string> stored;
+    for (const std::string& hash : hashes) {
+        if (m_blocks.sizeOf(hash) >= 0) {
+            stored.push_back(hash);
+        }
+    }
+    return m_meta.provenBlocks(reach, stored);
+}
+
 void CKXFileService::queryHash(CKXRequest& r, const Target& target, qint64 size, bool overwrite,
-                               const std::vector<std::string>& hashes)
+                               const std::vector<std::string>& hashes, const Reach& reach)
 {
     ServerError e = checkUpload(target, overwrite, size);
     if (!e.ok()) {
         return r.replyError(e);
     }
     UploadSession session{uploadIdFor(target, size), target.space, target.path, size};
-    if (!m_meta.saveUploadSession(session)) {
+    if (!m_meta.saveUploadSession(session, hashes)) {
         return r.replyError(ServerError::make(500, "internal", "cannot save the upload session"));
     }
+    std::set<std::string> present = presentFor(reach, hashes);
     QJsonArray needed;
-    std::set<std::string> seen;
+    std::set<std::string_view> seen;
     for (const std::string& hash : hashes) {
-        if (seen.insert(hash).second && m_blocks.sizeOf(hash) < 0) {
+        if (seen.insert(hash).second && !present.count(hash)) {
             needed.append(QString::fromStdString(hash));
         }
     }
@@ -331,6 +356,10 @@ void CKXFileService::receiveBlock(CKXRequest& r, const UploadSession& session, c
     CKXBlockStore::PutResult put = m_blocks.put(computed, data.data(), data.size(), &error);
     if (put == CKXBlockStore::PutResult::Failed) {
         return r.replyError(ServerError::make(500, "internal", error));
+    }
+    // Sending the bytes proves the session holds them, wherever else the store has them.
+    if (!m_meta.recordBlock(session.id, computed, static_cast<qint64>(data.size()))) {
+        return r.replyError(ServerError::make(500, "internal", "cannot record the block"));
     }
     m_stats.add(put == CKXBlockStore::PutResult::Stored ? CKXServerStats::BlocksStored
                                                         : CKXServerStats::BlocksDeduplicated);
@@ -371,7 +400,7 @@ ServerError CKXFileService::resolveUploadId(const Target& target, qint64 size, c
 }
 
 void CKXFileService::commit(CKXRequest& r, CommitParams params, const std::vector<std::string>& hashes,
-                            const std::string& uploadId)
+                            const std::string& uploadId, const Reach& reach)
 {
     std::string id;
     ServerError e = resolveUploadId(params.target, params.size, uploadId, &id);
@@ -381,10 +410,11 @@ void CKXFileService::commit(CKXRequest& r, CommitParams params, const std::vecto
     }
     QJsonArray needed;
     std::set<std::string> missing;
+    std::set<std::string> present = presentFor(reach, hashes);
     qint64 total = 0;
     params.blocks.clear();
     for (const std::string& hash : hashes) {
-        qint64 size = m_blocks.sizeOf(hash);
+        qint64 size = present.count(hash) ? m_blocks.sizeOf(hash) : -1;
         if (size < 0 && missing.insert(hash).second) {
             needed.append(QString::fromStdString(hash));
         }
@@ -407,6 +437,7 @@ void CKXFileService::commit(CKXRequest& r, CommitParams params, const std::vecto
     if (!e.ok()) {
         return r.replyError(e);
     }
+    m_meta.closeUploadSession(id);
     m_stats.add(CKXServerStats::Commits);
     r.replyJson(QJsonObject{{"needed_block", QJsonArray()},
                             {"upload_id", QString::fromStdString(id)},

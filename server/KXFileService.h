@@ -10,6 +10,7 @@
 
 #include <QJsonObject>
 
+#include <set>
 #include <string>
 #include <vector>
 
@@ -38,21 +39,27 @@ public:
     ServerError checkUpload(const Target& target, bool overwrite, qint64 size);
     // checkUpload for a whole-file body, whose Content-Length is required.
     ServerError preflightFile(const httplib::Request& req, const Target& target, bool overwrite);
-    // Block uploads: Content-Length at most 4 MiB, a well-formed hash and an upload_id.
+    // Block uploads: a Content-Length of at most 4 MiB, a well-formed hash and an upload_id.
     static ServerError preflightBlock(const httplib::Request& req);
     ServerError uploadSession(const std::string& id, UploadSession* out);
+    // A block of `session` that its hash query offered and that fits in the quota.
+    ServerError admitBlock(const httplib::Request& req, const UploadSession& session);
 
     void receiveFile(CKXRequest& r, const Target& target, bool overwrite, qint64 mtime);
     void sendFile(CKXRequest& r, const Target& target, const std::string& rev, const char* notFoundCode);
+    // Blocks count as present only where `reach` proves the requester has them (see Reach).
     void queryHash(CKXRequest& r, const Target& target, qint64 size, bool overwrite,
-                   const std::vector<std::string>& hashes);
+                   const std::vector<std::string>& hashes, const Reach& reach);
     void receiveBlock(CKXRequest& r, const UploadSession& session, const std::string& hash);
-    // `params.blocks` is filled here from `hashes`; `uploadId` may be empty.
+    // `params.blocks` is filled here from `hashes`; `uploadId` may be empty. A block `reach`
+    // does not prove is missing. A successful commit closes the upload session.
     void commit(CKXRequest& r, CommitParams params, const std::vector<std::string>& hashes,
-                const std::string& uploadId);
+                const std::string& uploadId, const Reach& reach);
 
 private:
     ServerError makeDurable(const std::vector<BlockRef>& blocks) const;
+    // The hashes of `hashes` the store holds and `reach` proves.
+    std::set<std::string> presentFor(const Reach& reach, const std::vector<std::string>& hashes);
     ServerError resolveUploadId(const Target& target, qint64 size, const std::string& given,
                                 std::string* out);
     // The file to download with its blocks, all present on disk.

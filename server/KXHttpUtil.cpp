@@ -9,6 +9,9 @@
 #include <openssl/crypto.h>
 #include <openssl/rand.h>
 
+#include <algorithm>
+#include <cctype>
+
 #include <arpa/inet.h>
 #include <dirent.h>
 #include <netinet/in.h>
@@ -115,6 +118,35 @@ bool dropConnection(const httplib::Request& req)
     }
     ::closedir(dir);
     return dropped;
+}
+
+ServerError framingError(const httplib::Request& req)
+{
+    size_t lengths = req.get_header_value_count("Content-Length");
+    std::string length = req.get_header_value("Content-Length");
+    bool digits =
+        !length.empty() && length.size() < 19 &&
+        std::all_of(length.begin(), length.end(), [](unsigned char c) { return std::isdigit(c) != 0; });
+    for (size_t i = 1; i < lengths; ++i) {
+        digits = digits && req.get_header_value("Content-Length", i) == length;
+    }
+    if (lengths > 0 && !digits) {
+        return ServerError::make(400, "bad request", "Content-Length headers that differ or do not parse");
+    }
+    size_t codings = req.get_header_value_count("Transfer-Encoding");
+    if (codings > 0 && lengths > 0) {
+        return ServerError::make(400, "bad request", "Content-Length together with Transfer-Encoding");
+    }
+    if (codings > 1 ||
+        (codings == 1 && QString::fromStdString(req.get_header_value("Transfer-Encoding"))
+                                 .trimmed()
+                                 .compare(QLatin1String("chunked"), Qt::CaseInsensitive) != 0)) {
+        return ServerError::make(400, "bad request", "only the chunked Transfer-Encoding is understood");
+    }
+    if (codings == 0 && lengths == 0 && (req.method == "POST" || req.method == "PUT")) {
+        return ServerError::make(411, "bad request", "a request body needs a Content-Length");
+    }
+    return {};
 }
 
 QJsonObject errorBody(const ServerError& error)

@@ -24,6 +24,11 @@ std::string cookie(const httplib::Request& req, const std::string& name);
 // drop instead of an answer.
 bool dropConnection(const httplib::Request& req);
 
+// Refuses a request whose body cannot be framed unambiguously: Content-Length headers that differ
+// or do not parse, Content-Length together with Transfer-Encoding, a coding other than chunked
+// (400), and a POST or PUT with neither (411). Such a request ends its connection.
+ServerError framingError(const httplib::Request& req);
+
 QJsonObject errorBody(const ServerError& error);
 std::string compact(const QJsonObject& object);
 

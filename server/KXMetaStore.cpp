@@ -4,7 +4,9 @@
 
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <ctime>
+#include <string_view>
 
 namespace {
 
@@ -19,15 +21,33 @@ CREATE INDEX IF NOT EXISTS entries_parent ON entries(space, parent);
 CREATE TABLE IF NOT EXISTS file_blocks(
   entry_id INTEGER NOT NULL, idx INTEGER NOT NULL, hash TEXT NOT NULL, size INTEGER NOT NULL,
   PRIMARY KEY(entry_id, idx));
+CREATE INDEX IF NOT EXISTS file_blocks_hash ON file_blocks(hash);
 CREATE TABLE IF NOT EXISTS upload_sessions(
   id TEXT PRIMARY KEY, space TEXT NOT NULL, path TEXT NOT NULL, size INTEGER NOT NULL,
-  created INTEGER NOT NULL);
+  created INTEGER NOT NULL, touched INTEGER NOT NULL DEFAULT 0);
+CREATE TABLE IF NOT EXISTS session_blocks(
+  upload_id TEXT NOT NULL, hash TEXT NOT NULL, size INTEGER NOT NULL DEFAULT -1,
+  PRIMARY KEY(upload_id, hash));
+CREATE INDEX IF NOT EXISTS session_blocks_hash ON session_blocks(hash);
 CREATE TABLE IF NOT EXISTS shares(
   code TEXT PRIMARY KEY, owner TEXT NOT NULL, space TEXT NOT NULL, path TEXT NOT NULL,
   upload INTEGER NOT NULL, password TEXT NOT NULL, created INTEGER NOT NULL);
 CREATE TABLE IF NOT EXISTS share_sessions(
   digest TEXT PRIMARY KEY, code TEXT NOT NULL, created INTEGER NOT NULL);
 )SQL";
+
+// One hit when a file or a received upload block inside the folder ?3 of space ?2 holds block ?1.
+const char* const kProvenQuery =
+    "SELECT 1 FROM file_blocks fb JOIN entries e ON e.id = fb.entry_id"
+    " WHERE fb.hash = ?1 AND e.space = ?2"
+    " AND (?3 = '/' OR e.path = ?3 OR substr(e.path, 1, length(?3) + 1) = ?3 || '/')"
+    " UNION ALL SELECT 1 FROM session_blocks sb JOIN upload_sessions us ON us.id = sb.upload_id"
+    " WHERE sb.hash = ?1 AND sb.size >= 0 AND us.space = ?2"
+    " AND (?3 = '/' OR us.path = ?3 OR substr(us.path, 1, length(?3) + 1) = ?3 || '/') LIMIT 1";
+
+// Hashes checked or stored per hold of the lock, so that a huge hash query does not stall every
+// other request.
+constexpr size_t kBatch = 4096;
 
 const char* const kEntryColumns =
     "SELECT id, path, is_dir, size, rev, mtime, locked, virus,"
@@ -46,6 +66,10 @@ public:
     ~Statement() { sqlite3_finalize(m_stmt); }
     Statement(const Statement&) = delete;
     Statement& operator=(const Statement&) = delete;
+
+    bool prepared() const { return m_stmt != nullptr; }
+    // Ready to run again with new bindings.
+    void reset() { sqlite3_reset(m_stmt); }
 
     Statement& bind(int index, const std::string& value)
     {
@@ -141,9 +165,9 @@ bool CKXMetaStore::open(const std::string& path, std::string* error, bool durabl
         return false;
     }
     sqlite3_busy_timeout(m_db, 10000);
-    const char* synchronous = durable ? "PRAGMA synchronous=FULL" : "PRAGMA synchronous=OFF";
-    if (!execLocked("PRAGMA journal_mode=WAL") || !execLocked(synchronous) ||
-        !execLocked(kSchema)) {
+    m_synchronous = durable ? "PRAGMA synchronous=FULL" : "PRAGMA synchronous=OFF";
+    if (!execLocked("PRAGMA journal_mode=WAL") || !execLocked(m_synchronous) || !execLocked(kSchema) ||
+        !migrateLocked()) {
         *error = "cannot prepare " + path + ": " + sqlite3_errmsg(m_db);
         return false;
     }
@@ -153,6 +177,16 @@ bool CKXMetaStore::open(const std::string& path, std::string* error, bool durabl
 bool CKXMetaStore::execLocked(const char* sql)
 {
     return sqlite3_exec(m_db, sql, nullptr, nullptr, nullptr) == SQLITE_OK;
+}
+
+// Stores written before upload sessions expired lack their last-activity column.
+bool CKXMetaStore::migrateLocked()
+{
+    if (Statement(m_db, "SELECT touched FROM upload_sessions LIMIT 0").prepared()) {
+        return true;
+    }
+    return execLocked("ALTER TABLE upload_sessions ADD COLUMN touched INTEGER NOT NULL DEFAULT 0;"
+                      "UPDATE upload_sessions SET touched = created");
 }
 
 ServerError CKXMetaStore::internalLocked(const std::string& what)
@@ -223,10 +257,49 @@ std::set<std::string> CKXMetaStore::referencedBlocks()
     return out;
 }
 
+std::set<std::string> CKXMetaStore::liveBlocks()
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    Statement q(m_db, "SELECT hash FROM file_blocks UNION SELECT hash FROM session_blocks WHERE size >= 0");
+    std::set<std::string> out;
+    while (q.next()) {
+        out.insert(q.text(0));
+    }
+    return out;
+}
+
+std::set<std::string> CKXMetaStore::provenBlocks(const Reach& reach, const std::vector<std::string>& hashes)
+{
+    std::set<std::string> out;
+    for (size_t first = 0; first < hashes.size(); first += kBatch) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        Statement q(m_db, kProvenQuery);
+        for (size_t i = first; i < std::min(hashes.size(), first + kBatch); ++i) {
+            for (const Target& root : reach) {
+                q.reset();
+                if (q.bind(1, hashes[i]).bind(2, root.space).bind(3, root.path).next()) {
+                    out.insert(hashes[i]);
+                    break;
+                }
+            }
+        }
+    }
+    return out;
+}
+
 qint64 CKXMetaStore::usageLocked(const std::string& space)
 {
     Statement q(m_db, "SELECT COALESCE(SUM(size), 0) FROM entries WHERE space = ? AND is_dir = 0");
     q.bind(1, space);
+    return q.next() ? q.integer(0) : 0;
+}
+
+qint64 CKXMetaStore::pendingLocked(const std::string& space, const std::string& exceptPath)
+{
+    Statement q(m_db, "SELECT COALESCE(SUM(sb.size), 0) FROM session_blocks sb"
+                      " JOIN upload_sessions us ON us.id = sb.upload_id"
+                      " WHERE us.space = ? AND us.path != ? AND sb.size > 0");
+    q.bind(1, space).bind(2, exceptPath);
     return q.next() ? q.integer(0) : 0;
 }
 
@@ -274,7 +347,9 @@ ServerError CKXMetaStore::checkTargetLocked(const Target& target, bool overwrite
     if (exists && current.locked) {
         return ServerError::make(423, "file is locked", target.path + " is locked");
     }
-    if (quota > 0 && usageLocked(target.space) - (exists ? current.size : 0) + newSize > quota) {
+    if (quota > 0 && usageLocked(target.space) + pendingLocked(target.space, target.path) -
+                             (exists ? current.size : 0) + newSize >
+                         quota) {
         return ServerError::make(507, "space limit", "the upload would exceed the quota");
     }
     return {};
@@ -433,17 +508,43 @@ ServerError CKXMetaStore::setVirus(const Target& target, bool virus)
                          virus);
 }
 
-bool CKXMetaStore::saveUploadSession(const UploadSession& session)
+bool CKXMetaStore::saveUploadSession(const UploadSession& session, const std::vector<std::string>& hashes)
 {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    Statement q(
-        m_db, "INSERT OR IGNORE INTO upload_sessions(id, space, path, size, created) VALUES(?, ?, ?, ?, ?)");
-    return q.bind(1, session.id)
-        .bind(2, session.space)
-        .bind(3, session.path)
-        .bind(4, session.size)
-        .bind(5, now())
-        .run();
+    // In key order the rows go into the indexes page by page instead of all over them.
+    std::vector<std::string_view> offered(hashes.begin(), hashes.end());
+    std::sort(offered.begin(), offered.end());
+    offered.erase(std::unique(offered.begin(), offered.end()), offered.end());
+    bool ok = true;
+    for (size_t first = 0; ok && (first == 0 || first < offered.size()); first += kBatch) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        // Not worth a sync: after a power loss the client's next hash query offers them again, and
+        // the next durable transaction forces these out with it.
+        execLocked("PRAGMA synchronous=OFF");
+        Transaction tx(m_db);
+        ok = tx.begun() && (first > 0 || openSessionLocked(session));
+        Statement offer(m_db, "INSERT OR IGNORE INTO session_blocks(upload_id, hash) VALUES(?, ?)");
+        for (size_t i = first; ok && i < std::min(offered.size(), first + kBatch); ++i) {
+            offer.reset();
+            ok = offer.bind(1, session.id).bind(2, std::string(offered[i])).run();
+        }
+        ok = ok && tx.commit();
+        execLocked(m_synchronous);
+    }
+    return ok;
+}
+
+bool CKXMetaStore::openSessionLocked(const UploadSession& session)
+{
+    Statement open(m_db, "INSERT OR IGNORE INTO upload_sessions(id, space, path, size, created, touched)"
+                         " VALUES(?1, ?2, ?3, ?4, ?5, ?5)");
+    Statement touch(m_db, "UPDATE upload_sessions SET touched = ? WHERE id = ?");
+    return open.bind(1, session.id)
+               .bind(2, session.space)
+               .bind(3, session.path)
+               .bind(4, session.size)
+               .bind(5, now())
+               .run() &&
+           touch.bind(1, now()).bind(2, session.id).run();
 }
 
 bool CKXMetaStore::uploadSession(const std::string& id, UploadSession* out)
@@ -456,6 +557,64 @@ bool CKXMetaStore::uploadSession(const std::string& id, UploadSession* out)
     }
     *out = UploadSession{q.text(0), q.text(1), q.text(2), q.integer(3)};
     return true;
+}
+
+ServerError CKXMetaStore::admitBlock(const UploadSession& session, const std::string& hash, qint64 size,
+                                     qint64 quota)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    Statement q(m_db, "SELECT size FROM session_blocks WHERE upload_id = ? AND hash = ?");
+    if (!q.bind(1, session.id).bind(2, hash).next()) {
+        return ServerError::make(400, "bad request",
+                                 "block " + hash + " was not offered by the hash query of upload " +
+                                     session.id);
+    }
+    if (q.integer(0) >= 0 || quota <= 0) {
+        return {}; // a repeated block takes no more room
+    }
+    // The file the session will replace frees its bytes when the upload commits.
+    EntryInfo current;
+    bool replaces = lookupLocked(Target{session.space, session.path}, &current) && !current.isDir;
+    if (usageLocked(session.space) - (replaces ? current.size : 0) + pendingLocked(session.space, {}) + size >
+        quota) {
+        return ServerError::make(507, "space limit", "the block would exceed the quota");
+    }
+    return {};
+}
+
+bool CKXMetaStore::recordBlock(const std::string& uploadId, const std::string& hash, qint64 size)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    Transaction tx(m_db);
+    Statement received(m_db, "UPDATE session_blocks SET size = ? WHERE upload_id = ? AND hash = ?");
+    Statement touch(m_db, "UPDATE upload_sessions SET touched = ? WHERE id = ?");
+    return tx.begun() && received.bind(1, size).bind(2, uploadId).bind(3, hash).run() &&
+           touch.bind(1, now()).bind(2, uploadId).run() && tx.commit();
+}
+
+void CKXMetaStore::closeUploadSession(const std::string& id)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    Transaction tx(m_db);
+    Statement blocks(m_db, "DELETE FROM session_blocks WHERE upload_id = ?");
+    Statement session(m_db, "DELETE FROM upload_sessions WHERE id = ?");
+    if (tx.begun() && blocks.bind(1, id).run() && session.bind(1, id).run()) {
+        tx.commit();
+    }
+}
+
+int CKXMetaStore::expireUploadSessions(qint64 idleSince)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    Transaction tx(m_db);
+    Statement blocks(m_db, "DELETE FROM session_blocks WHERE upload_id IN"
+                           " (SELECT id FROM upload_sessions WHERE touched < ?)");
+    Statement sessions(m_db, "DELETE FROM upload_sessions WHERE touched < ?");
+    if (!tx.begun() || !blocks.bind(1, idleSince).run() || !sessions.bind(1, idleSince).run()) {
+        return 0;
+    }
+    int expired = sqlite3_changes(m_db);
+    return tx.commit() ? expired : 0;
 }
 
 bool CKXMetaStore::saveShare(const ShareInfo& share)

@@ -41,7 +41,8 @@ public:
     qint64 contentLength() const; // -1 when not announced
     // Feeds the body to `sink` as it arrives; false when it ended early or `sink` refused.
     bool readBody(const Sink& sink);
-    // Reads a JSON object body of at most 32 MiB.
+    // Reads a JSON object body no larger than the largest request needs (the block hashes of a
+    // 1 TiB file); a larger announced body is refused before it is read.
     ServerError readJson(QJsonObject* out);
 
     bool faultIs(const char* action) const;
@@ -56,8 +57,10 @@ public:
     void setInflightToken(std::shared_ptr<void> token) { m_inflight = std::move(token); }
     const std::shared_ptr<void>& inflightToken() const { return m_inflight; }
 
-    // After the handler: carries out a pending drop, and reads away an unread small body so the
-    // connection stays usable (a large one closes the connection instead).
+    // After the handler: returns the memory a large JSON body took to the system, carries out a
+    // pending drop, and reads away an unread small body so the
+    // connection stays usable (a large one, or one refused as too large, closes the connection
+    // instead).
     void finish();
 
 private:
@@ -69,5 +72,6 @@ private:
     bool m_hasFault;
     bool m_dropPending;
     bool m_bodyRead = false;
+    bool m_trimAfter = false; // a large JSON body was parsed: hand freed memory back when done
     std::shared_ptr<void> m_inflight;
 };

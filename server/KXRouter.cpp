@@ -30,6 +30,14 @@ CKXRouter::CKXRouter(httplib::Server& server, CKXServerStats& stats, CKXFaultInj
                         "application/json");
         return httplib::Server::HandlerResponse::Handled;
     }));
+    m_server.set_pre_routing_handler([this](const httplib::Request& req, httplib::Response& res) {
+        ServerError error = KXHttp::framingError(req);
+        if (error.ok()) {
+            return httplib::Server::HandlerResponse::Unhandled;
+        }
+        refuseEarly(error, res);
+        return httplib::Server::HandlerResponse::Handled;
+    });
     m_server.set_logger(
         [this](const httplib::Request& req, const httplib::Response& res) { onLog(req, res); });
 }
@@ -109,25 +117,30 @@ bool CKXRouter::applyFault(CKXRequest& request)
 
 int CKXRouter::onExpectContinue(const httplib::Request& req, httplib::Response& res)
 {
+    ServerError error = KXHttp::framingError(req);
     for (const PreflightRoute& route : m_preflights) {
         std::smatch match;
-        if (route.method != req.method || !std::regex_match(req.path, match, route.pattern)) {
+        if (!error.ok() || route.method != req.method || !std::regex_match(req.path, match, route.pattern)) {
             continue;
         }
-        ServerError error = route.check(req, match);
-        if (error.ok()) {
-            break;
-        }
-        m_stats.add(CKXServerStats::Requests);
-        // This early answer is written without httplib's usual framing headers.
-        std::string body = KXHttp::compact(KXHttp::errorBody(error));
-        res.status = error.status;
-        res.set_header("Connection", "close");
-        res.set_header("Content-Length", std::to_string(body.size()));
-        res.set_content(body, "application/json");
-        return error.status;
+        error = route.check(req, match);
+        break;
     }
-    return 100;
+    if (error.ok()) {
+        return 100;
+    }
+    refuseEarly(error, res);
+    // This early answer is written without httplib's usual framing headers.
+    res.set_header("Content-Length", std::to_string(res.body.size()));
+    return error.status;
+}
+
+void CKXRouter::refuseEarly(const ServerError& error, httplib::Response& res)
+{
+    m_stats.add(CKXServerStats::Requests);
+    res.status = error.status;
+    res.set_header("Connection", "close");
+    res.set_content(KXHttp::compact(KXHttp::errorBody(error)), "application/json");
 }
 
 void CKXRouter::onLog(const httplib::Request& req, const httplib::Response& res)
@@ -138,4 +151,9 @@ void CKXRouter::onLog(const httplib::Request& req, const httplib::Response& res)
     std::replace_if(
         path.begin(), path.end(), [](unsigned char c) { return c < 0x20 || c == 0x7f; }, '?');
     m_log.line(req.remote_addr + " " + req.method + " " + path + " " + std::to_string(res.status));
+    // The answer is out. httplib keeps a connection only the answer marked for closing (the rest
+    // of its request is still unread), and would take what follows for a new request.
+    if (res.get_header_value("Connection") == "close" && req.get_header_value("Connection") != "close") {
+        KXHttp::dropConnection(req);
+    }
 }

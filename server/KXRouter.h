@@ -1,7 +1,8 @@
 #pragma once
 
-// Binds handlers to cpp-httplib routes and wraps each request: counts it, keeps it in flight,
-// applies the fault armed for its operation, and tidies the connection afterwards. Routes whose
+// Binds handlers to cpp-httplib routes and wraps each request: refuses bodies whose framing is
+// ambiguous, counts it, keeps it in flight, applies the fault armed for its operation, and tidies
+// the connection afterwards. Routes whose
 // bodies can be large get a preflight check that also answers "Expect: 100-continue", so a
 // refused upload is refused before a byte of its body travels.
 //
@@ -48,6 +49,9 @@ private:
                   httplib::Response& res, const httplib::ContentReader* reader);
     bool applyFault(CKXRequest& request);
     int onExpectContinue(const httplib::Request& req, httplib::Response& res);
+    // Answers `error` before the body is read and closes the connection afterwards.
+    void refuseEarly(const ServerError& error, httplib::Response& res);
+    // Runs once the answer is written: logs it, and ends a connection the answer closes.
     void onLog(const httplib::Request& req, const httplib::Response& res);
 
     struct PreflightRoute

@@ -11,6 +11,7 @@ class CKXEventLog;
 class CKXFaultInjector;
 class CKXFileService;
 class CKXMetaStore;
+class CKXServerLog;
 class CKXServerStats;
 struct ServerOptions;
 
@@ -24,5 +25,6 @@ struct ServerContext
     CKXFaultInjector& faults;
     CKXEventLog& events;
     CKXFileService& files;
+    CKXServerLog& log;
     std::string publicUrl;
 };

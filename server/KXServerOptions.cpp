@@ -66,6 +66,11 @@ bool applyOption(const std::string& name, const std::string& value, ServerOption
             return false;
         }
         out->threads = static_cast<int>(number);
+    } else if (name == "--upload-expiry") {
+        if (!toInteger(value, 1, INT64_MAX / 1000, &number)) {
+            return false;
+        }
+        out->uploadExpiry = number;
     } else if (name == "--sync") {
         return parseSync(value, &out->sync);
     } else if (name == "--tls-cert") {
@@ -143,6 +148,7 @@ std::string serverUsage()
            "                [--tls-cert FILE --tls-key FILE] [--admin-token T] [--public-url URL]\n"
            "                [--deny-suffix SUFFIX]... [--log FILE] [--threads N]\n"
            "                [--sync none|commit|block]   (default commit: see docs/protocol.md)\n"
+           "                [--upload-expiry SECONDS]    (idle upload sessions; default 86400)\n"
            "       kxserver share --root DIR --path /folder [--upload] [--password P]\n"
            "                [--pathtype self|ent] [--token T]\n";
 }

@@ -3,7 +3,7 @@
 // Command line of kxserver:
 //   kxserver --root DIR [--listen HOST:PORT] [--token T]... [--quota BYTES] [--tls-cert F --tls-key F]
 //            [--admin-token T] [--public-url URL] [--deny-suffix S]... [--log FILE] [--threads N]
-//            [--sync none|commit|block]
+//            [--sync none|commit|block] [--upload-expiry SECONDS]
 //   kxserver share --root DIR --path /folder [--upload] [--password P] [--pathtype self|ent] [--token T]
 
 #include <QtGlobal>
@@ -46,6 +46,8 @@ struct ServerOptions
     std::string logFile; // empty: stderr
     int threads = 64;
     Sync sync = Sync::Commit;
+    // An upload session idle this long is dropped, and the blocks only it held are collected.
+    qint64 uploadExpiry = 24 * 3600;
 
     // share subcommand
     std::string sharePath;

@@ -64,6 +64,12 @@ struct UploadSession
     qint64 size = 0;
 };
 
+// The folders whose files and open uploads a requester may build on: a block counts as present
+// for a hash query or a commit only when something stored inside one of them already holds it.
+// An account reaches its own space and the shared "ent" space, a share-link upload the shared
+// folder alone.
+using Reach = std::vector<Target>;
+
 struct ShareInfo
 {
     std::string code;

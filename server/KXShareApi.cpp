@@ -4,17 +4,27 @@
 #include "KXHttpUtil.h"
 #include "KXRequest.h"
 #include "KXRouter.h"
+#include "KXServerLog.h"
 #include "KXServerPath.h"
 
 #include <httplib.h>
 
+#include <algorithm>
+
 namespace {
 
 const std::string kPrefix = "/v1/share/([A-Za-z0-9_-]{1,64})";
+// Enough for people mistyping a password, far too few for guessing one.
+constexpr int kFailuresPerAddress = 10;
+constexpr int kFailuresPerLink = 30;
+constexpr std::chrono::seconds kFailureWindow(60);
 
 } // namespace
 
-CKXShareApi::CKXShareApi(ServerContext& context) : m_ctx(context), m_links(context.meta, context.accounts) {}
+CKXShareApi::CKXShareApi(ServerContext& context)
+    : m_ctx(context), m_links(context.meta, context.accounts),
+      m_linkFailures(kFailuresPerLink, kFailureWindow), m_addressFailures(kFailuresPerAddress, kFailureWindow)
+{}
 
 void CKXShareApi::registerRoutes(CKXRouter& router)
 {
@@ -67,6 +77,25 @@ ServerError CKXShareApi::prepareBlock(const httplib::Request& req, const std::st
     if (e.ok() && (session->space != share.space || !KXServerPath::isInside(share.path, session->path))) {
         e = ServerError::make(403, "forbidden", "the upload session lies outside this share");
     }
+    return e.ok() ? m_ctx.files.admitBlock(req, *session) : e;
+}
+
+ServerError CKXShareApi::checkPassword(CKXRequest& r, const ShareInfo& share, const std::string& given)
+{
+    const std::string& address = r.http().remote_addr;
+    qint64 wait = std::max(m_linkFailures.retryAfter(share.code), m_addressFailures.retryAfter(address));
+    if (wait > 0) {
+        m_ctx.log.line("share " + share.code + ": password attempt from " + address +
+                       " refused, retry after " + std::to_string(wait) + " s");
+        r.response().set_header("Retry-After", std::to_string(wait));
+        return ServerError::make(429, "too many attempts", "too many wrong passwords; try again later");
+    }
+    ServerError e = m_links.checkPassword(share, given);
+    if (!e.ok()) {
+        m_linkFailures.recordFailure(share.code);
+        m_addressFailures.recordFailure(address);
+        m_ctx.log.line("share " + share.code + ": wrong password from " + address);
+    }
     return e;
 }
 
@@ -88,7 +117,7 @@ void CKXShareApi::authUpload(CKXRequest& r)
     e = e.ok() ? KXHttp::string(body, "name", &name) : e;
     e = e.ok() ? KXHttp::integer(body, "size", &size, true) : e;
     e = e.ok() ? KXHttp::boolean(body, "overwrite", &overwrite, false) : e;
-    e = e.ok() ? m_links.checkPassword(share, token) : e;
+    e = e.ok() ? checkPassword(r, share, token) : e;
     if (e.ok() && !share.upload) {
         e = ServerError::make(403, "forbidden", "this share link accepts no uploads");
     }
@@ -132,7 +161,8 @@ void CKXShareApi::queryHash(CKXRequest& r)
     if (!e.ok()) {
         return r.replyError(e);
     }
-    m_ctx.files.queryHash(r, target, size, overwrite, hashes);
+    // Whoever holds the link reads the shared folder and nothing else of its owner's space.
+    m_ctx.files.queryHash(r, target, size, overwrite, hashes, Reach{Target{share.space, share.path}});
 }
 
 void CKXShareApi::uploadBlock(CKXRequest& r)
@@ -164,7 +194,7 @@ void CKXShareApi::commit(CKXRequest& r)
     if (!e.ok()) {
         return r.replyError(e);
     }
-    m_ctx.files.commit(r, params, hashes, uploadId);
+    m_ctx.files.commit(r, params, hashes, uploadId, Reach{Target{share.space, share.path}});
 }
 
 void CKXShareApi::uploadFile(CKXRequest& r)
@@ -183,7 +213,7 @@ void CKXShareApi::download(CKXRequest& r)
     ShareInfo share;
     Target target;
     ServerError e = m_links.find(r.match(1), &share);
-    e = e.ok() ? m_links.checkPassword(share, r.header("X-Share-Token")) : e;
+    e = e.ok() ? checkPassword(r, share, r.header("X-Share-Token")) : e;
     e = e.ok() ? CKXShareLinks::resolve(share, r.param("path"), &target) : e;
     if (!e.ok()) {
         return r.replyError(e);

@@ -16,7 +16,7 @@
 
 CKXStorageServer::CKXStorageServer(const ServerOptions& options, CKXServerLog& log)
     : m_options(options), m_log(log), m_accounts(options.tokens), m_events(options.root + "/events.log"),
-      m_files(m_meta, m_blocks, m_stats, options)
+      m_files(m_meta, m_blocks, m_stats, options), m_collector(m_meta, m_blocks, log, options.uploadExpiry)
 {}
 
 CKXStorageServer::~CKXStorageServer() = default;
@@ -42,8 +42,9 @@ bool CKXStorageServer::start(std::string* error)
         publicUrl.pop_back();
     }
     m_context.reset(new ServerContext{m_options, m_accounts, m_meta, m_blocks, m_stats, m_faults, m_events,
-                                      m_files, publicUrl});
+                                      m_files, m_log, publicUrl});
     registerRoutes();
+    m_collector.start();
     return true;
 }
 
@@ -125,6 +126,7 @@ void CKXStorageServer::registerRoutes()
 bool CKXStorageServer::run()
 {
     bool served = m_http->listen_after_bind();
+    m_collector.stop();
     m_blocks.close();
     return served;
 }

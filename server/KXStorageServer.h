@@ -6,6 +6,7 @@
 
 #include "KXAccounts.h"
 #include "KXBlockStore.h"
+#include "KXCollector.h"
 #include "KXEventLog.h"
 #include "KXFaultInjector.h"
 #include "KXFileService.h"
@@ -57,6 +58,7 @@ private:
     CKXFaultInjector m_faults;
     CKXEventLog m_events;
     CKXFileService m_files;
+    CKXCollector m_collector;
     std::unique_ptr<httplib::Server> m_http;
     std::unique_ptr<ServerContext> m_context;
     std::unique_ptr<CKXRouter> m_router;

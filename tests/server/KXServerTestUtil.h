@@ -1,15 +1,19 @@
 #pragma once
 
-// Shared helpers of the kxserver suites: deterministic test data and the chunked upload flow
-// (hash query, blocks, commit) driven through plain HTTP.
+// Shared helpers of the kxserver suites: deterministic test data, the chunked upload flow
+// (hash query, blocks, commit) driven through plain HTTP, and requests written byte for byte.
 
 #include "KXServerProcess.h"
 
 #include <QByteArray>
 #include <QCryptographicHash>
+#include <QHostAddress>
 #include <QJsonArray>
+#include <QJsonDocument>
 #include <QRandomGenerator>
 #include <QStringList>
+#include <QTcpSocket>
+#include <QUrl>
 
 namespace KXServerTest {
 
@@ -72,6 +76,53 @@ inline TestHttpReply uploadChunked(const CKXServerProcess& server, const QString
     }
     query.insert("upload_id", id);
     return CKXTestHttp::post(server.baseUrl() + "/v1/upload/commit", query, server.sessionHeader());
+}
+
+// An answer read off the socket as it came.
+struct RawReply
+{
+    int status = 0; // 0 when nothing arrived within the wait
+    QByteArray head;
+    QByteArray body;
+
+    QByteArray header(const QByteArray& name) const
+    {
+        for (const QByteArray& line : head.split('\n')) {
+            if (line.toLower().startsWith(name.toLower() + ":")) {
+                return line.mid(name.size() + 1).trimmed();
+            }
+        }
+        return {};
+    }
+    QString code() const { return QJsonDocument::fromJson(body).object().value("code").toString(); }
+};
+
+// Writes `request` exactly as given from the address `source` and reads until the server closes
+// the connection or stays silent for five seconds.
+inline RawReply rawExchange(const CKXServerProcess& server, const QByteArray& request,
+                            const QHostAddress& source = QHostAddress::LocalHost)
+{
+    QUrl base(server.baseUrl());
+    QTcpSocket socket;
+    socket.bind(source);
+    socket.connectToHost(base.host(), static_cast<quint16>(base.port()));
+    RawReply reply;
+    if (!socket.waitForConnected(5000)) {
+        return reply;
+    }
+    socket.write(request);
+    QByteArray answer;
+    while (socket.waitForReadyRead(5000)) {
+        answer += socket.readAll();
+    }
+    answer += socket.readAll();
+    int end = answer.indexOf("\r\n\r\n");
+    if (answer.startsWith("HTTP/1.1 ") && end > 0) {
+        reply.status = answer.mid(9, 3).toInt();
+        reply.head = answer.left(end);
+        reply.body = answer.mid(end + 4);
+    }
+    return reply;
 }
 
 } // namespace KXServerTest

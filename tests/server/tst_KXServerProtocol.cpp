@@ -45,6 +45,9 @@ private slots:
     void pathEscapesRefused_data();
     void pathEscapesRefused();
     void shareLinks();
+    void sharePasswordGuessesAreLimited();
+    void ambiguousBodiesRefused_data();
+    void ambiguousBodiesRefused();
     void quotaRefusesBeforeBytes();
     void malformedBodiesGetClearErrors();
     void faultInjection();
@@ -216,6 +219,25 @@ void TestKXServerProtocol::deduplicationAcrossFiles()
     QString stored = m_server.rootPath() + "/blocks/" + sha(shared).left(2) + "/" + sha(shared).mid(2);
     QVERIFY(QFile::exists(stored));
     QCOMPARE(get("/v1/files?path=/dedup/c.bin").body, shared + ownA);
+
+    // Another account knowing the hash proves nothing: it cannot commit the block unsent, and
+    // sends it once (the store still keeps one copy).
+    const QList<QByteArray> other{"X-ORBALA-SESS-ID: other-token"};
+    QJsonObject theirs{{"path", "/theirs.bin"}, {"size", kBlock}, {"hashes", QJsonArray{sha(shared)}}};
+    QCOMPARE(needed(CKXTestHttp::post(url("/v1/upload/commit"), theirs, other)), QStringList{sha(shared)});
+    QCOMPARE(CKXTestHttp::get(url("/v1/metadata?path=/theirs.bin"), other).status, 404);
+    TestHttpReply asked = CKXTestHttp::post(url("/v1/upload/hash"), theirs, other);
+    QCOMPARE(needed(asked), QStringList{sha(shared)});
+    QString id = asked.json().value("upload_id").toString();
+    QCOMPARE(CKXTestHttp::put(blockUrl(m_server, id, sha(shared)), shared, other).status, 200);
+    QCOMPARE(CKXTestHttp::post(url("/v1/upload/commit"), theirs, other)
+                 .json()
+                 .value("metadata")
+                 .toObject()
+                 .value("bytes")
+                 .toInt(),
+             kBlock);
+    QCOMPARE(m_server.stats().value("blocks_stored").toInt(), 3);
 }
 
 void TestKXServerProtocol::rangesAcrossBlocks_data()
@@ -328,6 +350,8 @@ void TestKXServerProtocol::errorCodes_data()
                                     << me << 415 << "file type limit";
     QTest::newRow("virus") << QByteArray("GET") << "/v1/files?path=/err/virus.txt" << QByteArray() << me
                            << 403 << "download_file_VirusF";
+    QTest::newRow("block never offered")
+        << QByteArray("PUT") << block + sha("other") << QByteArray("other") << me << 400 << "bad request";
     QTest::newRow("block too large") << QByteArray("PUT") << block + sha("tiny")
                                      << QByteArray(kBlock + 1, 'b') << me << 413 << "block too large";
     QTest::newRow("whole upload without session")
@@ -485,6 +509,78 @@ void TestKXServerProtocol::shareLinks()
     QCOMPARE(command.exitCode(), 0);
     QString offline = QString::fromLatin1(command.readAllStandardOutput()).trimmed();
     QCOMPARE(CKXTestHttp::get(url("/v1/share/" + offline + "/files?path=/big.bin")).body.size(), kBlock + 4);
+}
+
+void TestKXServerProtocol::sharePasswordGuessesAreLimited()
+{
+    QCOMPARE(put("/v1/files?path=/guarded/a.txt", "guarded").status, 200);
+    QString code = m_server.createShare("/guarded", false, "secret");
+    auto attempt = [&](const QByteArray& password, const char* source) {
+        return rawExchange(m_server,
+                           "GET /v1/share/" + code.toLatin1() +
+                               "/files?path=/a.txt HTTP/1.1\r\nHost: kx\r\n" + "X-Share-Token: " + password +
+                               "\r\nConnection: close\r\n\r\n",
+                           QHostAddress(QString::fromLatin1(source)));
+    };
+    for (int i = 0; i < 10; ++i) {
+        QCOMPARE(attempt("guess" + QByteArray::number(i), "127.0.0.2").status, 401);
+    }
+    RawReply limited = attempt("secret", "127.0.0.2");
+    QCOMPARE(limited.status, 429);
+    QCOMPARE(limited.code(), QStringLiteral("too many attempts"));
+    QVERIFY(limited.header("Retry-After").toInt() > 0);
+    // Per address: another one still gets in; per link: guesses spread over addresses add up.
+    QCOMPARE(attempt("secret", "127.0.0.3").body, QByteArray("guarded"));
+    for (const char* source : {"127.0.0.3", "127.0.0.4"}) {
+        for (int i = 0; i < 10; ++i) {
+            QCOMPARE(attempt("guess", source).status, 401);
+        }
+    }
+    QCOMPARE(attempt("secret", "127.0.0.5").status, 429);
+    QFile log(m_server.logPath());
+    QVERIFY(log.open(QIODevice::ReadOnly));
+    QByteArray lines = log.readAll();
+    QVERIFY(lines.contains("share " + code.toLatin1() + ": wrong password from 127.0.0.4"));
+    QVERIFY(lines.contains("share " + code.toLatin1() + ": password attempt from 127.0.0.5 refused"));
+}
+
+void TestKXServerProtocol::ambiguousBodiesRefused_data()
+{
+    QTest::addColumn<QByteArray>("request");
+    QTest::addColumn<int>("status");
+    QTest::addColumn<QString>("code");
+    const QByteArray hash = "POST /v1/upload/hash HTTP/1.1\r\nHost: kx\r\nX-ORBALA-SESS-ID: kx-dev-token\r\n";
+    const QByteArray block = "PUT /v1/upload/block?upload_id=" + m_errUploadId.toLatin1() +
+                             "&hash=" + sha("tiny").toLatin1() +
+                             " HTTP/1.1\r\nHost: kx\r\nX-ORBALA-SESS-ID: kx-dev-token\r\n";
+    // What follows a refused head is never taken for a request of its own.
+    QTest::newRow("two lengths") << hash + "Content-Length: 0\r\nContent-Length: 60\r\n\r\n" +
+                                        "GET /v1/metadata?path=/ HTTP/1.1\r\nHost: kx\r\n\r\n"
+                                 << 400 << "bad request";
+    QTest::newRow("length and chunked")
+        << hash + "Content-Length: 2\r\nTransfer-Encoding: chunked\r\n\r\n2\r\n{}\r\n0\r\n\r\n"
+        << 400 << "bad request";
+    QTest::newRow("unknown coding") << hash + "Transfer-Encoding: gzip, chunked\r\n\r\n"
+                                    << 400 << "bad request";
+    QTest::newRow("block without a length") << block + "\r\ntiny" << 411 << "bad request";
+    // The bodies below are never sent: the answer must come from the headers alone.
+    QTest::newRow("block over 4 MiB") << block + "Content-Length: 5000000\r\n\r\n"
+                                      << 413 << "block too large";
+    QTest::newRow("JSON beyond the hashes of 1 TiB") << hash + "Content-Length: 20000000\r\n\r\n"
+                                                     << 413 << "request too large";
+}
+
+void TestKXServerProtocol::ambiguousBodiesRefused()
+{
+    QFETCH(QByteArray, request);
+    QFETCH(int, status);
+    QFETCH(QString, code);
+    RawReply reply = rawExchange(m_server, request);
+    QCOMPARE(reply.status, status);
+    QCOMPARE(reply.code(), code);
+    QCOMPARE(reply.header("Connection"), QByteArray("close"));
+    QCOMPARE(reply.head.toLower().count("content-length:"), 1);
+    QVERIFY(!reply.body.contains("HTTP/1.1"));
 }
 
 void TestKXServerProtocol::quotaRefusesBeforeBytes()

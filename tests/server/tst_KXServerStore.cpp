@@ -1,5 +1,5 @@
 // The store under stress: concurrent uploads of one block, bodies refused before they travel,
-// bodies that end early, and a crash in the middle of an upload.
+// bodies that end early, a crash in the middle of an upload, and uploads that are abandoned.
 
 #include "KXServerProcess.h"
 #include "KXServerTestUtil.h"
@@ -97,6 +97,7 @@ private slots:
     void damagedBlockEndsTheDownloadNotTheServer();
     void rebootDropsOnlyUncommittedBlocks_data();
     void rebootDropsOnlyUncommittedBlocks();
+    void abandonedUploadsStayWithinQuotaAndGo();
 };
 
 void TestKXServerStore::concurrentUploadsOfOneBlock()
@@ -329,6 +330,51 @@ void TestKXServerStore::rebootDropsOnlyUncommittedBlocks()
     // A clean stop forces everything out and leaves no marker behind.
     QVERIFY(server.stop());
     QVERIFY(!QFile::exists(server.rootPath() + "/unsynced-blocks"));
+}
+
+void TestKXServerStore::abandonedUploadsStayWithinQuotaAndGo()
+{
+    CKXServerProcess server({"--quota", "20000", "--upload-expiry", "3"});
+    QVERIFY2(server.start(), qPrintable(server.errorString()));
+    auto query = [&](const QString& path, const QByteArray& block) {
+        QJsonObject body{{"path", path}, {"size", block.size()}, {"hashes", QJsonArray{sha(block)}}};
+        return CKXTestHttp::post(server.baseUrl() + "/v1/upload/hash", body, server.sessionHeader());
+    };
+    auto send = [&](const TestHttpReply& session, const QByteArray& block) {
+        QString id = session.json().value("upload_id").toString();
+        return CKXTestHttp::put(blockUrl(server, id, sha(block)), block, server.sessionHeader());
+    };
+    auto stored = [&](const QByteArray& block) {
+        return QFile::exists(server.rootPath() + "/blocks/" + sha(block).left(2) + "/" + sha(block).mid(2));
+    };
+    QByteArray kept = bytes(80, 4000);
+    QByteArray abandoned = bytes(81, 9000);
+    QByteArray refused = bytes(82, 9000);
+    QCOMPARE(
+        CKXTestHttp::put(server.baseUrl() + "/v1/files?path=/kept.bin", kept, server.sessionHeader()).status,
+        200);
+    TestHttpReply first = query("/a.bin", abandoned);
+    TestHttpReply second = query("/b.bin", refused);
+    TestHttpReply again = query("/k.bin", kept);
+
+    // Only blocks the hash query offered are taken, and what open uploads hold counts against the
+    // quota: 4000 stored + 9000 held + 9000 more is over 20000.
+    QCOMPARE(send(first, "not offered").code(), QStringLiteral("bad request"));
+    QCOMPARE(send(first, abandoned).status, 200);
+    QCOMPARE(send(again, kept).status, 200);
+    QCOMPARE(send(second, refused).code(), QStringLiteral("space limit"));
+    QCOMPARE(query("/c.bin", refused).code(), QStringLiteral("space limit"));
+    QVERIFY(!stored(refused));
+    QVERIFY(!stored("not offered"));
+
+    // Left idle, the sessions expire; the block only an expired session held goes, the one a file
+    // holds stays, and the room is free again.
+    QTRY_VERIFY_WITH_TIMEOUT(!stored(abandoned), 20000);
+    QVERIFY(stored(kept));
+    QCOMPARE(send(first, abandoned).code(), QStringLiteral("source not found"));
+    QCOMPARE(CKXTestHttp::get(server.baseUrl() + "/v1/files?path=/kept.bin", server.sessionHeader()).body,
+             kept);
+    QCOMPARE(needed(query("/c.bin", refused)), QStringList{sha(refused)});
 }
 
 QTEST_GUILESS_MAIN(TestKXServerStore)
