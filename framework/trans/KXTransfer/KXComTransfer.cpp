@@ -34,8 +34,7 @@ CKXComTransfer::CKXComTransfer(const SubTaskInfo& task, TransferErrorCallback er
 
 void CKXComTransfer::cancelTask()
 {
-    ServerApi::Cancel(m_requestId.load());
-    cancel();
+    stopWithoutWaiting();
 }
 
 void CKXComTransfer::serverLoggingFor(bool upload, const SubTaskInfo& task)
@@ -63,6 +62,7 @@ void CKXComTransfer::downloadTask()
         QDir().mkpath(dir.absolutePath());
     }
     const QString tmp = KXUtil::tmpFile(localPath);
+    m_partialFile = tmp;
     if (!KXUtil::isExist(tmp) && !KXUtil::createFile(tmp)) {
         TLOG_FATAL(QStringLiteral("创建文件失败 %1 path[%2] errorcode[%3]").arg(id, tmp).arg(errno));
         errorHandler(LocalFileError, tr("创建文件失败"), 200);
@@ -83,7 +83,7 @@ void CKXComTransfer::downloadTask()
     CKXDlRouterParse parser;
     request(
         [&](ServerApi::ResponseCallback done) {
-            const qint64 requestId = ServerApi::DownloadRouter(
+            return ServerApi::DownloadRouter(
                 model,
                 [this, file](const QByteArray& chunk) {
                     const qint64 position = file->pos();
@@ -92,15 +92,13 @@ void CKXComTransfer::downloadTask()
                                        .arg(file->fileName())
                                        .arg(position)
                                        .arg(chunk.size()));
-                        ServerApi::Cancel(m_requestId.load());
+                        abortRequest();
                     }
                 },
                 done,
                 [this](const DownloadProgressData& progress) {
                     progressHandler(progress.bytesReceived, progress.bytesTotal);
                 });
-            m_requestId = requestId;
-            return requestId;
         },
         [&parser](const ResponseData& response) { parser.ParseResp(response); });
 
@@ -147,12 +145,9 @@ void CKXComTransfer::uploadTask()
     CKXUploadParse parser;
     request(
         [&](ServerApi::ResponseCallback done) {
-            const qint64 requestId =
-                ServerApi::UploadFile(model, done, [this](const UploadProgressData& progress) {
-                    progressHandler(progress.bytesSent, progress.bytesTotal);
-                });
-            m_requestId = requestId;
-            return requestId;
+            return ServerApi::UploadFile(model, done, [this](const UploadProgressData& progress) {
+                progressHandler(progress.bytesSent, progress.bytesTotal);
+            });
         },
         [&parser](const ResponseData& response) { parser.ParseResp(response); });
 

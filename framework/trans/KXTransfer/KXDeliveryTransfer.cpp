@@ -17,7 +17,7 @@ CKXDeliveryTransfer::CKXDeliveryTransfer(const SubTaskInfo& task, TransferErrorC
 
 void CKXDeliveryTransfer::cancelTask()
 {
-    ServerApi::Cancel(m_requestId.load());
+    stopWithoutWaiting();
 }
 
 bool CKXDeliveryTransfer::canUpload(const SubTaskInfo& task, QString& message, long long& code,
@@ -61,6 +61,7 @@ void CKXDeliveryTransfer::downloadTask()
         QDir().mkpath(dir.absolutePath());
     }
     const QString tmp = KXUtil::tmpFile(localPath);
+    m_partialFile = tmp;
     if (!KXUtil::isExist(tmp) && !KXUtil::createFile(tmp)) {
         TLOG_FATAL(QStringLiteral("local file is not exist %1").arg(id));
         errorHandler(LocalFileError, QStringLiteral("local file is not exist"), 200);
@@ -71,12 +72,9 @@ void CKXDeliveryTransfer::downloadTask()
     CKXDeliveryDownloadParse parser;
     request(
         [&](ServerApi::ResponseCallback done) {
-            const qint64 requestId =
-                ServerApi::DeliveryDownloadFile(model, done, [this](const DownloadProgressData& progress) {
-                    progressHandler(progress.bytesReceived, progress.bytesTotal);
-                });
-            m_requestId = requestId;
-            return requestId;
+            return ServerApi::DeliveryDownloadFile(model, done, [this](const DownloadProgressData& progress) {
+                progressHandler(progress.bytesReceived, progress.bytesTotal);
+            });
         },
         [&parser](const ResponseData& response) { parser.ParseResp(response); });
     if (parser.hasError()) {
@@ -107,12 +105,9 @@ void CKXDeliveryTransfer::uploadTask()
     CKXDeliveryUploadParse parser;
     request(
         [&](ServerApi::ResponseCallback done) {
-            const qint64 requestId =
-                ServerApi::DeliveryUploadFile(model, done, [this](const UploadProgressData& progress) {
-                    progressHandler(progress.bytesSent, progress.bytesTotal);
-                });
-            m_requestId = requestId;
-            return requestId;
+            return ServerApi::DeliveryUploadFile(model, done, [this](const UploadProgressData& progress) {
+                progressHandler(progress.bytesSent, progress.bytesTotal);
+            });
         },
         [&parser](const ResponseData& response) { parser.ParseResp(response); });
     if (parser.hasError()) {
