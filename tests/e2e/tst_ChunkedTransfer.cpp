@@ -99,7 +99,8 @@ private:
     bool run(const SubTaskInfo& task, KXOutcomes::Outcome& outcome);
     QString serverSha256(const QString& remotePath);
     // A cancel returns before the transfer has ended: waits for its final callback, then for every
-    // transfer to be gone (the engine's shutdown waits for them), and sets the engine up again.
+    // transfer to be gone (the engine's shutdown waits for them), and sets the engine up again as
+    // init() left it.
     void waitUntilGone(const QString& id);
     int stat(const char* name) { return m_server.stats().value(QLatin1String(name)).toInt(); }
     void setLimit(int limit)
@@ -140,6 +141,7 @@ void TestChunkedTransfer::waitUntilGone(const QString& id)
     QTRY_VERIFY_WITH_TIMEOUT(KXOutcomes::has(id), kWait);
     Transfer::deinit();
     Transfer::setConfig(TransferConfigUserPath, QString());
+    setLimit(4);
 }
 
 long long TestChunkedTransfer::start(const SubTaskInfo& task)
