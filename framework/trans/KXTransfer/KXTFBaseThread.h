@@ -61,6 +61,7 @@ protected:
 
 private:
     std::atomic<bool> m_cancelRequested{false};
-    QMutex m_cancelMutex;       // pairs with m_cancelled; guards no data of its own
+    // Guards the check of m_cancelRequested before a sleep on m_cancelled against the wake-up.
+    QMutex m_cancelMutex;
     QWaitCondition m_cancelled; // woken by cancel()
 };
