@@ -285,7 +285,6 @@ void TestApiCancel::cancelOrDeleteFromCallbacks()
 
     QMutex clientLock;
     std::atomic<bool> entered{false};
-    std::atomic<long long> handle{0};
     CKXApiFixture::setCallbackHook([&](long long reporting, bool final) {
         if (final != fromFinal || entered.exchange(true)) {
             return;
@@ -299,7 +298,7 @@ void TestApiCancel::cancelOrDeleteFromCallbacks()
     if (lockHeld) {
         clientLock.lock();
     }
-    handle = CKXApiFixture::start(prepared.task, prepared.isUrl);
+    const long long handle = CKXApiFixture::start(prepared.task, prepared.isUrl);
     if (lockHeld) {
         QTRY_VERIFY_WITH_TIMEOUT(entered.load(), kFinishMs);
         // Must come back although the callback waits for the lock this thread holds.
@@ -313,7 +312,7 @@ void TestApiCancel::cancelOrDeleteFromCallbacks()
 }
 
 // Cancels at random moments around the end of small transfers: each ends exactly once, and as what
-// it reports. The seed is printed so that a failing sequence can be replayed.
+// it reports. The seed of the moments goes to the test's output.
 void TestApiCancel::cancelRacingTheEndEndsOnce()
 {
     const int rounds = 200;
