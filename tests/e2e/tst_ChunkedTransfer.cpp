@@ -100,6 +100,10 @@ private:
     // Runs `task` to its final callback and hands back what it reported; false on a time-out.
     bool run(const SubTaskInfo& task, KXOutcomes::Outcome& outcome);
     QString serverSha256(const QString& remotePath);
+    // A cancel returns before the transfer has ended: waits for its final callback, then for every
+    // transfer to be gone (the engine's shutdown waits for them), and sets the engine up again as
+    // init() left it.
+    void waitUntilGone(const QString& id);
     int stat(const char* name) { return m_server.stats().value(QLatin1String(name)).toInt(); }
     void setLimit(int limit)
     {
@@ -132,6 +136,14 @@ void TestChunkedTransfer::init()
 void TestChunkedTransfer::cleanup()
 {
     m_server.clearFaults();
+}
+
+void TestChunkedTransfer::waitUntilGone(const QString& id)
+{
+    QTRY_VERIFY_WITH_TIMEOUT(KXOutcomes::has(id), kWait);
+    Transfer::deinit();
+    Transfer::setConfig(TransferConfigUserPath, QString());
+    setLimit(4);
 }
 
 long long TestChunkedTransfer::start(const SubTaskInfo& task)
@@ -284,7 +296,7 @@ void TestChunkedTransfer::zeroLimitStartsNothingUntilCancelled()
     // The one progress report of a chunked transfer comes as its blocks are queued.
     QTRY_VERIFY_WITH_TIMEOUT(progressCalls(task.subTaskId) == 1, kWait);
     Transfer::cancel(handle);
-    QVERIFY(KXOutcomes::has(task.subTaskId)); // the cancel waits for the final callback
+    waitUntilGone(task.subTaskId);
     KXOutcomes::Outcome outcome = KXOutcomes::get(task.subTaskId);
     QCOMPARE(outcome.code, NoError);
     QCOMPARE(outcome.record.state, StatePaused);
@@ -427,6 +439,7 @@ void TestChunkedTransfer::commitStillNeedingBlocksFails()
     const long long handle = start(task);
     QTRY_VERIFY_WITH_TIMEOUT(progressCalls(task.subTaskId) == 1, kWait);
     Transfer::cancel(handle);
+    waitUntilGone(task.subTaskId);
     {
         // The local record claims a block the server never got (with its true hash, so that the
         // check of the file before a resume keeps it).
@@ -461,6 +474,7 @@ void TestChunkedTransfer::cancelPausesRunningBlocksAndResumes()
     const long long handle = start(task);
     QTRY_VERIFY_WITH_TIMEOUT(stat("inflight") >= 2, kWait);
     Transfer::cancel(handle);
+    waitUntilGone(task.subTaskId);
     KXOutcomes::Outcome outcome = KXOutcomes::get(task.subTaskId);
     QCOMPARE(outcome.calls, 1);
     QCOMPARE(outcome.code, NoError);
@@ -490,6 +504,7 @@ void TestChunkedTransfer::deleteDropsStoredStateAndPartialFile()
     QTRY_VERIFY_WITH_TIMEOUT(StoredBlocks(task.subTaskId).withState(BlockTaskStateCompleted) >= 1, kWait);
     QVERIFY(QFile::exists(KXUtil::tmpFile(target, task.subTaskId)));
     Transfer::del(handle);
+    waitUntilGone(task.subTaskId);
     QVERIFY(StoredBlocks(task.subTaskId).list.isEmpty());
     QVERIFY(!QFile::exists(KXUtil::tmpFile(target, task.subTaskId)));
     QVERIFY(!QFile::exists(target));

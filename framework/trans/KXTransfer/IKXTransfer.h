@@ -38,9 +38,14 @@ KXTRANSFER_EXPORT long long init(const QString& dataServer, const QString& local
 KXTRANSFER_EXPORT void setConfig(TransferConfigName name, QString value);
 KXTRANSFER_EXPORT void start(long long handle);
 // Stops the transfer and forgets its handle at once; its stored state allows a later resume.
+// Returns without waiting (also from inside a callback): the request in flight is aborted and the
+// one final callback follows on the transfer's thread, with code 0 for a chunked transfer and the
+// aborted request's code for the others, unless the transfer had finished already.
 KXTRANSFER_EXPORT void cancel(long long handle);
-// Stops the transfer and deletes its stored state; the handle goes when its thread has finished.
+// As cancel, and deletes the task's stored state; the handle goes when its thread has finished.
 KXTRANSFER_EXPORT void del(long long handle);
+// Cancels the transfers still running, waits for their final callbacks and shuts the engine down;
+// their tasks can be started again later. Not from inside a callback.
 KXTRANSFER_EXPORT void deinit();
 // The latest record of a task. A completed task is handed out once and then forgotten.
 KXTRANSFER_EXPORT bool taskInfo(const QString& subTaskId, SubTaskInfo& out);

@@ -385,7 +385,7 @@ void CKXChunkedTransfer::cancelTask()
 {
     TLOG_FATAL(QStringLiteral("取消分块传输任务 %1").arg(m_task->getId()));
     m_cancelRequested.store(true);
-    cancel();
+    stopWithoutWaiting();
     if (CKXBlockOpQueue* queue = m_opQueue.load()) {
         // The dispatcher stops first, so that every block it started is registered and no new one
         // starts behind the cancel.
@@ -393,16 +393,22 @@ void CKXChunkedTransfer::cancelTask()
         queue->end();
         queue->cancelTask();
     }
+    // Ends the block loop when no block is running; otherwise the last block filed does.
     exit(0);
-    if (QThread::currentThread() != this) {
-        wait();
-    }
 }
 
-void CKXChunkedTransfer::del()
+void CKXChunkedTransfer::errorHandler(ErrorCode code, const QString& message, int httpCode)
 {
-    // The base cancels first and waits, so no block can store its row again behind the delete.
-    CKXTransfer::del();
+    if (m_cancelRequested.load()) {
+        cancelHandler();
+        return;
+    }
+    CKXTransfer::errorHandler(code, message, httpCode);
+}
+
+void CKXChunkedTransfer::dropStoredState()
+{
+    CKXTransfer::dropStoredState();
     CKXTFStoreManager::inst()->db()->DelBlockTasks(m_task->getId());
     const SubTaskInfo record = m_task->getSubTaskInfo();
     // Another process downloading the same task holds its temporary file: not ours to remove.

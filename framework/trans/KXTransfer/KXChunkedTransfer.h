@@ -8,9 +8,11 @@
 //
 // Created by the transfer factory, run and deleted like every transfer. For the length of a run it
 // owns, and deletes with itself, the block list, the block manager, the block handler and the op
-// queue; these are made on the transfer's thread. cancelTask() comes from a client thread: it stops
-// the op queue and the running blocks, which are filed as paused, ends the run with cancelHandler()
-// and waits for the thread, so that a following del() finds nothing still writing.
+// queue; these are made on the transfer's thread. cancelTask() comes from a client thread (or from
+// a callback on this one) and does not wait for this thread: it stops the op queue, aborts the
+// running blocks' requests and this thread's own; the blocks are filed as paused and the run ends
+// with cancelHandler(). A del() drops the stored blocks and the temporary file at once and again
+// when the thread ends, after the last block has stopped writing.
 
 #include "KXTransfer.h"
 
@@ -35,8 +37,9 @@ public:
     void verifyTask() override;
     bool begin() override;
     void cancelTask() override;
-    // Drops the task's stored blocks too.
-    void del() override;
+    // After a cancel, a failure is the cancel's doing (an aborted authorisation or commit): the
+    // task ends as cancelled, paused and resumable.
+    void errorHandler(ErrorCode code, const QString& message, int httpCode) override;
     // Uploads into a share link are authorised by the link, not by the account.
     bool canUpload(const SubTaskInfo& task, QString& message, long long& code, long long& httpCode) override;
     bool deliveryCanUpload(const SubTaskInfo& task, QString& message, long long& code, long long& httpCode);
@@ -62,6 +65,8 @@ private:
     // The file is in place: the task is stored complete, then its block rows go.
     void storeFileDone();
     void endIfCancelled();
+    // The task's row, its stored blocks and a download's temporary file.
+    void dropStoredState() override;
 
     QList<CKXBlockTask*> m_blocks;
     CKXBlockMgr* m_mgr = nullptr;

@@ -34,8 +34,7 @@ CKXComTransfer::CKXComTransfer(const SubTaskInfo& task, TransferErrorCallback er
 
 void CKXComTransfer::cancelTask()
 {
-    ServerApi::Cancel(m_requestId.load());
-    cancel();
+    stopWithoutWaiting();
 }
 
 void CKXComTransfer::serverLoggingFor(bool upload, const SubTaskInfo& task)
@@ -69,6 +68,8 @@ void CKXComTransfer::downloadTask()
         errorHandler(LocalFileError, tr("创建文件失败"), 200);
         return;
     }
+    // Ours now: removed again if this download fails or is cancelled.
+    m_partialFile = tmp;
     serverLoggingFor(false, task);
     const KXSeverApiDLRouterModel model = CKXRequestModels::downloadRouter(task, QString());
     TLOG_FATAL(QStringLiteral("文件下载开始 %1").arg(id));
@@ -84,7 +85,7 @@ void CKXComTransfer::downloadTask()
     CKXDlRouterParse parser;
     request(
         [&](ServerApi::ResponseCallback done) {
-            const qint64 requestId = ServerApi::DownloadRouter(
+            return ServerApi::DownloadRouter(
                 model,
                 [this, file](const QByteArray& chunk) {
                     const qint64 position = file->pos();
@@ -93,15 +94,13 @@ void CKXComTransfer::downloadTask()
                                        .arg(file->fileName())
                                        .arg(position)
                                        .arg(chunk.size()));
-                        ServerApi::Cancel(m_requestId.load());
+                        abortRequest();
                     }
                 },
                 done,
                 [this](const DownloadProgressData& progress) {
                     progressHandler(progress.bytesReceived, progress.bytesTotal);
                 });
-            m_requestId = requestId;
-            return requestId;
         },
         [&parser](const ResponseData& response) { parser.ParseResp(response); });
 
@@ -148,12 +147,9 @@ void CKXComTransfer::uploadTask()
     CKXUploadParse parser;
     request(
         [&](ServerApi::ResponseCallback done) {
-            const qint64 requestId =
-                ServerApi::UploadFile(model, done, [this](const UploadProgressData& progress) {
-                    progressHandler(progress.bytesSent, progress.bytesTotal);
-                });
-            m_requestId = requestId;
-            return requestId;
+            return ServerApi::UploadFile(model, done, [this](const UploadProgressData& progress) {
+                progressHandler(progress.bytesSent, progress.bytesTotal);
+            });
         },
         [&parser](const ResponseData& response) { parser.ParseResp(response); });
 

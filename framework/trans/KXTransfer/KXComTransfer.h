@@ -6,8 +6,6 @@
 
 #include "KXTransfer.h"
 
-#include <atomic>
-
 class CKXComTransfer : public CKXTransfer
 {
     Q_OBJECT
@@ -22,6 +20,4 @@ public:
 
 private:
     void serverLoggingFor(bool upload, const SubTaskInfo& task);
-
-    std::atomic<qint64> m_requestId{0};
 };

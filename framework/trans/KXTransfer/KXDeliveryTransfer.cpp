@@ -17,7 +17,7 @@ CKXDeliveryTransfer::CKXDeliveryTransfer(const SubTaskInfo& task, TransferErrorC
 
 void CKXDeliveryTransfer::cancelTask()
 {
-    ServerApi::Cancel(m_requestId.load());
+    stopWithoutWaiting();
 }
 
 bool CKXDeliveryTransfer::canUpload(const SubTaskInfo& task, QString& message, long long& code,
@@ -67,17 +67,16 @@ void CKXDeliveryTransfer::downloadTask()
         errorHandler(LocalFileError, QStringLiteral("local file is not exist"), 200);
         return;
     }
+    // Ours now: removed again if this download fails or is cancelled.
+    m_partialFile = tmp;
     KXServerApiDeliveryDownloadFileModel model = CKXRequestModels::deliveryData(task);
     model.localPath = tmp;
     CKXDeliveryDownloadParse parser;
     request(
         [&](ServerApi::ResponseCallback done) {
-            const qint64 requestId =
-                ServerApi::DeliveryDownloadFile(model, done, [this](const DownloadProgressData& progress) {
-                    progressHandler(progress.bytesReceived, progress.bytesTotal);
-                });
-            m_requestId = requestId;
-            return requestId;
+            return ServerApi::DeliveryDownloadFile(model, done, [this](const DownloadProgressData& progress) {
+                progressHandler(progress.bytesReceived, progress.bytesTotal);
+            });
         },
         [&parser](const ResponseData& response) { parser.ParseResp(response); });
     if (parser.hasError()) {
@@ -108,12 +107,9 @@ void CKXDeliveryTransfer::uploadTask()
     CKXDeliveryUploadParse parser;
     request(
         [&](ServerApi::ResponseCallback done) {
-            const qint64 requestId =
-                ServerApi::DeliveryUploadFile(model, done, [this](const UploadProgressData& progress) {
-                    progressHandler(progress.bytesSent, progress.bytesTotal);
-                });
-            m_requestId = requestId;
-            return requestId;
+            return ServerApi::DeliveryUploadFile(model, done, [this](const UploadProgressData& progress) {
+                progressHandler(progress.bytesSent, progress.bytesTotal);
+            });
         },
         [&parser](const ResponseData& response) { parser.ParseResp(response); });
     if (parser.hasError()) {

@@ -6,8 +6,6 @@
 
 #include "KXTransfer.h"
 
-#include <atomic>
-
 class CKXDeliveryTransfer : public CKXTransfer
 {
     Q_OBJECT
@@ -15,13 +13,10 @@ public:
     CKXDeliveryTransfer(const SubTaskInfo& task, TransferErrorCallback errorCallback,
                         TransferProgressCallback progressCallback);
 
-    // Aborts the request in flight.
+    // Aborts the request in flight and requests interruption, without waiting for the thread.
     void cancelTask() override;
     // Share-link authorisation of an upload; downloads need none.
     bool canUpload(const SubTaskInfo& task, QString& message, long long& code, long long& httpCode) override;
     void downloadTask() override;
     void uploadTask() override;
-
-private:
-    std::atomic<qint64> m_requestId{0};
 };

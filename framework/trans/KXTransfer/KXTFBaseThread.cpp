@@ -17,7 +17,13 @@ CKXTFBaseThread::~CKXTFBaseThread()
 
 void CKXTFBaseThread::cancel()
 {
+    // The flag of our own is kept because QThread drops an interruption request made before the
+    // thread runs. It is set before the wake-up is sent under the mutex, so a waiter that has just
+    // found it unset is already asleep when the wake-up comes.
+    m_cancelRequested.store(true);
     requestInterruption();
+    QMutexLocker locker(&m_cancelMutex);
+    m_cancelled.wakeAll();
 }
 
 bool CKXTFBaseThread::end()
@@ -30,7 +36,15 @@ bool CKXTFBaseThread::end()
 
 bool CKXTFBaseThread::isCancelled()
 {
-    return isInterruptionRequested();
+    return m_cancelRequested.load() || isInterruptionRequested();
+}
+
+void CKXTFBaseThread::waitUntilCancelled()
+{
+    QMutexLocker locker(&m_cancelMutex);
+    while (!isCancelled()) {
+        m_cancelled.wait(&m_cancelMutex);
+    }
 }
 
 void CKXTFBaseThread::threadEnd() {}

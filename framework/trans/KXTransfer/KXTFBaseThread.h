@@ -1,9 +1,9 @@
 #pragma once
 
 // Common base of every engine thread: transfers, the finishing thread and the block threads.
-// Cancellation is cooperative (cancel() requests, isCancelled() polls) and stopping blocks
-// (end() waits without time-out); a thread is never terminated. Whoever deletes a thread object
-// calls end() first, from another thread.
+// Cancellation is cooperative (cancel() requests, isCancelled() tells, waitUntilCancelled() sleeps
+// until it comes) and stopping blocks (end() waits without time-out); a thread is never
+// terminated. Whoever deletes a thread object calls end() first, from another thread.
 //
 // The base also carries the one way engine threads wait for a server answer: the request's
 // completion callback (on the server library's thread) records the answer and ends the nested
@@ -13,7 +13,9 @@
 
 #include <QMutex>
 #include <QThread>
+#include <QWaitCondition>
 
+#include <atomic>
 #include <functional>
 #include <memory>
 
@@ -24,6 +26,7 @@ public:
     CKXTFBaseThread();
     ~CKXTFBaseThread() override;
 
+    // Requests the stop, also before the thread runs, and wakes waitUntilCancelled().
     virtual void cancel();
     virtual bool end();
     virtual bool isCancelled();
@@ -52,4 +55,13 @@ protected:
     // Runs nested event loops (QThread::exec) on this thread until the completion has run. A stray
     // exit() from elsewhere does not end the wait early: the parser is only read once it is filled.
     void waitFor(const Pending& pending);
+
+    // Sleeps on this thread until cancel() has been called.
+    void waitUntilCancelled();
+
+private:
+    std::atomic<bool> m_cancelRequested{false};
+    // Guards the check of m_cancelRequested before a sleep on m_cancelled against the wake-up.
+    QMutex m_cancelMutex;
+    QWaitCondition m_cancelled; // woken by cancel()
 };

@@ -16,7 +16,7 @@ void CKXTransColletion::transferFinished(long long handle, CKXTransfer* transfer
     }
     transfer->end();
     if (manager) {
-        manager->waitUntilUnused(transfer);
+        manager->retire(transfer);
     }
     delete transfer;
 }

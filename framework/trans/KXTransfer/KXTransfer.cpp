@@ -16,7 +16,6 @@
 namespace {
 
 const TaskState kStateRunning = StateWorking;
-const int kStopPollMs = 20;
 const QString kNoSpaceText = QStringLiteral("No space left on device");
 
 } // namespace
@@ -37,7 +36,7 @@ CKXTransfer::~CKXTransfer()
 void CKXTransfer::threadEnd()
 {
     if (m_deleted) {
-        CKXTFStoreManager::inst()->db()->DelTransferTask(m_task->getId());
+        dropStoredState();
     }
     emit threadFinished(m_handle, this);
 }
@@ -62,9 +61,32 @@ void CKXTransfer::cancelTask()
 void CKXTransfer::del()
 {
     TLOG_FATAL(QStringLiteral("删除任务 %1").arg(m_task->getId()));
+    // Set before the cancel, so that a thread ending meanwhile drops the state in threadEnd() if
+    // this call's own drop comes too early.
     m_deleted = true;
     cancelTask();
+    dropStoredState();
+}
+
+void CKXTransfer::dropStoredState()
+{
     CKXTFStoreManager::inst()->db()->DelTransferTask(m_task->getId());
+}
+
+void CKXTransfer::stopWithoutWaiting()
+{
+    // Interruption first: request() reads it after publishing a new request id, so one side or
+    // the other aborts a request that is being started right now.
+    cancel();
+    abortRequest();
+}
+
+void CKXTransfer::abortRequest()
+{
+    const qint64 id = m_requestId.load();
+    if (id != 0) {
+        ServerApi::Cancel(id);
+    }
 }
 
 CKXTransferTask* CKXTransfer::transferTask()
@@ -95,9 +117,7 @@ void CKXTransfer::run()
     }
     begin();
     // The handlers request interruption when the task has ended; the thread stays until then.
-    while (!isCancelled()) {
-        QThread::msleep(kStopPollMs);
-    }
+    waitUntilCancelled();
 }
 
 bool CKXTransfer::begin()
@@ -157,8 +177,13 @@ void CKXTransfer::request(const std::function<qint64(ServerApi::ResponseCallback
                           const std::function<void(const ResponseData&)>& onResponse)
 {
     const Pending pending = newRequest();
-    call(completion(pending, onResponse));
+    const qint64 id = call(completion(pending, onResponse));
+    m_requestId.store(id);
+    if (isCancelled()) {
+        ServerApi::Cancel(id);
+    }
     waitFor(pending);
+    m_requestId.store(0);
 }
 
 bool CKXTransfer::remoteFileIsExist(const SubTaskInfo& task)
@@ -362,6 +387,9 @@ void CKXTransfer::errorHandler(ErrorCode code, const QString& message, int httpC
     if (code == 4 && message == kNoSpaceText) {
         finalMessage = tr("空间不足 请释放空间后再尝试下载");
         finalCode = NoSpace;
+    }
+    if (!m_partialFile.isEmpty() && KXUtil::isExist(m_partialFile)) {
+        KXUtil::removeFile(m_partialFile);
     }
     m_task->setErrorCode(finalCode);
     m_task->setErrorInfo(finalMessage);

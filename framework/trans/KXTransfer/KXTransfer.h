@@ -33,7 +33,8 @@ public:
     virtual void setHandle(long long handle);
     // Requests interruption and blocks the caller until run() has returned.
     virtual void cancelTask();
-    // cancelTask(), then removes the task's row from the database.
+    // cancelTask(), then drops what is stored of the task (dropStoredState()); again when the
+    // thread ends, for a transfer whose cancelTask() does not wait.
     virtual void del();
     virtual CKXTransferTask* transferTask();
 
@@ -66,9 +67,19 @@ protected:
     void run() override;
 
     // Waits for a server answer through a pending request that the callback completes (see
-    // CKXTFBaseThread::waitFor). `call` starts the request with the given completion callback.
+    // CKXTFBaseThread::waitFor). `call` starts the request with the given completion callback and
+    // returns its id, which is kept as the request in flight for abortRequest(). A request started
+    // after a cancel is aborted at once, so that a cancelled task never goes on to its next step.
     void request(const std::function<qint64(ServerApi::ResponseCallback)>& call,
                  const std::function<void(const ResponseData&)>& onResponse);
+    // Aborts the request in flight, if any; its completion then comes with ErrorCancelled.
+    void abortRequest();
+    // The cancel of the transfers that do not wait: requests interruption and aborts the request in
+    // flight, so the task ends through its own handler soon after, on its own thread.
+    void stopWithoutWaiting();
+    // Removes the task's row; derived classes drop their own stored state too. Called from del()
+    // on the client's thread and, after a del(), from threadEnd() on the transfer's thread.
+    virtual void dropStoredState();
 
     // Reports a transfer event to the server's log and waits for the answer, which is ignored.
     void serverLogging(const QString& event, const SubTaskInfo& task);
@@ -84,6 +95,11 @@ protected:
     TransferProgressCallback m_progressCallback = nullptr;
     CKXTransferTask* m_task = nullptr;
     long long m_handle = 0;
+    // The request in flight, 0 between requests; written on this thread, aborted from any.
+    std::atomic<qint64> m_requestId{0};
+    // The temporary file of a whole-file download in progress, set on this thread. A failed or
+    // cancelled whole-file download restarts from byte 0, so errorHandler() removes it.
+    QString m_partialFile;
     // Set by del(). A transfer whose cancelTask() does not wait may still end in a handler that
     // saves the task again; threadEnd() then removes that row once more.
     std::atomic<bool> m_deleted{false};

@@ -12,6 +12,7 @@
 #include <QTime>
 
 #include <random>
+#include <vector>
 
 CKXTransferManager* CKXTransferManager::m_inst = nullptr;
 
@@ -40,10 +41,18 @@ CKXTransferManager* CKXTransferManager::existing()
 
 void CKXTransferManager::clear()
 {
-    CKXTransferManager* manager = nullptr;
+    CKXTransferManager* manager = existing();
+    if (!manager) {
+        return;
+    }
+    // Stopped while it is still the singleton: the finishing thread reports every transfer it
+    // deletes to it.
+    manager->stopAll();
     {
         QMutexLocker locker(&g_instMutex);
-        manager = m_inst;
+        if (m_inst != manager) {
+            return;
+        }
         m_inst = nullptr;
     }
     // Deleted outside the lock: the finishing thread may still ask for the manager meanwhile.
@@ -70,6 +79,7 @@ public:
         }
     }
     CKXTransfer* operator->() const { return m_transfer; }
+    CKXTransfer* get() const { return m_transfer; }
     explicit operator bool() const { return m_transfer != nullptr; }
 
 private:
@@ -92,11 +102,37 @@ CKXTransferManager::Use CKXTransferManager::use(long long handle, bool remove)
     return Use(this, transfer);
 }
 
-void CKXTransferManager::waitUntilUnused(CKXTransfer* transfer)
+void CKXTransferManager::retire(CKXTransfer* transfer)
 {
     QMutexLocker locker(&m_mutex);
     while (m_inUse.contains(transfer)) {
         m_unused.wait(&m_mutex);
+    }
+    if (m_started.remove(transfer)) {
+        m_retired.wakeAll();
+    }
+}
+
+void CKXTransferManager::stopAll()
+{
+    std::vector<Use> running;
+    {
+        QMutexLocker locker(&m_mutex);
+        // Transfers never started are neither stopped nor deleted.
+        m_transfers.clear();
+        // Marked in use, so that none of them is deleted while it is being cancelled.
+        for (CKXTransfer* transfer : qAsConst(m_started)) {
+            ++m_inUse[transfer];
+            running.emplace_back(this, transfer);
+        }
+    }
+    for (const Use& transfer : running) {
+        transfer->cancelTask();
+    }
+    running.clear();
+    QMutexLocker locker(&m_mutex);
+    while (!m_started.isEmpty()) {
+        m_retired.wait(&m_mutex);
     }
 }
 
@@ -194,6 +230,10 @@ void CKXTransferManager::start(long long handle)
     const Use transfer = use(handle, false);
     if (transfer) {
         TLOG_FATAL(QStringLiteral("开始任务 %1").arg(handle));
+        {
+            QMutexLocker locker(&m_mutex);
+            m_started.insert(transfer.get());
+        }
         transfer->start(QThread::InheritPriority);
     }
 }

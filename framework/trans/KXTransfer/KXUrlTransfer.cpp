@@ -13,6 +13,11 @@ CKXUrlTransfer::CKXUrlTransfer(const SubTaskInfo& task, TransferErrorCallback er
     : CKXTransfer(task, errorCallback, progressCallback)
 {}
 
+void CKXUrlTransfer::cancelTask()
+{
+    stopWithoutWaiting();
+}
+
 bool CKXUrlTransfer::begin()
 {
     m_task->setTaskState(StateWorking);
@@ -24,6 +29,7 @@ void CKXUrlTransfer::downloadTask()
 {
     const QString id = m_task->getId();
     const QString tmp = tmpFilePath();
+    m_partialFile = tmp;
     if (!KXUtil::isExist(tmp)) {
         KXUtil::createFile(tmp);
     }
@@ -41,7 +47,7 @@ void CKXUrlTransfer::downloadTask()
     const QString address = m_task->getDataServerHost();
     request(
         [&](ServerApi::ResponseCallback done) {
-            const qint64 requestId = ServerApi::Download(
+            return ServerApi::Download(
                 address,
                 [this, file](const QByteArray& chunk) {
                     const qint64 position = file->pos();
@@ -50,7 +56,7 @@ void CKXUrlTransfer::downloadTask()
                                        .arg(file->fileName())
                                        .arg(position)
                                        .arg(chunk.size()));
-                        ServerApi::Cancel(m_requestId.load());
+                        abortRequest();
                     }
                 },
                 done,
@@ -58,8 +64,6 @@ void CKXUrlTransfer::downloadTask()
                     m_task->setSize(progress.bytesTotal);
                     progressHandler(progress.bytesReceived, progress.bytesTotal);
                 });
-            m_requestId = requestId;
-            return requestId;
         },
         [&parser](const ResponseData& response) { parser.ParseResp(response); });
 

@@ -23,8 +23,24 @@ QHash<long long, ApiTaskRecord> g_records; // guarded by g_recordsMutex
 
 std::atomic<bool> g_readInFinal{false};
 
+QMutex g_hookMutex;
+ApiCallbackHook g_hook; // guarded by g_hookMutex
+
+void runHook(long long handle, bool final)
+{
+    ApiCallbackHook hook;
+    {
+        QMutexLocker locker(&g_hookMutex);
+        hook = g_hook;
+    }
+    if (hook) {
+        hook(handle, final);
+    }
+}
+
 void onFinal(long long handle, const SubTaskInfo& task, ErrorCode code)
 {
+    runHook(handle, true);
     SubTaskInfo stored;
     const bool read = g_readInFinal && Transfer::taskInfo(task.subTaskId, stored);
     QMutexLocker locker(&g_recordsMutex);
@@ -38,6 +54,7 @@ void onFinal(long long handle, const SubTaskInfo& task, ErrorCode code)
 void onProgress(long long handle, const SubTaskInfo& task, long long bytes)
 {
     Q_UNUSED(task)
+    runHook(handle, false);
     QMutexLocker locker(&g_recordsMutex);
     ApiTaskRecord& record = g_records[handle];
     ++record.progress;
@@ -66,6 +83,7 @@ bool CKXApiFixture::setUp()
     qputenv("XDG_DATA_HOME", m_home.path().toUtf8() + "/data");
     qputenv("HOME", m_home.path().toUtf8());
     g_readInFinal = false;
+    setCallbackHook(nullptr);
     {
         QMutexLocker locker(&g_recordsMutex);
         g_records.clear();
@@ -99,23 +117,36 @@ QString CKXApiFixture::localPath(const QString& name) const
 
 int CKXApiFixture::dbRowState(const QString& subTaskId) const
 {
+    return dbValue(QStringLiteral("SELECT state FROM transfer_v1 WHERE id = ?"), subTaskId);
+}
+
+int CKXApiFixture::dbBlockRows(const QString& subTaskId, int state) const
+{
+    const QString ofState = state < 0 ? QString() : QStringLiteral(" AND state = %1").arg(state);
+    return dbValue(QStringLiteral("SELECT count(*) FROM block_v1 WHERE sub_task_id = ?") + ofState,
+                   subTaskId);
+}
+
+// The first column of the first row `text` yields for `subTaskId`, -1 when there is none.
+int CKXApiFixture::dbValue(const QString& text, const QString& subTaskId) const
+{
     const QString connection = QStringLiteral("probe");
-    int state = -1;
+    int value = -1;
     {
         QSqlDatabase db = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), connection);
         db.setDatabaseName(m_home.path() + QStringLiteral("/data/Transfer/transfer.db"));
         db.setConnectOptions(QStringLiteral("QSQLITE_OPEN_READONLY"));
         if (db.open()) {
             QSqlQuery query(db);
-            query.prepare(QStringLiteral("SELECT state FROM transfer_v1 WHERE id = ?"));
+            query.prepare(text);
             query.addBindValue(subTaskId);
             if (query.exec() && query.next()) {
-                state = query.value(0).toInt();
+                value = query.value(0).toInt();
             }
         }
     }
     QSqlDatabase::removeDatabase(connection);
-    return state;
+    return value;
 }
 
 long long CKXApiFixture::init(const SubTaskInfo& task, bool isUrl)
@@ -167,6 +198,12 @@ void CKXApiFixture::checkReadOnce(const QString& subTaskId, qint64 size)
 void CKXApiFixture::readTaskInFinalCallback(bool read)
 {
     g_readInFinal = read;
+}
+
+void CKXApiFixture::setCallbackHook(ApiCallbackHook hook)
+{
+    QMutexLocker locker(&g_hookMutex);
+    g_hook = std::move(hook);
 }
 
 ApiTaskRecord CKXApiFixture::record(long long handle)

@@ -14,6 +14,7 @@
 #include <QStringList>
 #include <QTemporaryDir>
 
+#include <functional>
 #include <memory>
 
 // What the callbacks reported for one handle.
@@ -30,6 +31,10 @@ struct ApiTaskRecord
 // Long enough for a 4 MiB transfer on a loaded two-core machine.
 constexpr int kFinishMs = 60000;
 
+// Runs at the start of every callback, on the thread that reports; `final` tells the error
+// callback from a progress report.
+using ApiCallbackHook = std::function<void(long long handle, bool final)>;
+
 class CKXApiFixture
 {
 public:
@@ -45,6 +50,8 @@ public:
     QString localPath(const QString& name) const;
     // The state column of the task's row in transfer.db, -1 when it has no row.
     int dbRowState(const QString& subTaskId) const;
+    // The number of the task's rows in the block table of transfer.db, of any state or of `state`.
+    int dbBlockRows(const QString& subTaskId, int state = -1) const;
 
     // Starts the task and waits for its one final callback and for the finishing thread to take
     // it off the manager (fails the current test otherwise); `out` gets what was reported.
@@ -59,6 +66,8 @@ public:
     static ApiTaskRecord record(long long handle);
     // Makes the final callback read the task at once, as a client that is told it ended would.
     static void readTaskInFinalCallback(bool read);
+    // Installs `hook` for every later callback; setUp() removes it.
+    static void setCallbackHook(ApiCallbackHook hook);
 
     static SubTaskInfo uploadTask(const QString& localPath, const QString& remotePath);
     static SubTaskInfo downloadTask(const QString& remotePath, qint64 size, const QString& localPath);
@@ -71,6 +80,7 @@ public:
 
 private:
     static void waitToEnd(long long handle, ApiTaskRecord* out);
+    int dbValue(const QString& text, const QString& subTaskId) const;
 
     QTemporaryDir m_home;
     QTemporaryDir m_work;

@@ -24,11 +24,12 @@ int requestLength(const QByteArray& data)
 
 } // namespace
 
-CKXCannedHttpServer::CKXCannedHttpServer(int status, const QByteArray& jsonBody)
+CKXCannedHttpServer::CKXCannedHttpServer(int status, const QByteArray& jsonBody, const QByteArray& location)
 {
+    const QByteArray redirect = location.isEmpty() ? QByteArray() : "Location: " + location + "\r\n";
     m_answer = QByteArray("HTTP/1.1 ") + QByteArray::number(status) +
-               " Canned\r\nContent-Type: application/json\r\nConnection: close\r\nContent-Length: " +
-               QByteArray::number(jsonBody.size()) + "\r\n\r\n" + jsonBody;
+               " Canned\r\nContent-Type: application/json\r\nConnection: close\r\n" + redirect +
+               "Content-Length: " + QByteArray::number(jsonBody.size()) + "\r\n\r\n" + jsonBody;
     QObject::connect(&m_server, &QTcpServer::newConnection, [this] { accept(); });
 }
 

@@ -14,7 +14,8 @@ class QTcpSocket;
 class CKXCannedHttpServer
 {
 public:
-    CKXCannedHttpServer(int status, const QByteArray& jsonBody);
+    // A non-empty `location` goes out as the answer's Location header.
+    CKXCannedHttpServer(int status, const QByteArray& jsonBody, const QByteArray& location = QByteArray());
 
     bool listen();
     QString baseUrl() const; // "http://127.0.0.1:PORT"

@@ -1,9 +1,11 @@
 // Downloads from plain addresses (a real nginx) driven through the public API.
 
 #include "KXApiFixture.h"
+#include "KXCannedHttpServer.h"
 #include "KXNginxProcess.h"
 #include "KXUtil.h"
 
+#include <QDir>
 #include <QFile>
 #include <QJsonObject>
 #include <QTemporaryDir>
@@ -20,7 +22,8 @@ private slots:
     void cleanup();
 
     void downloadsAddress();
-    void missingAddressFails();
+    void failedAddressLeavesNothing_data();
+    void failedAddressLeavesNothing();
     void uploadMarkedTaskStillDownloads();
     void addressLargerThanDisk();
 
@@ -81,16 +84,34 @@ void TestApiUrlTransfer::downloadsAddress()
     m_env->checkReadOnce(record.task.subTaskId, content.size());
 }
 
-void TestApiUrlTransfer::missingAddressFails()
+void TestApiUrlTransfer::failedAddressLeavesNothing_data()
 {
-    const QString local = m_env->localPath(QStringLiteral("nope.bin"));
+    QTest::addColumn<QString>("address"); // "nginx" and "canned" stand for those servers' base
+    QTest::addColumn<int>("httpCode");
+    QTest::newRow("not found") << QStringLiteral("nginx/nope.bin") << 404;
+    QTest::newRow("redirect loop") << QStringLiteral("canned/loop") << 0;
+    QTest::newRow("unsupported scheme") << QStringLiteral("gopher://127.0.0.1/f.bin") << 0;
+}
+
+// Nothing of a failed download stays on disk: a failed download starts from byte 0 again anyway.
+void TestApiUrlTransfer::failedAddressLeavesNothing()
+{
+    QFETCH(QString, address);
+    QFETCH(int, httpCode);
+    CKXCannedHttpServer loop(302, QByteArray(), "/again");
+    QVERIFY(loop.listen());
+    address.replace(QStringLiteral("nginx"), m_nginx->baseUrl());
+    address.replace(QStringLiteral("canned"), loop.baseUrl());
+    const QString folder = m_env->localPath(QStringLiteral("got"));
+    QVERIFY(QDir().mkpath(folder));
+
     ApiTaskRecord record;
-    KX_RUN_ADDRESS_TO_END(*m_env, m_nginx->baseUrl() + QStringLiteral("/nope.bin"), local, &record);
+    KX_RUN_ADDRESS_TO_END(*m_env, address, folder + QStringLiteral("/f.bin"), &record);
     // A plain address answers without a server error code: the failure is in the record.
     QCOMPARE(record.task.state, StateError);
-    QCOMPARE(record.task.httpCode, 404);
+    QCOMPARE(record.task.httpCode, httpCode);
+    QCOMPARE(QDir(folder).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot), QStringList());
     QCOMPARE(record.task.subTaskId.size(), 38); // the address form draws an id of its own
-    QVERIFY(!QFile::exists(local));
     QCOMPARE(m_env->dbRowState(record.task.subTaskId), int(StateError));
 }
 
