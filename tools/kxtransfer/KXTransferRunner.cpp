@@ -1,7 +1,6 @@
 #include "KXTransferRunner.h"
 
 #include "IKXTransfer.h"
-#include "KXEngine.h"
 #include "KXInterrupt.h"
 #include "KXJobState.h"
 #include "KXProgressPrinter.h"
@@ -291,7 +290,7 @@ void CKXTransferRunner::discardCompletedRow(const SubTaskInfo& task, bool isUrl)
     // The engine reports a task whose stored row says complete as done without moving a byte.
     // Such a row is a leftover of an earlier run that ended before it could be cleared; this run
     // must transfer again, so the row goes.
-    CKXTaskDatabase db(CKXEngine::databaseFile());
+    CKXTaskDatabase db(CKXTaskDatabase::databaseFile());
     KXStoredTask stored;
     if (db.find(task.subTaskId, stored) && (stored.state & StateCompleted)) {
         discardRow(task, isUrl);
@@ -300,7 +299,7 @@ void CKXTransferRunner::discardCompletedRow(const SubTaskInfo& task, bool isUrl)
 
 bool CKXTransferRunner::hasFinishedBlocks(const SubTaskInfo& task)
 {
-    CKXTaskDatabase db(CKXEngine::databaseFile());
+    CKXTaskDatabase db(CKXTaskDatabase::databaseFile());
     KXStoredTask stored;
     return db.find(task.subTaskId, stored) && stored.blocksDone > 0;
 }
