@@ -2,6 +2,7 @@
 
 // Blocking HTTP exchanges over libcurl for tests and benchmarks: one call, one request, the whole
 // answer in memory. Safe to call from any number of threads at once (one easy handle per call).
+// The only place outside the server-API library where the tests and benchmarks call libcurl.
 
 #include <QByteArray>
 #include <QJsonObject>
@@ -43,4 +44,20 @@ public:
                              const QList<QByteArray>& headers = {});
     // Percent-encodes a query value.
     static QString encode(const QString& value);
+};
+
+// The same exchanges over one kept-alive connection, as a client that sends many requests in a row
+// does. One object per thread; the connection closes with the object.
+class CKXTestHttpSession
+{
+public:
+    CKXTestHttpSession();
+    ~CKXTestHttpSession();
+    CKXTestHttpSession(const CKXTestHttpSession&) = delete;
+    CKXTestHttpSession& operator=(const CKXTestHttpSession&) = delete;
+
+    TestHttpReply send(const TestHttpRequest& request);
+
+private:
+    void* m_curl; // CURL*, kept out of this header
 };
