@@ -18,7 +18,6 @@
 
 namespace {
 
-const qint64 kBlockSize = 4194304;
 const int kPollMs = 200;
 const int kFinalCallbackWaitMs = 15000;
 const int kThreadEndWaitMs = 10000;
@@ -313,7 +312,7 @@ void CKXTransferRunner::discardRow(const SubTaskInfo& task, bool isUrl)
 
 void CKXTransferRunner::execute(const SubTaskInfo& task, bool isUrl, KXTransferOutcome& outcome)
 {
-    outcome.chunked = !isUrl && task.size > kBlockSize;
+    outcome.chunked = !isUrl && task.size > CKXTaskDatabase::blockSize();
     outcome.resumable = !isUrl;
     auto state = std::make_shared<CKXJobState>();
     registerJob(task.subTaskId, state);

@@ -1,5 +1,6 @@
 #include "KXTaskDatabase.h"
 
+#include "KXBlockBuilder.h"
 #include "KXBlockTask.h"
 #include "KXJsonConvert.h"
 #include "KXLoggerWrapper.h"
@@ -67,6 +68,11 @@ QString CKXTaskDatabase::logFolder()
 QString CKXTaskDatabase::stateName(qint32 state)
 {
     return CKXJsonConvert::taskStateToString(static_cast<TaskState>(state)).remove(QStringLiteral("State"));
+}
+
+qint64 CKXTaskDatabase::blockSize()
+{
+    return CKXBlockBuilder::kBlockSize;
 }
 
 bool CKXTaskDatabase::open(QString& error)

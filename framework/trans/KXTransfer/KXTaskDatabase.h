@@ -48,6 +48,8 @@ public:
 
     // The task JSON's state text without its "State" prefixes: "Working|Paused"; "None" for 0.
     static QString stateName(qint32 state);
+    // The size of one block of a chunked task; a file larger than this is moved in blocks.
+    static qint64 blockSize();
 
 private:
     bool open(QString& error);
