@@ -14,11 +14,15 @@ struct Exchange
     const QByteArray* body = nullptr;
     qsizetype sent = 0;
     TestHttpReply* reply = nullptr;
+    std::function<size_t(char*, size_t)> source;
 };
 
 size_t readBody(char* buffer, size_t size, size_t count, void* user)
 {
     auto* ex = static_cast<Exchange*>(user);
+    if (ex->source) {
+        return ex->source(buffer, size * count);
+    }
     qsizetype n = qMin<qsizetype>(static_cast<qsizetype>(size * count), ex->body->size() - ex->sent);
     memcpy(buffer, ex->body->constData() + ex->sent, static_cast<size_t>(n));
     ex->sent += n;
@@ -52,7 +56,7 @@ void initCurlOnce()
 TestHttpReply perform(CURL* curl, const TestHttpRequest& request)
 {
     TestHttpReply reply;
-    Exchange ex{&request.body, 0, &reply};
+    Exchange ex{&request.body, 0, &reply, request.bodySource};
     QByteArray url = request.url.toUtf8();
     curl_easy_setopt(curl, CURLOPT_URL, url.constData());
     curl_easy_setopt(curl, CURLOPT_CUSTOMREQUEST, request.method.constData());
@@ -62,7 +66,8 @@ TestHttpReply perform(CURL* curl, const TestHttpRequest& request)
     const bool upload = request.method == "PUT" || request.method == "POST";
     curl_easy_setopt(curl, CURLOPT_UPLOAD, upload ? 1L : 0L);
     if (upload) {
-        curl_easy_setopt(curl, CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(request.body.size()));
+        const qint64 size = request.bodySource ? request.bodySize : request.body.size();
+        curl_easy_setopt(curl, CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(size));
         curl_easy_setopt(curl, CURLOPT_READFUNCTION, readBody);
         curl_easy_setopt(curl, CURLOPT_READDATA, &ex);
     }
