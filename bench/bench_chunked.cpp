@@ -6,6 +6,7 @@
 //   bench_chunked [MiB (default 1024)] [blocks in flight (default 4)]
 
 #include "IKXTransfer.h"
+#include "KXServerDriver.h"
 #include "ServerApi.h"
 
 #include <QCoreApplication>
@@ -146,20 +147,6 @@ quint16 startNginx(QProcess& process, const QString& prefix, const QString& root
     return 0;
 }
 
-// Starts kxserver on a free loopback port; returns its base URL, or "".
-QString startKxServer(QProcess& process, const QString& root)
-{
-    process.start(QStringLiteral(KX_BIN_DIR "/kxserver"),
-                  {QStringLiteral("--root"), root, QStringLiteral("--listen"), QStringLiteral("127.0.0.1:0"),
-                   QStringLiteral("--token"), kToken});
-    if (!process.waitForReadyRead(10000)) {
-        return QString();
-    }
-    const QString line = QString::fromUtf8(process.readLine()).trimmed();
-    const int at = line.indexOf(QStringLiteral("http"));
-    return at < 0 ? QString() : line.mid(at);
-}
-
 // Runs one task to its end through the public API; returns seconds, or a negative value on failure.
 double runTask(const SubTaskInfo& task)
 {
@@ -219,12 +206,17 @@ int main(int argc, char** argv)
         return 1;
     }
 
-    QProcess server;
-    const QString base = startKxServer(server, work.path() + QStringLiteral("/kxserver"));
+    CKXServerDriver server;
+    KXServerLaunch launch;
+    launch.binary = QStringLiteral(KX_BIN_DIR "/kxserver");
+    launch.root = work.path() + QStringLiteral("/kxserver");
+    launch.token = kToken;
+    QString error;
+    const QString base = server.start(launch, error) ? server.baseUrl() : error;
     QProcess nginx;
     const quint16 nginxPort = startNginx(nginx, work.path() + QStringLiteral("/nginx"),
                                          work.path() + QStringLiteral("/nginx/root"));
-    if (base.isEmpty() || nginxPort == 0) {
+    if (!server.isRunning() || nginxPort == 0) {
         std::fprintf(stderr, "kxserver (%s) or nginx did not start\n", qPrintable(base));
         return 1;
     }
@@ -271,12 +263,11 @@ int main(int argc, char** argv)
     printRate("chunked download", down, mib);
     std::printf("%-30s %.2fx curl GET, peak RSS %.1f MiB\n", "", get / down, downPeak);
 
-    for (QProcess* process : {&server, &nginx}) {
-        process->terminate();
-        if (!process->waitForFinished(30000)) {
-            process->kill();
-            process->waitForFinished();
-        }
+    server.stop();
+    nginx.terminate();
+    if (!nginx.waitForFinished(30000)) {
+        nginx.kill();
+        nginx.waitForFinished();
     }
     return 0;
 }

@@ -1,5 +1,5 @@
-// Block-ingest throughput of kxserver: 1, 4 and 8 parallel clients (libcurl, one kept-alive
-// connection each) send distinct 4 MiB blocks of one upload session. Prints MiB/s per run.
+// Block-ingest throughput of kxserver: 1, 4 and 8 parallel clients (one kept-alive test HTTP
+// session each) send distinct 4 MiB blocks of one upload session. Prints MiB/s per run.
 //   bench_server_ingest [blocks per run, default 32]
 
 #include "KXServerProcess.h"
@@ -10,8 +10,6 @@
 #include <QJsonArray>
 #include <QRandomGenerator>
 
-#include <curl/curl.h>
-
 #include <atomic>
 #include <cstdio>
 #include <thread>
@@ -20,26 +18,6 @@
 namespace {
 
 constexpr int kBlock = 4194304;
-
-struct Body
-{
-    const QByteArray* data;
-    qsizetype sent = 0;
-};
-
-size_t readBody(char* buffer, size_t size, size_t count, void* user)
-{
-    auto* body = static_cast<Body*>(user);
-    qsizetype n = qMin<qsizetype>(static_cast<qsizetype>(size * count), body->data->size() - body->sent);
-    memcpy(buffer, body->data->constData() + body->sent, static_cast<size_t>(n));
-    body->sent += n;
-    return static_cast<size_t>(n);
-}
-
-size_t discard(char*, size_t size, size_t count, void*)
-{
-    return size * count;
-}
 
 // Distinct blocks: one random block whose first bytes carry the block's number.
 QByteArray makeBlock(const QByteArray& base, int run, int index)
@@ -51,31 +29,20 @@ QByteArray makeBlock(const QByteArray& base, int run, int index)
 }
 
 // Sends blocks first, first + step, ...; counts the answers that are not 200.
-void sendBlocks(const QString& url, const QByteArray& session, const std::vector<QByteArray>& blocks,
+void sendBlocks(const QString& url, const QByteArray& sessionHeader, const std::vector<QByteArray>& blocks,
                 const std::vector<QByteArray>& hashes, size_t first, size_t step, std::atomic<int>* failures)
 {
-    CURL* curl = curl_easy_init();
-    curl_slist* headers = curl_slist_append(nullptr, session.constData());
-    headers = curl_slist_append(headers, "Expect:");
-    curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
-    curl_easy_setopt(curl, CURLOPT_UPLOAD, 1L);
-    curl_easy_setopt(curl, CURLOPT_READFUNCTION, readBody);
-    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, discard);
-    curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
+    CKXTestHttpSession session;
     for (size_t i = first; i < blocks.size(); i += step) {
-        QByteArray target = (url + QStringLiteral("&hash=")).toUtf8() + hashes[i];
-        Body body{&blocks[i]};
-        curl_easy_setopt(curl, CURLOPT_URL, target.constData());
-        curl_easy_setopt(curl, CURLOPT_READDATA, &body);
-        curl_easy_setopt(curl, CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(blocks[i].size()));
-        long status = 0;
-        if (curl_easy_perform(curl) != CURLE_OK ||
-            curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status) != CURLE_OK || status != 200) {
+        TestHttpRequest request;
+        request.method = "PUT";
+        request.url = url + QStringLiteral("&hash=") + QString::fromLatin1(hashes[i]);
+        request.body = blocks[i];
+        request.headers = {sessionHeader};
+        if (session.send(request).status != 200) {
             ++*failures;
         }
     }
-    curl_slist_free_all(headers);
-    curl_easy_cleanup(curl);
 }
 
 bool runOnce(CKXServerProcess& server, const QByteArray& base, int clients, int count)
@@ -128,7 +95,6 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "usage: bench_server_ingest [blocks per run]\n");
         return 2;
     }
-    curl_global_init(CURL_GLOBAL_ALL);
     CKXServerProcess server;
     if (!server.start()) {
         std::fprintf(stderr, "%s\n", qPrintable(server.errorString()));

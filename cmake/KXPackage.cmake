@@ -17,10 +17,8 @@ install(FILES
 # A client sets the server address and session through the server-API library's configuration
 # header, so that one header (and its export header) is installed too, under include/ServerApi,
 # and KXTransfer::ServerApi carries it.
-if(TARGET ServerApi)
-  target_include_directories(ServerApi INTERFACE $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/ServerApi>)
-  install(FILES
-    ${PROJECT_SOURCE_DIR}/framework/platform/ServerApi/ServerApiConfig.h
-    ${PROJECT_BINARY_DIR}/framework/platform/ServerApi/serverapi_export.h
-    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/ServerApi)
-endif()
+target_include_directories(ServerApi INTERFACE $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/ServerApi>)
+install(FILES
+  ${PROJECT_SOURCE_DIR}/framework/platform/ServerApi/ServerApiConfig.h
+  ${PROJECT_BINARY_DIR}/framework/platform/ServerApi/serverapi_export.h
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/ServerApi)

@@ -1,13 +1,8 @@
 #include "KXServerProcess.h"
 
 #include <QDir>
-#include <QElapsedTimer>
-#include <QJsonDocument>
-#include <QUrl>
 
 namespace {
-
-constexpr int kStartTimeoutMs = 15000;
 
 QString tempBase()
 {
@@ -21,13 +16,7 @@ QString tempBase()
 
 } // namespace
 
-CKXServerProcess::CKXServerProcess(QStringList extraArgs) : m_extraArgs(std::move(extraArgs))
-{
-    int cert = m_extraArgs.indexOf(QStringLiteral("--tls-cert"));
-    if (cert >= 0 && cert + 1 < m_extraArgs.size()) {
-        m_caFile = m_extraArgs.at(cert + 1);
-    }
-}
+CKXServerProcess::CKXServerProcess(QStringList extraArgs) : m_extraArgs(std::move(extraArgs)) {}
 
 CKXServerProcess::~CKXServerProcess()
 {
@@ -61,55 +50,35 @@ bool CKXServerProcess::start()
 
 bool CKXServerProcess::launch(int port)
 {
-    m_process.reset(new QProcess());
-    m_process->setStandardErrorFile(logPath(), QIODevice::Append);
-    QStringList args{"--root",  rootPath(), "--listen",      QStringLiteral("127.0.0.1:%1").arg(port),
-                     "--token", m_token,    "--admin-token", m_adminToken};
-    m_process->start(QStringLiteral(KX_BIN_DIR "/kxserver"), args + m_extraArgs);
-    QElapsedTimer timer;
-    timer.start();
-    while (!m_process->canReadLine() && m_process->state() != QProcess::NotRunning &&
-           timer.elapsed() < kStartTimeoutMs) {
-        m_process->waitForReadyRead(100);
-    }
-    QString line = QString::fromUtf8(m_process->readLine()).trimmed();
-    if (!line.startsWith(QLatin1String("listening on "))) {
-        m_error =
-            QStringLiteral("kxserver did not start (see %1): %2").arg(logPath(), m_process->errorString());
-        m_process->kill();
-        m_process->waitForFinished(5000);
+    KXServerLaunch launch;
+    launch.binary = QStringLiteral(KX_BIN_DIR "/kxserver");
+    launch.root = rootPath();
+    launch.port = port;
+    launch.token = m_token;
+    launch.adminToken = m_adminToken;
+    launch.extraArgs = m_extraArgs;
+    launch.stderrFile = logPath();
+    QString error;
+    if (!m_driver.start(launch, error)) {
+        m_error = QStringLiteral("kxserver did not start (see %1): %2").arg(logPath(), error);
         return false;
     }
-    m_baseUrl = line.mid(13);
-    m_port = QUrl(m_baseUrl).port();
     return true;
 }
 
 bool CKXServerProcess::isRunning() const
 {
-    return m_process && m_process->state() == QProcess::Running;
+    return m_driver.isRunning();
 }
 
 bool CKXServerProcess::stop()
 {
-    if (!isRunning()) {
-        return false;
-    }
-    m_process->terminate();
-    if (!m_process->waitForFinished(15000)) {
-        m_process->kill();
-        m_process->waitForFinished(5000);
-        return false;
-    }
-    return m_process->exitStatus() == QProcess::NormalExit && m_process->exitCode() == 0;
+    return m_driver.stop();
 }
 
 void CKXServerProcess::kill9()
 {
-    if (isRunning()) {
-        m_process->kill();
-        m_process->waitForFinished(5000);
-    }
+    m_driver.kill();
 }
 
 bool CKXServerProcess::restart()
@@ -117,24 +86,20 @@ bool CKXServerProcess::restart()
     if (!m_dir) {
         return start();
     }
+    const int port = m_driver.port();
     stop();
-    return launch(m_port) || launch(0);
+    return launch(port) || launch(0);
 }
 
 TestHttpReply CKXServerProcess::admin(const QByteArray& method, const QString& path, const QJsonObject& body)
 {
-    TestHttpRequest request;
-    request.method = method;
-    request.url = m_baseUrl + path;
-    request.caFile = m_caFile;
-    request.headers = {"X-KX-Admin: " + m_adminToken.toUtf8()};
-    if (method != "GET") {
-        request.body = QJsonDocument(body).toJson(QJsonDocument::Compact);
-        request.headers.append("Content-Type: application/json");
-    }
-    return CKXTestHttp::send(request);
+    const KXAdminReply answer = m_driver.admin(method, path, body);
+    TestHttpReply reply;
+    reply.status = answer.status;
+    reply.body = answer.body;
+    reply.headers = answer.headers;
+    return reply;
 }
-
 QJsonObject CKXServerProcess::stats()
 {
     return admin("GET", QStringLiteral("/admin/stats")).json();

@@ -1,18 +1,18 @@
 #pragma once
 
-// The reference server kxserver for tests: start() launches the built binary on 127.0.0.1 with a
-// fresh temporary root, one session token and an admin token, and learns its base URL from the
-// first line it prints. The test hooks (counters, faults, share links, locks) are reached through
-// the admin calls below. kill9() and restart() simulate a crash and a restart on the same root
-// (and, when it is free, the same port). The destructor stops the server.
+// The reference server kxserver for tests, run through the server driver: start() launches the
+// built binary on 127.0.0.1 with a fresh temporary root, one session token and an admin token.
+// The test hooks (counters, faults, share links, locks) are reached through the admin calls below.
+// kill9() and restart() simulate a crash and a restart on the same root (and, when it is free,
+// the same port). The destructor stops the server.
 //
 // Created, used and destroyed by one test thread (it owns a QProcess); needs a
-// QCoreApplication. Admin calls use libcurl and block until answered.
+// QCoreApplication. Admin calls block until answered.
 
+#include "KXServerDriver.h"
 #include "KXTestHttp.h"
 
 #include <QJsonObject>
-#include <QProcess>
 #include <QStringList>
 #include <QTemporaryDir>
 
@@ -36,8 +36,8 @@ public:
     // Starts again on the same root; the base URL stays the same unless its port was taken.
     bool restart();
 
-    QString baseUrl() const { return m_baseUrl; } // "http://127.0.0.1:PORT"
-    QString token() const { return m_token; }     // "kx-dev-token"
+    QString baseUrl() const { return m_driver.baseUrl(); } // "http://127.0.0.1:PORT"
+    QString token() const { return m_token; }              // "kx-dev-token"
     QString adminToken() const { return m_adminToken; }
     QString rootPath() const; // the store: blocks/, meta.db, events.log
     QString logPath() const;  // the server's request log
@@ -62,11 +62,8 @@ private:
     QStringList m_extraArgs;
     QString m_token = QStringLiteral("kx-dev-token");
     QString m_adminToken = QStringLiteral("kx-admin-token");
-    QString m_caFile;
     std::unique_ptr<QTemporaryDir> m_dir;
-    std::unique_ptr<QProcess> m_process;
-    QString m_baseUrl;
-    int m_port = 0;
+    CKXServerDriver m_driver;
     QString m_error;
 };
 

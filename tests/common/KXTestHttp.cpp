@@ -14,11 +14,15 @@ struct Exchange
     const QByteArray* body = nullptr;
     qsizetype sent = 0;
     TestHttpReply* reply = nullptr;
+    std::function<size_t(char*, size_t)> source;
 };
 
 size_t readBody(char* buffer, size_t size, size_t count, void* user)
 {
     auto* ex = static_cast<Exchange*>(user);
+    if (ex->source) {
+        return ex->source(buffer, size * count);
+    }
     qsizetype n = qMin<qsizetype>(static_cast<qsizetype>(size * count), ex->body->size() - ex->sent);
     memcpy(buffer, ex->body->constData() + ex->sent, static_cast<size_t>(n));
     ex->sent += n;
@@ -42,29 +46,28 @@ size_t writeHeader(char* data, size_t size, size_t count, void* user)
     return size * count;
 }
 
-} // namespace
-
-QJsonObject TestHttpReply::json() const
-{
-    return QJsonDocument::fromJson(body).object();
-}
-
-TestHttpReply CKXTestHttp::send(const TestHttpRequest& request)
+void initCurlOnce()
 {
     static std::once_flag once;
     std::call_once(once, [] { curl_global_init(CURL_GLOBAL_ALL); });
+}
+
+// One exchange on `curl`; every option it sets is set again by the next exchange on the handle.
+TestHttpReply perform(CURL* curl, const TestHttpRequest& request)
+{
     TestHttpReply reply;
-    Exchange ex{&request.body, 0, &reply};
-    CURL* curl = curl_easy_init();
+    Exchange ex{&request.body, 0, &reply, request.bodySource};
     QByteArray url = request.url.toUtf8();
     curl_easy_setopt(curl, CURLOPT_URL, url.constData());
     curl_easy_setopt(curl, CURLOPT_CUSTOMREQUEST, request.method.constData());
     curl_easy_setopt(curl, CURLOPT_PATH_AS_IS, 1L);
     curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(curl, CURLOPT_TIMEOUT, 120L);
-    if (request.method == "PUT" || request.method == "POST") {
-        curl_easy_setopt(curl, CURLOPT_UPLOAD, 1L);
-        curl_easy_setopt(curl, CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(request.body.size()));
+    const bool upload = request.method == "PUT" || request.method == "POST";
+    curl_easy_setopt(curl, CURLOPT_UPLOAD, upload ? 1L : 0L);
+    if (upload) {
+        const qint64 size = request.bodySource ? request.bodySize : request.body.size();
+        curl_easy_setopt(curl, CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(size));
         curl_easy_setopt(curl, CURLOPT_READFUNCTION, readBody);
         curl_easy_setopt(curl, CURLOPT_READDATA, &ex);
     }
@@ -86,9 +89,41 @@ TestHttpReply CKXTestHttp::send(const TestHttpRequest& request)
     long status = 0;
     curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
     reply.status = static_cast<int>(status);
+    curl_easy_setopt(curl, CURLOPT_HTTPHEADER, nullptr);
     curl_slist_free_all(headers);
+    return reply;
+}
+
+} // namespace
+
+QJsonObject TestHttpReply::json() const
+{
+    return QJsonDocument::fromJson(body).object();
+}
+
+TestHttpReply CKXTestHttp::send(const TestHttpRequest& request)
+{
+    initCurlOnce();
+    CURL* curl = curl_easy_init();
+    TestHttpReply reply = perform(curl, request);
     curl_easy_cleanup(curl);
     return reply;
+}
+
+CKXTestHttpSession::CKXTestHttpSession()
+{
+    initCurlOnce();
+    m_curl = curl_easy_init();
+}
+
+CKXTestHttpSession::~CKXTestHttpSession()
+{
+    curl_easy_cleanup(static_cast<CURL*>(m_curl));
+}
+
+TestHttpReply CKXTestHttpSession::send(const TestHttpRequest& request)
+{
+    return perform(static_cast<CURL*>(m_curl), request);
 }
 
 TestHttpReply CKXTestHttp::get(const QString& url, const QList<QByteArray>& headers)

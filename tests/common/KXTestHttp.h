@@ -2,12 +2,15 @@
 
 // Blocking HTTP exchanges over libcurl for tests and benchmarks: one call, one request, the whole
 // answer in memory. Safe to call from any number of threads at once (one easy handle per call).
+// The only place outside the server-API library where the tests and benchmarks call libcurl.
 
 #include <QByteArray>
 #include <QJsonObject>
 #include <QList>
 #include <QMap>
 #include <QString>
+
+#include <functional>
 
 struct TestHttpRequest
 {
@@ -17,6 +20,10 @@ struct TestHttpRequest
     QList<QByteArray> headers;   // "Name: value"
     QString caFile;              // PEM to trust for https; empty: the system store
     bool expectContinue = false; // send "Expect: 100-continue" (curl's habit for large bodies)
+    // Instead of `body`: `bodySize` bytes asked from the source piece by piece, on the calling
+    // thread; it fills at most `max` bytes and returns how many (it may block, e.g. to stall).
+    std::function<size_t(char* buffer, size_t max)> bodySource;
+    qint64 bodySize = 0;
 };
 
 struct TestHttpReply
@@ -43,4 +50,20 @@ public:
                              const QList<QByteArray>& headers = {});
     // Percent-encodes a query value.
     static QString encode(const QString& value);
+};
+
+// The same exchanges over one kept-alive connection, as a client that sends many requests in a row
+// does. One object per thread; the connection closes with the object.
+class CKXTestHttpSession
+{
+public:
+    CKXTestHttpSession();
+    ~CKXTestHttpSession();
+    CKXTestHttpSession(const CKXTestHttpSession&) = delete;
+    CKXTestHttpSession& operator=(const CKXTestHttpSession&) = delete;
+
+    TestHttpReply send(const TestHttpRequest& request);
+
+private:
+    void* m_curl; // CURL*, kept out of this header
 };

@@ -1,6 +1,6 @@
 #include "KXCommandLine.h"
 
-#include "KXEngine.h"
+#include "KXTaskDatabase.h"
 #include "ServerApiConfig.h"
 
 #include <QCommandLineParser>
@@ -85,7 +85,7 @@ QString CKXCommandLine::locationsText()
     return QStringLiteral("Database: %1\n"
                           "Logs:     %2 (Transfer.log, DB.log)\n"
                           "Both follow $XDG_DATA_HOME (default ~/.local/share).\n")
-        .arg(CKXEngine::databaseFile(), CKXEngine::logFolder());
+        .arg(CKXTaskDatabase::databaseFile(), CKXTaskDatabase::logFolder());
 }
 
 bool CKXCommandLine::parseRate(const QString& text, qint64& bytesPerSec)

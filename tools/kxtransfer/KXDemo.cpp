@@ -2,6 +2,7 @@
 
 #include "KXDemoServer.h"
 #include "KXEngine.h"
+#include "KXTaskDatabase.h"
 #include "KXTransferRunner.h"
 
 #include <QCryptographicHash>
@@ -15,7 +16,6 @@
 
 namespace {
 
-const qint64 kBlockSize = 4194304;
 const qint64 kSmallSize = 100 * 1024 + 37;  // a little over 100 KiB: whole-file, odd length
 const qint64 kLargeSize = 64 * 1024 * 1024; // 16 blocks
 const qint64 kWriteChunk = 1024 * 1024;
@@ -237,7 +237,8 @@ bool CKXDemo::transfer(CKXDemoServer& server, CKXTransferRunner& runner, const K
     step.size = outcome.size;
     step.ms = outcome.elapsedMs;
     step.quick = outcome.quick;
-    step.blocks = outcome.chunked ? static_cast<int>((outcome.size + kBlockSize - 1) / kBlockSize) : 0;
+    const qint64 blockSize = CKXTaskDatabase::blockSize();
+    step.blocks = outcome.chunked ? static_cast<int>((outcome.size + blockSize - 1) / blockSize) : 0;
     if (outcome.status == KXTransferOutcome::Paused) {
         m_paused = true;
         step.check = QStringLiteral("paused");

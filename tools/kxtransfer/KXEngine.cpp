@@ -3,9 +3,6 @@
 #include "IKXTransfer.h"
 #include "ServerApiConfig.h"
 
-#include <QDir>
-#include <QStandardPaths>
-
 void CKXEngine::setUp(const KXEngineSettings& settings)
 {
     ServerApi::Config config = ServerApi::config();
@@ -36,17 +33,4 @@ void CKXEngine::shutDown()
 {
     Transfer::deinit();
     ServerApi::shutdown();
-}
-
-QString CKXEngine::databaseFile()
-{
-    const QString data = QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation);
-    return QDir(data).absoluteFilePath(QStringLiteral("Transfer/transfer.db"));
-}
-
-QString CKXEngine::logFolder()
-{
-    QDir dir(QStandardPaths::writableLocation(QStandardPaths::AppDataLocation));
-    dir.cdUp();
-    return dir.absoluteFilePath(QStringLiteral("OrbalaData/Log"));
 }

@@ -21,9 +21,4 @@ public:
     // Lets the engine and the server-API library go. Only when no transfer thread is left running:
     // a live worker would touch what this frees.
     static void shutDown();
-
-    // The engine's data folder of the module "Transfer" and its database in it.
-    static QString databaseFile();
-    // The folder of Transfer.log and DB.log.
-    static QString logFolder();
 };

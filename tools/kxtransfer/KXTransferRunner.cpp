@@ -1,7 +1,6 @@
 #include "KXTransferRunner.h"
 
 #include "IKXTransfer.h"
-#include "KXEngine.h"
 #include "KXInterrupt.h"
 #include "KXJobState.h"
 #include "KXLocalReason.h"
@@ -20,7 +19,6 @@
 
 namespace {
 
-const qint64 kBlockSize = 4194304;
 const int kPollMs = 200;
 const int kFinalCallbackWaitMs = 15000;
 const int kThreadEndWaitMs = 10000;
@@ -292,7 +290,7 @@ void CKXTransferRunner::discardCompletedRow(const SubTaskInfo& task, bool isUrl)
     // The engine reports a task whose stored row says complete as done without moving a byte.
     // Such a row is a leftover of an earlier run that ended before it could be cleared; this run
     // must transfer again, so the row goes.
-    CKXTaskDatabase db(CKXEngine::databaseFile());
+    CKXTaskDatabase db(CKXTaskDatabase::databaseFile());
     KXStoredTask stored;
     if (db.find(task.subTaskId, stored) && (stored.state & StateCompleted)) {
         discardRow(task, isUrl);
@@ -301,7 +299,7 @@ void CKXTransferRunner::discardCompletedRow(const SubTaskInfo& task, bool isUrl)
 
 bool CKXTransferRunner::hasFinishedBlocks(const SubTaskInfo& task)
 {
-    CKXTaskDatabase db(CKXEngine::databaseFile());
+    CKXTaskDatabase db(CKXTaskDatabase::databaseFile());
     KXStoredTask stored;
     return db.find(task.subTaskId, stored) && stored.blocksDone > 0;
 }
@@ -315,7 +313,7 @@ void CKXTransferRunner::discardRow(const SubTaskInfo& task, bool isUrl)
 
 void CKXTransferRunner::execute(const SubTaskInfo& task, bool isUrl, KXTransferOutcome& outcome)
 {
-    outcome.chunked = !isUrl && task.size > kBlockSize;
+    outcome.chunked = !isUrl && task.size > CKXTaskDatabase::blockSize();
     outcome.resumable = !isUrl;
     auto state = std::make_shared<CKXJobState>();
     registerJob(task.subTaskId, state);

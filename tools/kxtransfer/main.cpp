@@ -163,11 +163,12 @@ QString taskRow(const KXStoredTask& task)
 
 int listTasks()
 {
-    CKXTaskDatabase db(CKXEngine::databaseFile());
+    CKXTaskDatabase db(CKXTaskDatabase::databaseFile());
     QList<KXStoredTask> tasks;
     QString error;
     if (!db.tasks(tasks, error)) {
-        printTo(stderr, QStringLiteral("error: cannot read %1: %2\n").arg(CKXEngine::databaseFile(), error));
+        printTo(stderr,
+                QStringLiteral("error: cannot read %1: %2\n").arg(CKXTaskDatabase::databaseFile(), error));
         return 1;
     }
     int shown = 0;
@@ -178,7 +179,8 @@ int listTasks()
         }
     }
     if (shown == 0) {
-        printTo(stdout, QStringLiteral("no unfinished transfers in %1\n").arg(CKXEngine::databaseFile()));
+        printTo(stdout,
+                QStringLiteral("no unfinished transfers in %1\n").arg(CKXTaskDatabase::databaseFile()));
     }
     return 0;
 }

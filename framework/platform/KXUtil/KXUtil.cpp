@@ -56,22 +56,6 @@ private:
     int m_fd;
 };
 
-bool writeAll(int fd, const char* data, ssize_t size)
-{
-    while (size > 0) {
-        const ssize_t n = ::write(fd, data, static_cast<size_t>(size));
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            return false;
-        }
-        data += n;
-        size -= n;
-    }
-    return true;
-}
-
 bool copyContent(int from, int to)
 {
     char buffer[1 << 16];
@@ -86,7 +70,7 @@ bool copyContent(int from, int to)
         if (n == 0) {
             return true;
         }
-        if (!writeAll(to, buffer, n)) {
+        if (!KXUtil::writeAll(to, buffer, n)) {
             return false;
         }
     }
@@ -162,6 +146,22 @@ QByteArray checksumOf(const QByteArray& utf8)
 } // namespace
 
 namespace KXUtil {
+
+bool writeAll(int fd, const char* data, qint64 size)
+{
+    while (size > 0) {
+        const ssize_t n = ::write(fd, data, static_cast<size_t>(size));
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            return false;
+        }
+        data += n;
+        size -= n;
+    }
+    return true;
+}
 
 QString getUserPath(const QString& module)
 {

@@ -58,6 +58,10 @@ KXUTIL_EXPORT bool openEmpty(QFile& file);
 // The file name part of a path (no folders).
 KXUTIL_EXPORT QString fileName(const QString& path);
 
+// Writes all `size` bytes to the open descriptor, again after a short write or an interrupted
+// call. False when the descriptor fails; errno then tells why.
+KXUTIL_EXPORT bool writeAll(int fd, const char* data, qint64 size);
+
 // SHA-256 of the bytes as 64 lower-case hexadecimal characters (OpenSSL's libcrypto, which uses
 // the processor's SHA extensions where present).
 KXUTIL_EXPORT QString SHA256(const QByteArray& data);

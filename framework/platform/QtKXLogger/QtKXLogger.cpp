@@ -1,5 +1,7 @@
 #include "QtKXLogger.h"
 
+#include "KXUtil.h"
+
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -32,22 +34,6 @@ const int kDefaultKeepFiles = 5;
 // comes more than kFlushInterval after the last write: cheap debug logging, fresh files.
 const int kBufferLimit = 64 * 1024;
 const auto kFlushInterval = std::chrono::seconds(1);
-
-bool writeAll(int fd, const char* data, qint64 size)
-{
-    while (size > 0) {
-        const ssize_t n = ::write(fd, data, static_cast<size_t>(size));
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            return false;
-        }
-        data += n;
-        size -= n;
-    }
-    return true;
-}
 
 // One open log file. Shared by the registry and by writers that looked it up, so that a destroy()
 // racing with a write never frees the object under the writer; after close() writes are ignored.
@@ -148,7 +134,7 @@ void LogFile::append(const QByteArray& line, bool flushNow)
 // lines are never split, not even between processes sharing the file.
 void LogFile::flushLocked()
 {
-    if (m_fd >= 0 && !m_buffer.isEmpty() && !writeAll(m_fd, m_buffer.constData(), m_buffer.size())) {
+    if (m_fd >= 0 && !m_buffer.isEmpty() && !KXUtil::writeAll(m_fd, m_buffer.constData(), m_buffer.size())) {
         // The disk refuses the lines (full, gone); holding them would only grow memory without end.
         m_size -= m_buffer.size();
     }

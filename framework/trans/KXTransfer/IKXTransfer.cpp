@@ -38,7 +38,7 @@ void setConfig(TransferConfigName name, QString value)
     CKXTransferManager::inst();
     switch (name) {
     case TransferConfigUserPath: {
-        const QString path = KXUtil::getUserPath(QStringLiteral("Transfer"));
+        const QString path = CKXTFStoreManager::userDbDir();
         TLOG_INFO(QStringLiteral("初始化数据库地址 %1").arg(path));
         const QFileInfo info(path);
         if (!info.exists()) {

@@ -1,3 +1,36 @@
+// One chunked transfer, step by step, with the function that runs each step. Everything but the
+// block threads runs on the transfer's own thread; every path ends in exactly one of
+// compelteHandler(), errorHandler() or cancelHandler().
+//
+//   CKXTransfer::run ---- stored row loaded; verifyTask() (an upload asks canUpload: AuthUpload)
+//        |
+//   begin()
+//        |-- build or reload blocks .... CKXBlockBuilder::init (createBlocks | queryBlocks)
+//        |-- file them ................. checkAllTasks: finished -> Complete, others -> Waiting; saveDB
+//        v
+//   runBlocks() ---- CKXBlockOpQueue starts up to maxConcurrentCount CKXBlockTransfer threads;
+//        |           this thread waits in exec() until no block is Running or Waiting
+//        |
+//        |    upload block (CKXBlockTransfer::uploadBlock)        download block (downloadBlock)
+//        |      ensureHash ... hash of the block's bytes            fetch ... DownloadRouter with the
+//        |      query ........ QueryHash / DeliveryQueryHash                  block's range, written at
+//        |      server has it? -- yes --> quickTransfer                      its offset in the .kxtmp
+//        |                      -- no ---> send: sendBlock                   file (openAt)
+//        |                                 (ChunkedUpload, hash checked)
+//        v
+//   finishBlocks()
+//        |-- a block failed ............ handleErrorTask -> errorHandler
+//        '-- all blocks complete ....... allBlocksComplete
+//               |                                            |
+//        upload: commit                               download: rename
+//        uploadTaskComplete / deliveryUploadTaskComplete     downloadTaskComplete
+//          CommitHash / DeliveryCommitHash                     renameTmpFile (.kxtmp -> file)
+//          commitAnswered -> storeFileDone                     storeFileDone, RPCServerLogging
+//          -> compelteHandler                                  -> compelteHandler
+//
+//   cancelTask() (client thread): stops the op queue and the running blocks, which are filed as
+//   paused; begin() then ends through endIfCancelled -> cancelHandler.
+
 #include "KXChunkedTransfer.h"
 
 #include "Block/KXBlockBuilder.h"

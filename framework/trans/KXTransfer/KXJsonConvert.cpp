@@ -10,23 +10,21 @@ namespace {
 using JsonWriter = CKXJsonUtil::JsonWriter;
 using J = CKXJsonUtil;
 
-struct StateName
+const CKXFlagNames& stateNames()
 {
-    TaskState flag;
-    const char* name;
-};
-
-// Writing order of the flag text.
-const StateName kStateNames[] = {
-    {StateWaitPreparing, "StateWaitPreparing"},
-    {StatePreparing, "StatePreparing"},
-    {StateWorking, "StateWorking"},
-    {StatePaused, "StatePaused"},
-    {StateWaiting, "StateWaiting"},
-    {StateError, "StateError"},
-    {StateCompleted, "StateCompleted"},
-    {StateStop, "StateStop"},
-};
+    static const CKXFlagNames names(StateNone, "StateNone",
+                                    {
+                                        {StateWaitPreparing, "StateWaitPreparing"},
+                                        {StatePreparing, "StatePreparing"},
+                                        {StateWorking, "StateWorking"},
+                                        {StatePaused, "StatePaused"},
+                                        {StateWaiting, "StateWaiting"},
+                                        {StateError, "StateError"},
+                                        {StateCompleted, "StateCompleted"},
+                                        {StateStop, "StateStop"},
+                                    });
+    return names;
+}
 
 // Integers missing from a stored text read as -1, so "never set" stays visible as such.
 constexpr int kMissingInt = -1;
@@ -246,32 +244,10 @@ bool CKXJsonConvert::JsonString2SubTaskInfo(const QString& json, SubTaskInfo& ou
 
 QString CKXJsonConvert::taskStateToString(TaskState state)
 {
-    if (state == StateNone) {
-        return QStringLiteral("StateNone");
-    }
-    QString text;
-    for (const StateName& entry : kStateNames) {
-        if (state & entry.flag) {
-            text += QLatin1String(entry.name);
-            text += QLatin1Char('|');
-        }
-    }
-    if (text.endsWith(QLatin1Char('|'))) {
-        text.chop(1);
-    }
-    return text;
+    return stateNames().toString(state);
 }
 
 TaskState CKXJsonConvert::stringToTaskState(const QString& text)
 {
-    if (text.contains(QLatin1String("StateNone"))) {
-        return StateNone;
-    }
-    qint32 state = StateNone;
-    for (const StateName& entry : kStateNames) {
-        if (text.contains(QLatin1String(entry.name))) {
-            state |= entry.flag;
-        }
-    }
-    return static_cast<TaskState>(state);
+    return static_cast<TaskState>(stateNames().fromString(text));
 }

@@ -1,6 +1,7 @@
 #include "KXJsonUtil.h"
 
 #include <QLocale>
+#include <QStringList>
 
 void CKXJsonUtil::writeString(JsonWriter& writer, const char* key, const QString& value)
 {
@@ -104,4 +105,37 @@ int CKXJsonUtil::getInt(const rapidjson::Value& object, const char* key, int def
         return ok ? parsed : def;
     }
     return def;
+}
+
+CKXFlagNames::CKXFlagNames(qint32 noneValue, const char* noneName,
+                           std::initializer_list<std::pair<qint32, const char*>> names)
+    : m_noneValue(noneValue), m_noneName(noneName), m_names(names)
+{}
+
+QString CKXFlagNames::toString(qint32 value) const
+{
+    if (value == m_noneValue) {
+        return QLatin1String(m_noneName);
+    }
+    QStringList parts;
+    for (const auto& [flag, name] : m_names) {
+        if (value & flag) {
+            parts << QLatin1String(name);
+        }
+    }
+    return parts.join(QLatin1Char('|'));
+}
+
+qint32 CKXFlagNames::fromString(const QString& text) const
+{
+    if (text.contains(QLatin1String(m_noneName))) {
+        return m_noneValue;
+    }
+    qint32 value = 0;
+    for (const auto& [flag, name] : m_names) {
+        if (text.contains(QLatin1String(name))) {
+            value |= flag;
+        }
+    }
+    return value;
 }

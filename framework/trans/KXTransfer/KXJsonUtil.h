@@ -7,6 +7,10 @@
 #include <QString>
 #include <QtGlobal>
 
+#include <initializer_list>
+#include <utility>
+#include <vector>
+
 // Typed helpers for the JSON texts of task and block records. Writers put the key and then the
 // value into a compact writer. Readers take an object value and never fail: rows written by
 // older clients carry numbers as strings and flags as numbers, so each reader accepts the
@@ -33,4 +37,23 @@ public:
 
     // The member `key` of `object`, or null when `object` is not an object or has no such key.
     static const rapidjson::Value* member(const rapidjson::Value& object, const char* key);
+};
+
+// The flag text of a state as task and block records carry it: the names of the set flags joined
+// by "|" in the table's order, or the "none" name alone for the "none" value. Reading ORs the
+// flags of every name the text contains; a text holding the "none" name is the "none" value.
+// Immutable after construction; safe from any thread.
+class CKXFlagNames
+{
+public:
+    CKXFlagNames(qint32 noneValue, const char* noneName,
+                 std::initializer_list<std::pair<qint32, const char*>> names);
+
+    QString toString(qint32 value) const;
+    qint32 fromString(const QString& text) const;
+
+private:
+    qint32 m_noneValue;
+    const char* m_noneName;
+    std::vector<std::pair<qint32, const char*>> m_names; // in writing order
 };

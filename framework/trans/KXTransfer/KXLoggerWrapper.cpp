@@ -13,14 +13,6 @@ const char* const kModuleFiles[] = {
     "Sync.log",  "TransMgr.log", "Transfer.log", "DB.log",        "Upgrade.log",
 };
 
-void enterOrCreate(QDir& dir, const QString& name)
-{
-    if (!dir.cd(name)) {
-        dir.mkdir(name);
-        dir.cd(name);
-    }
-}
-
 } // namespace
 
 CKXLoggerWrapper* CKXLoggerWrapper::instTransfer()
@@ -40,21 +32,24 @@ CKXLoggerWrapper::CKXLoggerWrapper(ModuleName module) : m_module(module)
     open();
 }
 
+QString CKXLoggerWrapper::logFolder()
+{
+    // The parent is taken from the path itself because QDir::cdUp refuses to leave a folder that
+    // does not exist yet.
+    const QString parent =
+        QFileInfo(QStandardPaths::writableLocation(QStandardPaths::AppDataLocation)).absolutePath();
+    return QDir(parent).absoluteFilePath(QStringLiteral("OrbalaData/Log"));
+}
+
 QString CKXLoggerWrapper::getLogPathName(ModuleName module)
 {
     QString name;
     if (module >= Login && module <= Upgrade) {
         name = QString::fromLatin1(kModuleFiles[module]);
     }
-    // The folder beside the application-data folder; taken from the path itself because
-    // QDir::cdUp refuses to leave a folder that does not exist yet.
-    const QString parent =
-        QFileInfo(QStandardPaths::writableLocation(QStandardPaths::AppDataLocation)).absolutePath();
-    QDir().mkpath(parent);
-    QDir dir(parent);
-    enterOrCreate(dir, QStringLiteral("OrbalaData"));
-    enterOrCreate(dir, QStringLiteral("Log"));
-    return dir.absoluteFilePath(name);
+    const QString folder = logFolder();
+    QDir().mkpath(folder);
+    return QDir(folder).absoluteFilePath(name);
 }
 
 QString CKXLoggerWrapper::formatMessage(const QString& message, const QString& fileName,

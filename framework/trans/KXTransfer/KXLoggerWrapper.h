@@ -31,6 +31,9 @@ public:
 
     explicit CKXLoggerWrapper(ModuleName module);
 
+    // The folder of every module's log file, beside the application-data folder. Not created.
+    static QString logFolder();
+    // The module's file in logFolder(), creating the folder.
     static QString getLogPathName(ModuleName module);
     static QString formatMessage(const QString& message, const QString& fileName, const QString& function,
                                  int line);

@@ -3,6 +3,7 @@
 #include "KXJsonConvert.h"
 #include "KXLoggerWrapper.h"
 #include "KXTransferDB.h"
+#include "KXUtil.h"
 #include "QtKXLogger.h"
 
 #include <QDir>
@@ -154,7 +155,12 @@ QString CKXTFStoreManager::dbPath() const
 
 QString CKXTFStoreManager::databaseFilePath() const
 {
-    QString path = dbPath();
+    return databaseFileIn(dbPath());
+}
+
+QString CKXTFStoreManager::databaseFileIn(const QString& dir)
+{
+    QString path = dir;
     if (path.isEmpty()) {
         return QString();
     }
@@ -162,6 +168,11 @@ QString CKXTFStoreManager::databaseFilePath() const
         path += QDir::separator();
     }
     return path + QStringLiteral("transfer.db");
+}
+
+QString CKXTFStoreManager::userDbDir()
+{
+    return KXUtil::getUserPath(QStringLiteral("Transfer"));
 }
 
 CKXTransferDB* CKXTFStoreManager::db()

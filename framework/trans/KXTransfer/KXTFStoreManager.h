@@ -41,9 +41,13 @@ public:
     qint64 secSpeedLimit() const;
     void setDBPath(const QString& dir);
     QString dbPath() const;
-    // The folder, a separator when it lacks one, then "transfer.db"; empty while no folder is set,
-    // so that an unconfigured engine never writes into the root of the file system.
+    // databaseFileIn(dbPath()): empty while no folder is set, so that an unconfigured engine never
+    // writes into the root of the file system.
     QString databaseFilePath() const;
+    // The folder, a separator when it lacks one, then "transfer.db"; empty for an empty folder.
+    static QString databaseFileIn(const QString& dir);
+    // The folder the user-path configuration sets: the per-user data folder of "Transfer".
+    static QString userDbDir();
 
     // Creates the database at databaseFilePath() and its tables on first call. Before a folder is
     // set it hands out a database whose every operation fails; once a folder is set the next call

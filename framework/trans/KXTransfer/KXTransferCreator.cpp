@@ -1,15 +1,10 @@
 #include "KXTransferCreator.h"
 
+#include "KXBlockBuilder.h"
 #include "KXChunkedTransfer.h"
 #include "KXComTransfer.h"
 #include "KXDeliveryTransfer.h"
 #include "KXLoggerWrapper.h"
-
-namespace {
-
-const long long kBlockSize = 4194304;
-
-} // namespace
 
 long long CKXTransferCreator::fileSize(const SubTaskInfo& task)
 {
@@ -23,7 +18,7 @@ CKXTransfer* CKXTransferCreator::transfer(const SubTaskInfo& task)
 {
     SubTaskInfo record = task;
     record.size = fileSize(task);
-    const bool chunked = record.size > kBlockSize;
+    const bool chunked = record.size > CKXBlockBuilder::kBlockSize;
     if (record.remoteFile.isDeliveryTrans) {
         if (chunked) {
             TLOG_FATAL(QStringLiteral("生成分块外链传输任务 %1").arg(record.subTaskId));

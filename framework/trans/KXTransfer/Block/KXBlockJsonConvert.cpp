@@ -8,21 +8,17 @@ namespace {
 
 using J = CKXJsonUtil;
 
-struct BlockStateName
+const CKXFlagNames& blockStateNames()
 {
-    BlockTaskState flag;
-    const char* name;
-};
-
-// Writing order of the flag text; BlockTaskStateNone is written only on its own.
-const BlockStateName kBlockStateNames[] = {
-    {BlockTaskStateWorking, "BlockTaskStateWorking"},
-    {BlockTaskStatePaused, "BlockTaskStatePaused"},
-    {BlockTaskStateError, "BlockTaskStateError"},
-    {BlockTaskStateCompleted, "BlockTaskStateCompleted"},
-};
-
-const char kNoneName[] = "BlockTaskStateNone";
+    static const CKXFlagNames names(BlockTaskStateNone, "BlockTaskStateNone",
+                                    {
+                                        {BlockTaskStateWorking, "BlockTaskStateWorking"},
+                                        {BlockTaskStatePaused, "BlockTaskStatePaused"},
+                                        {BlockTaskStateError, "BlockTaskStateError"},
+                                        {BlockTaskStateCompleted, "BlockTaskStateCompleted"},
+                                    });
+    return names;
+}
 
 // Numbers missing from a stored block read as -1.
 constexpr int kMissingInt = -1;
@@ -80,32 +76,10 @@ bool CKXBlockJsonConvert::JsonString2BlockInfo(const QString& json, BlockTaskInf
 
 QString CKXBlockJsonConvert::taskStateToString(BlockTaskState state)
 {
-    if (state == BlockTaskStateNone) {
-        return QLatin1String(kNoneName);
-    }
-    QString text;
-    for (const BlockStateName& entry : kBlockStateNames) {
-        if (state & entry.flag) {
-            text += QLatin1String(entry.name);
-            text += QLatin1Char('|');
-        }
-    }
-    if (text.endsWith(QLatin1Char('|'))) {
-        text.chop(1);
-    }
-    return text;
+    return blockStateNames().toString(state);
 }
 
 BlockTaskState CKXBlockJsonConvert::stringToTaskState(const QString& text)
 {
-    if (text.contains(QLatin1String(kNoneName))) {
-        return BlockTaskStateNone;
-    }
-    qint32 state = 0;
-    for (const BlockStateName& entry : kBlockStateNames) {
-        if (text.contains(QLatin1String(entry.name))) {
-            state |= entry.flag;
-        }
-    }
-    return static_cast<BlockTaskState>(state);
+    return static_cast<BlockTaskState>(blockStateNames().fromString(text));
 }

@@ -1,8 +1,14 @@
 #pragma once
 
-// Read-only view of the engine's transfer.db: the rows of transfer_v1 with what each task has
-// done so far. Never writes and never creates the file (a missing file reads as no tasks), so it
-// is safe beside a running engine. Each object owns its own Qt SQL connection; main thread only.
+// The engine's own read-only view of its stored tasks, for tools that show them beside (or after)
+// a run: the rows of the task table read through the task JSON converter, with what each task has
+// done so far, and where the engine keeps its database and logs. Internal: exported from the
+// library for the tools of this project but not installed with the public headers.
+//
+// Never writes and never creates the file (a missing file reads as no tasks), so it is safe
+// beside a running engine. Each object owns its own Qt SQL connection; main thread only.
+
+#include "kxtransfer_export.h"
 
 #include <QList>
 #include <QString>
@@ -16,13 +22,13 @@ struct KXStoredTask
     int blocksDone = 0;
     bool isUpload = false;
     QString localPath;
-    QString remotePath;
-    QString address; // the plain address of a URL download
+    QString remotePath; // a share link's task: the link's code, then the path inside it
+    QString address;    // the plain address of a URL download
     int errorCode = 0;
     QString errorInfo;
 };
 
-class CKXTaskDatabase
+class KXTRANSFER_EXPORT CKXTaskDatabase
 {
 public:
     explicit CKXTaskDatabase(const QString& file);
@@ -30,13 +36,20 @@ public:
     CKXTaskDatabase(const CKXTaskDatabase&) = delete;
     CKXTaskDatabase& operator=(const CKXTaskDatabase&) = delete;
 
+    // The database the engine uses once its user path is configured.
+    static QString databaseFile();
+    // The folder of Transfer.log and DB.log. Not created.
+    static QString logFolder();
+
     // All tasks in id order. false with a message when the file exists but cannot be read.
     bool tasks(QList<KXStoredTask>& out, QString& error);
     // false when there is no such row (or no readable file).
     bool find(const QString& id, KXStoredTask& out);
 
-    // "Working", "Paused|Error", ... ; "None" for 0.
+    // The task JSON's state text without its "State" prefixes: "Working|Paused"; "None" for 0.
     static QString stateName(qint32 state);
+    // The size of one block of a chunked task; a file larger than this is moved in blocks.
+    static qint64 blockSize();
 
 private:
     bool open(QString& error);

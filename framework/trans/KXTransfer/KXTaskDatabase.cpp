@@ -1,9 +1,14 @@
 #include "KXTaskDatabase.h"
 
+#include "KXBlockBuilder.h"
+#include "KXBlockTask.h"
+#include "KXJsonConvert.h"
+#include "KXLoggerWrapper.h"
+#include "KXTFStoreManager.h"
+#include "KXTransferDB.h"
+
 #include <QFileInfo>
 #include <QHash>
-#include <QJsonDocument>
-#include <QJsonObject>
 #include <QSqlDatabase>
 #include <QSqlError>
 #include <QSqlQuery>
@@ -13,30 +18,29 @@
 
 namespace {
 
-const qint32 kBlockCompleted = 16;
-
 QString nextConnectionName()
 {
     static std::atomic<int> counter{0};
     return QStringLiteral("kxtransfer-read-%1").arg(++counter);
 }
 
-// The fields of the task's JSON text that the tool shows.
+// The fields of the task's JSON text that a view shows, read as the engine reads its rows.
 void readTaskJson(const QString& json, KXStoredTask& task)
 {
-    const QJsonObject root = QJsonDocument::fromJson(json.toUtf8()).object();
-    task.isUpload = root.value(QStringLiteral("is_upload")).toBool();
-    task.errorCode = root.value(QStringLiteral("error_code")).toInt();
-    task.errorInfo = root.value(QStringLiteral("error_info")).toString();
-    task.address = root.value(QStringLiteral("data_server")).toString();
-    const QJsonObject remote = root.value(QStringLiteral("vault_file")).toObject();
-    task.remotePath = remote.value(QStringLiteral("path")).toString();
-    // A share link's task is shown by its link, as the command named it.
-    if (remote.value(QStringLiteral("isDeliveryTrans")).toBool()) {
-        task.remotePath.prepend(remote.value(QStringLiteral("delivery_code")).toString());
+    SubTaskInfo info;
+    if (!CKXJsonConvert::JsonString2SubTaskInfo(json, info)) {
+        return;
     }
-    task.localPath =
-        root.value(QStringLiteral("local_file")).toObject().value(QStringLiteral("path")).toString();
+    task.isUpload = info.isUpload;
+    // The converter reads a missing code as -1; a view shows that as no error.
+    task.errorCode = info.errorCode == -1 ? 0 : static_cast<int>(info.errorCode);
+    task.errorInfo = info.errorInfo;
+    task.address = info.dataServerHost;
+    task.remotePath = info.remoteFile.path;
+    if (info.remoteFile.isDeliveryTrans) {
+        task.remotePath.prepend(info.remoteFile.delivery.code);
+    }
+    task.localPath = info.localFile.path;
 }
 
 } // namespace
@@ -51,17 +55,24 @@ CKXTaskDatabase::~CKXTaskDatabase()
     QSqlDatabase::removeDatabase(m_connection);
 }
 
+QString CKXTaskDatabase::databaseFile()
+{
+    return CKXTFStoreManager::databaseFileIn(CKXTFStoreManager::userDbDir());
+}
+
+QString CKXTaskDatabase::logFolder()
+{
+    return CKXLoggerWrapper::logFolder();
+}
+
 QString CKXTaskDatabase::stateName(qint32 state)
 {
-    static const char* const names[] = {"WaitPreparing", "Preparing", "Working",   "Paused",
-                                        "Waiting",       "Error",     "Completed", "Stop"};
-    QStringList parts;
-    for (int bit = 0; bit < 8; ++bit) {
-        if (state & (1 << bit)) {
-            parts << QLatin1String(names[bit]);
-        }
-    }
-    return parts.isEmpty() ? QStringLiteral("None") : parts.join(QLatin1Char('|'));
+    return CKXJsonConvert::taskStateToString(static_cast<TaskState>(state)).remove(QStringLiteral("State"));
+}
+
+qint64 CKXTaskDatabase::blockSize()
+{
+    return CKXBlockBuilder::kBlockSize;
 }
 
 bool CKXTaskDatabase::open(QString& error)
@@ -86,8 +97,9 @@ bool CKXTaskDatabase::open(QString& error)
 bool CKXTaskDatabase::hasTaskTable(QString& error)
 {
     QSqlQuery query(QSqlDatabase::database(m_connection, false));
-    if (!query.exec(
-            QStringLiteral("SELECT name FROM sqlite_master WHERE type = 'table' AND name = 'transfer_v1'"))) {
+    query.prepare(QStringLiteral("SELECT name FROM sqlite_master WHERE type = 'table' AND name = ?"));
+    query.addBindValue(CKXTransferDB::getTransferTableName());
+    if (!query.exec()) {
         error = query.lastError().text(); // not a database at all
         return false;
     }
@@ -102,9 +114,8 @@ bool CKXTaskDatabase::query(const QString& id, QList<KXStoredTask>& out, QString
     }
     QSqlQuery query(QSqlDatabase::database(m_connection, false));
     const QString where = id.isEmpty() ? QString() : QStringLiteral("WHERE id = ?");
-    query.prepare(
-        QStringLiteral("SELECT id, state, size, send_size, sub_task_info FROM transfer_v1 %1 ORDER BY id")
-            .arg(where));
+    query.prepare(QStringLiteral("SELECT id, state, size, send_size, sub_task_info FROM %1 %2 ORDER BY id")
+                      .arg(CKXTransferDB::getTransferTableName(), where));
     if (!id.isEmpty()) {
         query.addBindValue(id);
     }
@@ -129,9 +140,10 @@ void CKXTaskDatabase::addBlockProgress(QList<KXStoredTask>& tasks)
 {
     // A paused chunked task's own byte count may lag behind its blocks; the finished blocks tell.
     QSqlQuery query(QSqlDatabase::database(m_connection, false));
-    if (!query.exec(QStringLiteral("SELECT sub_task_id, SUM(length), COUNT(*) FROM block_v1 "
-                                   "WHERE (state & %1) != 0 GROUP BY sub_task_id")
-                        .arg(kBlockCompleted))) {
+    if (!query.exec(QStringLiteral("SELECT sub_task_id, SUM(length), COUNT(*) FROM %1 "
+                                   "WHERE (state & %2) != 0 GROUP BY sub_task_id")
+                        .arg(CKXTransferDB::getBlockTableName())
+                        .arg(BlockTaskStateCompleted))) {
         return;
     }
     QHash<QString, QPair<qint64, int>> done;
