@@ -6,6 +6,7 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonObject>
+#include <QSemaphore>
 #include <QTest>
 
 #include <memory>
@@ -305,15 +306,28 @@ void TestApiComTransfer::delWaitsForFinishingThread()
     CKXApiFixture& env = *m_env;
     const QString local = env.localPath(QStringLiteral("a.bin"));
     QVERIFY(writeFile(local, randomBytes(64 * 1024)));
-    // The authorisation is held back, so the transfer is certainly still running at del().
+    // The authorisation is held back, so the transfer is certainly still running at del(); the
+    // final callback is held too, so the transfer certainly has not finished when it is counted.
     QVERIFY(env.server().armFault({{"op", "auth"}, {"action", "delay"}, {"ms", 2000}}));
+    QSemaphore finalHeld;
+    QSemaphore release;
+    CKXApiFixture::setCallbackHook([&](long long, bool final) {
+        if (final) {
+            finalHeld.release();
+            release.acquire();
+        }
+    });
     const SubTaskInfo task = CKXApiFixture::uploadTask(local, QStringLiteral("/del/a.bin"));
     const long long handle = CKXApiFixture::start(task);
     QTRY_VERIFY_WITH_TIMEOUT(statOf(env.server(), "inflight") > 0, kFinishMs);
 
     Transfer::del(handle);
+    QVERIFY(finalHeld.tryAcquire(1, kFinishMs));
+    // Unlike cancel(), del() leaves the handle to the finishing thread.
     QCOMPARE(Transfer::transferCount(), 1);
+    release.release();
     QTRY_COMPARE_WITH_TIMEOUT(Transfer::transferCount(), 0, kFinishMs);
+    CKXApiFixture::setCallbackHook(nullptr);
     QCOMPARE(CKXApiFixture::record(handle).finals, 1);
     QCOMPARE(env.dbRowState(task.subTaskId), -1);
 }
