@@ -89,6 +89,30 @@ private:
     Context* m_context;
 };
 
+// A fingerprint of bytes that arrive in pieces, "xxh3:" and 16 hexadecimal digits (XXH3, 64 bits,
+// about twenty times faster than SHA-256). For telling whether bytes written earlier have changed
+// since, by accident or wear: it is no defence against anyone who means to forge. Not thread-safe.
+class KXUTIL_EXPORT Fingerprint
+{
+public:
+    Fingerprint();
+    ~Fingerprint();
+    Fingerprint(const Fingerprint&) = delete;
+    Fingerprint& operator=(const Fingerprint&) = delete;
+
+    void add(const char* data, qint64 size);
+    QString text() const;
+
+private:
+    struct State;
+    State* m_state;
+};
+
+// The fingerprint of the next `length` bytes of an open device; empty when it gives fewer.
+KXUTIL_EXPORT QString fingerprint(QIODevice* device, qint64 length);
+// Whether `text` is a fingerprint rather than a SHA-256.
+KXUTIL_EXPORT bool isFingerprint(const QString& text);
+
 // Free bytes for an unprivileged user on the filesystem that holds `path`. The path need not
 // exist: the nearest existing parent folder is asked. -1 when it cannot be told, and on a file
 // system mounted read-only, where no write succeeds whatever the space: the failure to create the

@@ -334,7 +334,7 @@ void CKXBlockTransfer::downloadBlock(const FetchCall& fetch)
     // as done.
     FileFailure failure;
     // What this block wrote, so that a resumed download can tell whether the file still holds it.
-    KXUtil::Sha256Stream digest;
+    KXUtil::Fingerprint digest;
     const auto onData = [&file, &failure, &digest, name](const QByteArray& chunk) {
         digest.add(chunk.constData(), chunk.size());
         const qint64 position = file.pos();
@@ -363,7 +363,7 @@ void CKXBlockTransfer::downloadBlock(const FetchCall& fetch)
         failure = FileFailure{failureCode(file), file.errorString()};
     }
     file.close();
-    m_task->setHash(digest.hex());
+    m_task->setHash(digest.text());
     downloadAnswered(failure, parser);
 }
 

@@ -13,9 +13,15 @@
 
 namespace {
 
-QString hashAt(QFile& file, long long loc, long long length)
+// What the block recorded: the SHA-256 an upload offered, or the fingerprint of what a download
+// wrote.
+QString hashAt(QFile& file, const CKXBlockTask& block)
 {
-    return file.seek(loc) ? KXUtil::SHA256(&file, length) : QString();
+    if (!file.seek(block.loc())) {
+        return QString();
+    }
+    return KXUtil::isFingerprint(block.hash()) ? KXUtil::fingerprint(&file, block.length())
+                                               : KXUtil::SHA256(&file, block.length());
 }
 
 } // namespace
@@ -37,7 +43,7 @@ QList<CKXBlockTask*> CKXBlockVerifier::changedBlocks(const QList<CKXBlockTask*>&
         const bool readable = file.open(QIODevice::ReadOnly);
         for (int i = next++; i < recorded.size(); i = next++) {
             const CKXBlockTask* block = recorded[i];
-            changed[i] = !readable || hashAt(file, block->loc(), block->length()) != block->hash();
+            changed[i] = !readable || hashAt(file, *block) != block->hash();
         }
     };
     const int workers = qMin(QThread::idealThreadCount(), recorded.size());

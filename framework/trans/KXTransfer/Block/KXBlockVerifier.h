@@ -16,7 +16,7 @@ class CKXBlockVerifier
 public:
     // The blocks among `blocks` whose recorded hash no longer matches their range of the file at
     // `path` (all of them when it cannot be read). Only blocks with a hash are checked; for a
-    // download only completed ones, whose hash is that of the bytes they wrote.
+    // download only completed ones, whose hash is the fingerprint of the bytes they wrote.
     static QList<CKXBlockTask*> changedBlocks(const QList<CKXBlockTask*>& blocks, const QString& path,
                                               bool upload);
 };

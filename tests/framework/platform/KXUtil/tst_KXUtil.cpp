@@ -111,6 +111,19 @@ void TestKXUtil::sha256LargeBufferMatchesReference()
         stream.add(block.constData() + at, qMin(piece, block.size() - at));
     }
     QCOMPARE(stream.hex(), reference);
+
+    // The fingerprint of a download's pieces tells the same bytes from one changed byte.
+    KXUtil::Fingerprint print;
+    print.add(block.constData(), 1000);
+    print.add(block.constData() + 1000, block.size() - 1000);
+    QVERIFY(device.seek(4));
+    QCOMPARE(KXUtil::fingerprint(&device, block.size()), print.text());
+    QVERIFY(KXUtil::isFingerprint(print.text()) && !KXUtil::isFingerprint(reference));
+    QByteArray changed = block;
+    changed[int(changed.size() / 2)] = char(changed.at(int(changed.size() / 2)) ^ 1);
+    QBuffer other(&changed);
+    QVERIFY(other.open(QIODevice::ReadOnly));
+    QVERIFY(KXUtil::fingerprint(&other, changed.size()) != print.text());
 }
 
 void TestKXUtil::userPathFollowsXdgDataHome()
