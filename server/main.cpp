@@ -1,10 +1,10 @@
 // kxserver: the reference storage server. See KXServerOptions.h for the command line.
 
-#include "KXAccounts.h"
-#include "KXMetaStore.h"
-#include "KXServerLog.h"
-#include "KXServerOptions.h"
-#include "KXShareLinks.h"
+#include "service/KXAccounts.h"
+#include "store/KXMetaStore.h"
+#include "ops/KXServerLog.h"
+#include "core/KXServerOptions.h"
+#include "service/KXShareLinks.h"
 #include "KXStorageServer.h"
 
 #include <QDir>

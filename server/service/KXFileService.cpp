@@ -1,14 +1,14 @@
 #include "KXFileService.h"
 
-#include "KXBlockCutter.h"
-#include "KXBlockStore.h"
-#include "KXMetaStore.h"
-#include "KXRangeReader.h"
-#include "KXRequest.h"
-#include "KXServerOptions.h"
-#include "KXServerPath.h"
-#include "KXServerStats.h"
-#include "KXSha256.h"
+#include "store/KXBlockCutter.h"
+#include "store/KXBlockStore.h"
+#include "store/KXMetaStore.h"
+#include "store/KXRangeReader.h"
+#include "http/KXRequest.h"
+#include "core/KXServerOptions.h"
+#include "core/KXServerPath.h"
+#include "ops/KXServerStats.h"
+#include "core/KXSha256.h"
 
 #include <QJsonArray>
 

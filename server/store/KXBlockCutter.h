@@ -7,7 +7,7 @@
 //
 // Lives in the stack frame of one request, on that request's thread.
 
-#include "KXServerTypes.h"
+#include "core/KXServerTypes.h"
 
 #include <string>
 #include <vector>

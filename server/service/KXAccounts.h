@@ -6,7 +6,7 @@
 //
 // Created once by the server; immutable afterwards, so any thread may use it.
 
-#include "KXServerTypes.h"
+#include "core/KXServerTypes.h"
 
 #include <string>
 #include <vector>

@@ -4,7 +4,7 @@
 // the admin routes and the offline "kxserver share" command. Stateless: everything lives in the
 // metadata store.
 
-#include "KXServerTypes.h"
+#include "core/KXServerTypes.h"
 
 #include <string>
 

@@ -1,6 +1,6 @@
 #include "KXRangeReader.h"
 
-#include "KXBlockStore.h"
+#include "store/KXBlockStore.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -1,10 +1,10 @@
 #include "KXRouter.h"
 
-#include "KXFaultInjector.h"
-#include "KXHttpUtil.h"
-#include "KXRequest.h"
-#include "KXServerLog.h"
-#include "KXServerStats.h"
+#include "ops/KXFaultInjector.h"
+#include "http/KXHttpUtil.h"
+#include "http/KXRequest.h"
+#include "ops/KXServerLog.h"
+#include "ops/KXServerStats.h"
 
 #include <httplib.h>
 

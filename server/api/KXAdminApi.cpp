@@ -1,13 +1,13 @@
 #include "KXAdminApi.h"
 
-#include "KXAccounts.h"
-#include "KXFaultInjector.h"
-#include "KXHttpUtil.h"
-#include "KXMetaStore.h"
-#include "KXRequest.h"
-#include "KXRouter.h"
-#include "KXServerPath.h"
-#include "KXServerStats.h"
+#include "service/KXAccounts.h"
+#include "ops/KXFaultInjector.h"
+#include "http/KXHttpUtil.h"
+#include "store/KXMetaStore.h"
+#include "http/KXRequest.h"
+#include "http/KXRouter.h"
+#include "core/KXServerPath.h"
+#include "ops/KXServerStats.h"
 
 CKXAdminApi::CKXAdminApi(ServerContext& context) : m_ctx(context), m_links(context.meta, context.accounts) {}
 

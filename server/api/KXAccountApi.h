@@ -8,8 +8,8 @@
 // Created once by the server, which owns it; its handlers run on any connection thread and keep
 // no state between requests.
 
-#include "KXServerContext.h"
-#include "KXServerTypes.h"
+#include "api/KXServerContext.h"
+#include "core/KXServerTypes.h"
 
 #include <string>
 

@@ -6,8 +6,8 @@
 //
 // Created once by the server, which owns it; handlers run on any connection thread.
 
-#include "KXServerContext.h"
-#include "KXShareLinks.h"
+#include "api/KXServerContext.h"
+#include "service/KXShareLinks.h"
 
 #include <QJsonObject>
 

@@ -1,7 +1,7 @@
 #include "KXAccounts.h"
 
-#include "KXHttpUtil.h"
-#include "KXSha256.h"
+#include "http/KXHttpUtil.h"
+#include "core/KXSha256.h"
 
 CKXAccounts::CKXAccounts(std::vector<std::string> tokens) : m_tokens(std::move(tokens)) {}
 

@@ -1,7 +1,7 @@
 #include "KXRequest.h"
 
-#include "KXHttpUtil.h"
-#include "KXServerStats.h"
+#include "http/KXHttpUtil.h"
+#include "ops/KXServerStats.h"
 
 #include <QJsonDocument>
 

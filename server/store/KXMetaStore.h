@@ -9,7 +9,7 @@
 // Created once by the server (or the share command) and shared by all connection threads; one
 // connection, serialised by m_mutex.
 
-#include "KXServerTypes.h"
+#include "core/KXServerTypes.h"
 
 #include <mutex>
 #include <set>

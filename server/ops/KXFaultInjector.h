@@ -4,7 +4,7 @@
 // its operation counted from the moment it was armed, and on the count-1 requests after that.
 // Shared by all connection threads; m_mutex guards m_faults.
 
-#include "KXServerTypes.h"
+#include "core/KXServerTypes.h"
 
 #include <QJsonObject>
 

@@ -1,6 +1,6 @@
 #include "KXHttpUtil.h"
 
-#include "KXSha256.h"
+#include "core/KXSha256.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>

@@ -6,7 +6,7 @@
 //
 // Created once by the server and used by all connection threads; it keeps no state of its own.
 
-#include "KXServerTypes.h"
+#include "core/KXServerTypes.h"
 
 #include <QJsonObject>
 

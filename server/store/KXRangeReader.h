@@ -5,7 +5,7 @@
 // cache without a copy into a buffer of ours. Created per download and used only by the thread that writes
 // that download's response; shared (through a shared_ptr) by the response's content provider.
 
-#include "KXServerTypes.h"
+#include "core/KXServerTypes.h"
 
 #include <string>
 #include <vector>

@@ -20,8 +20,8 @@
 // Created once by the server (or a command-line tool) and used by all connection threads at
 // once; besides the lock it holds only an atomic temp-name counter.
 
-#include "KXServerOptions.h"
-#include "KXServerTypes.h"
+#include "core/KXServerOptions.h"
+#include "core/KXServerTypes.h"
 
 #include <atomic>
 #include <functional>

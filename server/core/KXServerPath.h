@@ -3,7 +3,7 @@
 // Client paths are names inside a space, never file-system paths; still, every path is checked
 // here before it reaches the store so that no spelling can address something outside its space.
 
-#include "KXServerTypes.h"
+#include "core/KXServerTypes.h"
 
 #include <string>
 #include <vector>

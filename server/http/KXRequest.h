@@ -4,8 +4,8 @@
 // when a "drop" fault is armed), the reply, and the fault that applies to it. Lives in the stack
 // frame of the router's dispatch, on the connection's thread.
 
-#include "KXFaultInjector.h"
-#include "KXServerTypes.h"
+#include "ops/KXFaultInjector.h"
+#include "core/KXServerTypes.h"
 
 #include <QJsonObject>
 

@@ -1,10 +1,10 @@
 #include "KXShareLinks.h"
 
-#include "KXAccounts.h"
-#include "KXHttpUtil.h"
-#include "KXMetaStore.h"
-#include "KXServerPath.h"
-#include "KXSha256.h"
+#include "service/KXAccounts.h"
+#include "http/KXHttpUtil.h"
+#include "store/KXMetaStore.h"
+#include "core/KXServerPath.h"
+#include "core/KXSha256.h"
 
 #include <httplib.h>
 

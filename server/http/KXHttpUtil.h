@@ -2,7 +2,7 @@
 
 // Small helpers around cpp-httplib requests and JSON bodies shared by the request handlers.
 
-#include "KXServerTypes.h"
+#include "core/KXServerTypes.h"
 
 #include <QJsonObject>
 

@@ -1,13 +1,13 @@
 #include "KXAccountApi.h"
 
-#include "KXAccounts.h"
-#include "KXEventLog.h"
-#include "KXFileService.h"
-#include "KXHttpUtil.h"
-#include "KXMetaStore.h"
-#include "KXRequest.h"
-#include "KXRouter.h"
-#include "KXServerPath.h"
+#include "service/KXAccounts.h"
+#include "ops/KXEventLog.h"
+#include "service/KXFileService.h"
+#include "http/KXHttpUtil.h"
+#include "store/KXMetaStore.h"
+#include "http/KXRequest.h"
+#include "http/KXRouter.h"
+#include "core/KXServerPath.h"
 
 #include <QDateTime>
 #include <QJsonArray>

@@ -1,11 +1,11 @@
 #include "KXShareApi.h"
 
-#include "KXFileService.h"
-#include "KXHttpUtil.h"
-#include "KXRequest.h"
-#include "KXRouter.h"
-#include "KXServerLog.h"
-#include "KXServerPath.h"
+#include "service/KXFileService.h"
+#include "http/KXHttpUtil.h"
+#include "http/KXRequest.h"
+#include "http/KXRouter.h"
+#include "ops/KXServerLog.h"
+#include "core/KXServerPath.h"
 
 #include <httplib.h>
 

@@ -1,6 +1,6 @@
 #include "KXMetaStore.h"
 
-#include "KXServerPath.h"
+#include "core/KXServerPath.h"
 
 #include <sqlite3.h>
 

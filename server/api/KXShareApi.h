@@ -8,9 +8,9 @@
 // Created once by the server, which owns it; its handlers run on any connection thread and keep
 // no state between requests.
 
-#include "KXAttemptLimiter.h"
-#include "KXServerContext.h"
-#include "KXShareLinks.h"
+#include "service/KXAttemptLimiter.h"
+#include "api/KXServerContext.h"
+#include "service/KXShareLinks.h"
 
 #include <string>
 

@@ -9,7 +9,7 @@
 // Owned by the server; routes are added before serving and never change afterwards, so the
 // connection threads read them without a lock.
 
-#include "KXServerTypes.h"
+#include "core/KXServerTypes.h"
 
 #include <functional>
 #include <regex>
