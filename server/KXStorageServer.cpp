@@ -2,11 +2,11 @@
 
 #include "api/KXAccountApi.h"
 #include "api/KXAdminApi.h"
-#include "http/KXRouter.h"
 #include "api/KXServerContext.h"
-#include "ops/KXServerLog.h"
-#include "core/KXServerOptions.h"
 #include "api/KXShareApi.h"
+#include "core/KXServerOptions.h"
+#include "http/KXRouter.h"
+#include "ops/KXServerLog.h"
 
 #include <httplib.h>
 

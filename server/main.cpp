@@ -1,11 +1,11 @@
 // kxserver: the reference storage server. See KXServerOptions.h for the command line.
 
-#include "service/KXAccounts.h"
-#include "store/KXMetaStore.h"
-#include "ops/KXServerLog.h"
-#include "core/KXServerOptions.h"
-#include "service/KXShareLinks.h"
 #include "KXStorageServer.h"
+#include "core/KXServerOptions.h"
+#include "ops/KXServerLog.h"
+#include "service/KXAccounts.h"
+#include "service/KXShareLinks.h"
+#include "store/KXMetaStore.h"
 
 #include <QDir>
 

@@ -1,13 +1,14 @@
 #include "KXAccountApi.h"
 
-#include "service/KXAccounts.h"
-#include "ops/KXEventLog.h"
-#include "service/KXFileService.h"
+#include "api/KXFileApi.h"
+#include "core/KXServerPath.h"
 #include "http/KXHttpUtil.h"
-#include "store/KXMetaStore.h"
 #include "http/KXRequest.h"
 #include "http/KXRouter.h"
-#include "core/KXServerPath.h"
+#include "ops/KXEventLog.h"
+#include "service/KXAccounts.h"
+#include "service/KXFileService.h"
+#include "store/KXMetaStore.h"
 
 #include <QDateTime>
 #include <QJsonArray>
@@ -136,19 +137,19 @@ ServerError CKXAccountApi::prepareUpload(const httplib::Request& req, bool raw, 
     // A plain address replaces what is there unless told otherwise, like any HTTP PUT.
     std::string flag = req.get_param_value("overwrite");
     *overwrite = raw ? flag != "false" && flag != "0" : KXHttp::isTrue(flag);
-    return e.ok() ? m_ctx.files.preflightFile(req, *target, *overwrite) : e;
+    return e.ok() ? KXFileApi::preflightFile(m_ctx.files, req, *target, *overwrite) : e;
 }
 
 ServerError CKXAccountApi::prepareBlock(const httplib::Request& req, UploadSession* session) const
 {
     std::string account;
     ServerError e = authenticate(req, &account);
-    e = e.ok() ? CKXFileService::preflightBlock(req) : e;
+    e = e.ok() ? KXFileApi::preflightBlock(req) : e;
     e = e.ok() ? m_ctx.files.uploadSession(req.get_param_value("upload_id"), session) : e;
     if (e.ok() && session->space != "ent" && session->space != "self:" + account) {
         e = ServerError::make(403, "forbidden", "the upload session belongs to another account");
     }
-    return e.ok() ? m_ctx.files.admitBlock(req, *session) : e;
+    return e.ok() ? KXFileApi::admitBlock(m_ctx.files, req, *session) : e;
 }
 
 // Every account reads the shared space, so building on its blocks reveals nothing.
@@ -170,11 +171,11 @@ void CKXAccountApi::metadata(CKXRequest& r)
     if (!e.ok()) {
         return r.replyError(e);
     }
-    QJsonObject body = CKXFileService::metadataJson(entry);
+    QJsonObject body = KXFileApi::metadataJson(entry);
     if (entry.isDir && KXHttp::isTrue(r.param("list"))) {
         QJsonArray contents;
         for (const EntryInfo& child : m_ctx.meta.children(target, listOptions(r))) {
-            contents.append(CKXFileService::metadataJson(child));
+            contents.append(KXFileApi::metadataJson(child));
         }
         body.insert("contents", contents);
     }
@@ -215,7 +216,7 @@ void CKXAccountApi::uploadFile(CKXRequest& r, bool raw)
     if (!e.ok()) {
         return r.replyError(e);
     }
-    m_ctx.files.receiveFile(r, target, overwrite, paramInteger(r, "mtime", 0));
+    KXFileApi::receiveFile(r, m_ctx.files, target, overwrite, paramInteger(r, "mtime", 0));
 }
 
 void CKXAccountApi::download(CKXRequest& r, bool raw)
@@ -230,7 +231,7 @@ void CKXAccountApi::download(CKXRequest& r, bool raw)
     if (!e.ok()) {
         return r.replyError(e);
     }
-    m_ctx.files.sendFile(r, target, raw ? std::string() : r.param("rev"), "nameentry_not_exist");
+    KXFileApi::sendFile(r, m_ctx.files, target, raw ? std::string() : r.param("rev"), "nameentry_not_exist");
 }
 
 void CKXAccountApi::queryHash(CKXRequest& r)
@@ -254,7 +255,7 @@ void CKXAccountApi::queryHash(CKXRequest& r)
     if (!e.ok()) {
         return r.replyError(e);
     }
-    m_ctx.files.queryHash(r, target, size, overwrite, hashes, reachOf(account));
+    KXFileApi::queryHash(r, m_ctx.files, target, size, overwrite, hashes, reachOf(account));
 }
 
 void CKXAccountApi::uploadBlock(CKXRequest& r)
@@ -264,7 +265,7 @@ void CKXAccountApi::uploadBlock(CKXRequest& r)
     if (!e.ok()) {
         return r.replyError(e);
     }
-    m_ctx.files.receiveBlock(r, session, QString::fromStdString(r.param("hash")).toLower().toStdString());
+    KXFileApi::receiveBlock(r, m_ctx.files, session);
 }
 
 void CKXAccountApi::commit(CKXRequest& r)
@@ -289,7 +290,7 @@ void CKXAccountApi::commit(CKXRequest& r)
     if (!e.ok()) {
         return r.replyError(e);
     }
-    m_ctx.files.commit(r, params, hashes, uploadId, reachOf(account));
+    KXFileApi::commit(r, m_ctx.files, params, hashes, uploadId, reachOf(account));
 }
 
 void CKXAccountApi::logEvent(CKXRequest& r)
@@ -336,5 +337,5 @@ void CKXAccountApi::createFolder(CKXRequest& r)
     if (!e.ok()) {
         return r.replyError(e);
     }
-    r.replyJson(CKXFileService::metadataJson(entry));
+    r.replyJson(KXFileApi::metadataJson(entry));
 }

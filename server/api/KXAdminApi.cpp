@@ -1,13 +1,13 @@
 #include "KXAdminApi.h"
 
-#include "service/KXAccounts.h"
-#include "ops/KXFaultInjector.h"
+#include "core/KXServerPath.h"
 #include "http/KXHttpUtil.h"
-#include "store/KXMetaStore.h"
 #include "http/KXRequest.h"
 #include "http/KXRouter.h"
-#include "core/KXServerPath.h"
+#include "ops/KXFaultInjector.h"
 #include "ops/KXServerStats.h"
+#include "service/KXAccounts.h"
+#include "store/KXMetaStore.h"
 
 CKXAdminApi::CKXAdminApi(ServerContext& context) : m_ctx(context), m_links(context.meta, context.accounts) {}
 

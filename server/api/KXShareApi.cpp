@@ -1,11 +1,12 @@
 #include "KXShareApi.h"
 
-#include "service/KXFileService.h"
+#include "api/KXFileApi.h"
+#include "core/KXServerPath.h"
 #include "http/KXHttpUtil.h"
 #include "http/KXRequest.h"
 #include "http/KXRouter.h"
 #include "ops/KXServerLog.h"
-#include "core/KXServerPath.h"
+#include "service/KXFileService.h"
 
 #include <httplib.h>
 
@@ -50,7 +51,11 @@ void CKXShareApi::registerRoutes(CKXRouter& router)
 ServerError CKXShareApi::uploadLink(const httplib::Request& req, const std::string& code, ShareInfo* share)
 {
     ServerError e = m_links.find(code, share);
-    e = e.ok() ? m_links.checkSession(*share, req) : e;
+    std::string session = req.get_header_value("X-Share-Session");
+    if (session.empty()) {
+        session = KXHttp::cookie(req, "S");
+    }
+    e = e.ok() ? m_links.checkSession(*share, session) : e;
     if (e.ok() && !share->upload) {
         e = ServerError::make(403, "forbidden", "this share link accepts no uploads");
     }
@@ -64,7 +69,7 @@ ServerError CKXShareApi::prepareUpload(const httplib::Request& req, const std::s
     ServerError e = uploadLink(req, code, &share);
     e = e.ok() ? CKXShareLinks::resolve(share, req.get_param_value("path"), target) : e;
     *overwrite = KXHttp::isTrue(req.get_param_value("overwrite"));
-    return e.ok() ? m_ctx.files.preflightFile(req, *target, *overwrite) : e;
+    return e.ok() ? KXFileApi::preflightFile(m_ctx.files, req, *target, *overwrite) : e;
 }
 
 ServerError CKXShareApi::prepareBlock(const httplib::Request& req, const std::string& code,
@@ -72,12 +77,12 @@ ServerError CKXShareApi::prepareBlock(const httplib::Request& req, const std::st
 {
     ShareInfo share;
     ServerError e = uploadLink(req, code, &share);
-    e = e.ok() ? CKXFileService::preflightBlock(req) : e;
+    e = e.ok() ? KXFileApi::preflightBlock(req) : e;
     e = e.ok() ? m_ctx.files.uploadSession(req.get_param_value("upload_id"), session) : e;
     if (e.ok() && (session->space != share.space || !KXServerPath::isInside(share.path, session->path))) {
         e = ServerError::make(403, "forbidden", "the upload session lies outside this share");
     }
-    return e.ok() ? m_ctx.files.admitBlock(req, *session) : e;
+    return e.ok() ? KXFileApi::admitBlock(m_ctx.files, req, *session) : e;
 }
 
 ServerError CKXShareApi::checkPassword(CKXRequest& r, const ShareInfo& share, const std::string& given)
@@ -162,7 +167,8 @@ void CKXShareApi::queryHash(CKXRequest& r)
         return r.replyError(e);
     }
     // Whoever holds the link reads the shared folder and nothing else of its owner's space.
-    m_ctx.files.queryHash(r, target, size, overwrite, hashes, Reach{Target{share.space, share.path}});
+    KXFileApi::queryHash(r, m_ctx.files, target, size, overwrite, hashes,
+                         Reach{Target{share.space, share.path}});
 }
 
 void CKXShareApi::uploadBlock(CKXRequest& r)
@@ -172,7 +178,7 @@ void CKXShareApi::uploadBlock(CKXRequest& r)
     if (!e.ok()) {
         return r.replyError(e);
     }
-    m_ctx.files.receiveBlock(r, session, QString::fromStdString(r.param("hash")).toLower().toStdString());
+    KXFileApi::receiveBlock(r, m_ctx.files, session);
 }
 
 void CKXShareApi::commit(CKXRequest& r)
@@ -194,7 +200,7 @@ void CKXShareApi::commit(CKXRequest& r)
     if (!e.ok()) {
         return r.replyError(e);
     }
-    m_ctx.files.commit(r, params, hashes, uploadId, Reach{Target{share.space, share.path}});
+    KXFileApi::commit(r, m_ctx.files, params, hashes, uploadId, Reach{Target{share.space, share.path}});
 }
 
 void CKXShareApi::uploadFile(CKXRequest& r)
@@ -205,7 +211,7 @@ void CKXShareApi::uploadFile(CKXRequest& r)
     if (!e.ok()) {
         return r.replyError(e);
     }
-    m_ctx.files.receiveFile(r, target, overwrite, 0);
+    KXFileApi::receiveFile(r, m_ctx.files, target, overwrite, 0);
 }
 
 void CKXShareApi::download(CKXRequest& r)
@@ -218,5 +224,5 @@ void CKXShareApi::download(CKXRequest& r)
     if (!e.ok()) {
         return r.replyError(e);
     }
-    m_ctx.files.sendFile(r, target, std::string(), "file/folder not found");
+    KXFileApi::sendFile(r, m_ctx.files, target, std::string(), "file/folder not found");
 }

@@ -8,8 +8,8 @@
 // Created once by the server, which owns it; its handlers run on any connection thread and keep
 // no state between requests.
 
-#include "service/KXAttemptLimiter.h"
 #include "api/KXServerContext.h"
+#include "service/KXAttemptLimiter.h"
 #include "service/KXShareLinks.h"
 
 #include <string>

@@ -15,9 +15,6 @@ struct Request;
 
 namespace KXHttp {
 
-bool constantTimeEquals(const std::string& a, const std::string& b);
-// `bytes` random bytes from the OpenSSL generator, as hex.
-std::string randomHex(int bytes);
 // The value of cookie `name` in the request's Cookie headers; empty when absent.
 std::string cookie(const httplib::Request& req, const std::string& name);
 // Closes the request's TCP connection at once (fault injection): the client sees the connection

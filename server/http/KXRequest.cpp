@@ -141,6 +141,27 @@ void CKXRequest::dropNow()
     KXHttp::dropConnection(m_req);
 }
 
+void CKXRequest::replyStream(qint64 length, Source source)
+{
+    if (length <= 0) {
+        m_res.set_content("", "application/octet-stream");
+        return;
+    }
+    // A drop fault sends the first half of the body, then cuts the connection.
+    qint64 limit = takeDrop() ? length / 2 : length;
+    std::shared_ptr<void> inflight = m_inflight;
+    auto provider = [source = std::move(source), limit, inflight](size_t offset, size_t want,
+                                                                  httplib::DataSink& sink) {
+        qint64 at = static_cast<qint64>(offset);
+        if (at >= limit) {
+            return false;
+        }
+        return source(at, std::min<qint64>(static_cast<qint64>(want), limit - at),
+                      [&sink](const char* data, size_t size) { return sink.write(data, size); });
+    };
+    m_res.set_content_provider(static_cast<size_t>(length), "application/octet-stream", provider);
+}
+
 void CKXRequest::replyJson(const QJsonObject& body, int status)
 {
     m_res.status = status;

@@ -4,8 +4,8 @@
 // when a "drop" fault is armed), the reply, and the fault that applies to it. Lives in the stack
 // frame of the router's dispatch, on the connection's thread.
 
-#include "ops/KXFaultInjector.h"
 #include "core/KXServerTypes.h"
+#include "ops/KXFaultInjector.h"
 
 #include <QJsonObject>
 
@@ -51,6 +51,12 @@ public:
     bool takeDrop();
     void dropNow();
 
+    // Writes up to `want` bytes from `offset` into the body to `write`; false when it cannot.
+    using Source = std::function<bool(qint64 offset, qint64 want, const Sink& write)>;
+    // Answers with a body of `length` bytes that `source` yields as the client takes them; an
+    // armed "drop" sends the first half, then cuts the connection. The request stays counted as
+    // in flight until the body is sent.
+    void replyStream(qint64 length, Source source);
     void replyJson(const QJsonObject& body, int status = 200);
     void replyError(const ServerError& error);
 

@@ -1,8 +1,9 @@
 #include "KXRouter.h"
 
-#include "ops/KXFaultInjector.h"
+#include "core/KXSecret.h"
 #include "http/KXHttpUtil.h"
 #include "http/KXRequest.h"
+#include "ops/KXFaultInjector.h"
 #include "ops/KXServerLog.h"
 #include "ops/KXServerStats.h"
 
@@ -81,7 +82,7 @@ void CKXRouter::dispatch(const std::string& op, const Handler& handler, const ht
 {
     if (op == "admin") {
         CKXRequest request(req, res, reader, nullptr, nullptr);
-        if (KXHttp::constantTimeEquals(m_adminToken, req.get_header_value("X-KX-Admin"))) {
+        if (KXSecret::constantTimeEquals(m_adminToken, req.get_header_value("X-KX-Admin"))) {
             handler(request);
         } else {
             request.replyError(ServerError::make(403, "forbidden", "X-KX-Admin missing or wrong"));

@@ -1,8 +1,8 @@
 #include "KXCollector.h"
 
+#include "ops/KXServerLog.h"
 #include "store/KXBlockStore.h"
 #include "store/KXMetaStore.h"
-#include "ops/KXServerLog.h"
 
 #include <algorithm>
 #include <chrono>

@@ -1,6 +1,6 @@
 #include "KXAccounts.h"
 
-#include "http/KXHttpUtil.h"
+#include "core/KXSecret.h"
 #include "core/KXSha256.h"
 
 CKXAccounts::CKXAccounts(std::vector<std::string> tokens) : m_tokens(std::move(tokens)) {}
@@ -15,7 +15,7 @@ bool CKXAccounts::accountOf(const std::string& token, std::string* account) cons
     bool found = false;
     for (const std::string& known : m_tokens) {
         // No early exit: the time taken does not tell which token (if any) matched.
-        if (KXHttp::constantTimeEquals(known, token) && !found) {
+        if (KXSecret::constantTimeEquals(known, token) && !found) {
             *account = idOf(known);
             found = true;
         }

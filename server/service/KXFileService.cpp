@@ -1,23 +1,21 @@
 #include "KXFileService.h"
 
+#include "core/KXServerOptions.h"
+#include "core/KXServerPath.h"
+#include "core/KXSha256.h"
+#include "ops/KXServerStats.h"
 #include "store/KXBlockCutter.h"
 #include "store/KXBlockStore.h"
 #include "store/KXMetaStore.h"
 #include "store/KXRangeReader.h"
-#include "http/KXRequest.h"
-#include "core/KXServerOptions.h"
-#include "core/KXServerPath.h"
-#include "ops/KXServerStats.h"
-#include "core/KXSha256.h"
 
-#include <QJsonArray>
-
-#include <httplib.h>
+#include <QString>
 
 #include <algorithm>
 #include <array>
 #include <cctype>
 #include <ctime>
+#include <memory>
 #include <set>
 #include <string_view>
 
@@ -90,12 +88,6 @@ bool hasDeniedSuffix(const std::string& name, const std::vector<std::string>& su
     return false;
 }
 
-std::string flipLastDigit(std::string hash)
-{
-    hash.back() = hash.back() == '0' ? '1' : '0';
-    return hash;
-}
-
 qint64 now()
 {
     return static_cast<qint64>(std::time(nullptr));
@@ -114,17 +106,6 @@ std::string CKXFileService::uploadIdFor(const Target& target, qint64 size)
         .substr(0, 32);
 }
 
-QJsonObject CKXFileService::metadataJson(const EntryInfo& entry)
-{
-    return QJsonObject{{"path", QString::fromStdString(entry.path)},
-                       {"is_dir", entry.isDir},
-                       {"bytes", static_cast<double>(entry.size)},
-                       {"rev", QString::number(entry.rev)},
-                       {"neid", QString::number(entry.id)},
-                       {"modified", static_cast<double>(entry.mtime)},
-                       {"blocks", static_cast<double>(entry.blockCount)}};
-}
-
 ServerError CKXFileService::checkUpload(const Target& target, bool overwrite, qint64 size)
 {
     if (hasDeniedSuffix(KXServerPath::nameOf(target.path), m_options.denySuffixes)) {
@@ -133,31 +114,31 @@ ServerError CKXFileService::checkUpload(const Target& target, bool overwrite, qi
     return m_meta.checkTarget(target, overwrite, size, m_options.quota);
 }
 
-ServerError CKXFileService::preflightFile(const httplib::Request& req, const Target& target, bool overwrite)
+ServerError CKXFileService::preflightFile(const std::string& contentLength, const Target& target,
+                                          bool overwrite)
 {
     qint64 length = 0;
-    if (!parseCount(req.get_header_value("Content-Length"), &length)) {
+    if (!parseCount(contentLength, &length)) {
         return ServerError::make(411, "bad request", "a whole-file upload needs a Content-Length");
     }
     return checkUpload(target, overwrite, length);
 }
 
-ServerError CKXFileService::preflightBlock(const httplib::Request& req)
+ServerError CKXFileService::preflightBlock(const std::string& contentLength, const std::string& uploadId,
+                                           const std::string& hash)
 {
     qint64 length = 0;
-    std::string announced = req.get_header_value("Content-Length");
     // Without a length the body's end is not known before it is read, nor whether it fits.
-    if (announced.empty()) {
+    if (contentLength.empty()) {
         return ServerError::make(411, "bad request", "a block upload needs a Content-Length");
     }
-    if (!parseCount(announced, &length) || length > kBlockSize) {
+    if (!parseCount(contentLength, &length) || length > kBlockSize) {
         return ServerError::make(413, "block too large", "a block holds at most 4194304 bytes");
     }
-    if (req.get_param_value("upload_id").empty()) {
+    if (uploadId.empty()) {
         return ServerError::make(400, "bad request", "upload_id is required");
     }
-    if (!CKXSha256::isHexDigest(
-            QString::fromStdString(req.get_param_value("hash")).toLower().toStdString())) {
+    if (!CKXSha256::isHexDigest(QString::fromStdString(hash).toLower().toStdString())) {
         return ServerError::make(400, "bad request", "hash must be a SHA-256 in hex");
     }
     return {};
@@ -171,51 +152,52 @@ ServerError CKXFileService::uploadSession(const std::string& id, UploadSession* 
     return {};
 }
 
-ServerError CKXFileService::admitBlock(const httplib::Request& req, const UploadSession& session)
+ServerError CKXFileService::admitBlock(const std::string& contentLength, const std::string& hash,
+                                       const UploadSession& session)
 {
     qint64 length = 0;
-    parseCount(req.get_header_value("Content-Length"), &length);
-    std::string hash = QString::fromStdString(req.get_param_value("hash")).toLower().toStdString();
-    return m_meta.admitBlock(session, hash, length, m_options.quota);
+    parseCount(contentLength, &length);
+    return m_meta.admitBlock(session, QString::fromStdString(hash).toLower().toStdString(), length,
+                             m_options.quota);
 }
 
-void CKXFileService::receiveFile(CKXRequest& r, const Target& target, bool overwrite, qint64 mtime)
+ServerError CKXFileService::receiveFile(const BodyReader& body, const std::string& contentLength,
+                                        const Target& target, bool overwrite, qint64 mtime, EntryInfo* stored)
 {
-    ServerError e = preflightFile(r.http(), target, overwrite);
+    ServerError e = preflightFile(contentLength, target, overwrite);
     if (!e.ok()) {
-        return r.replyError(e);
+        return e;
     }
-    qint64 expected = r.contentLength();
+    qint64 expected = 0;
+    parseCount(contentLength, &expected);
     CKXBlockCutter cutter(m_blocks);
-    bool received = r.readBody([&](const char* data, size_t size) {
+    bool received = body([&](const char* data, size_t size) {
         m_stats.add(CKXServerStats::FileUploadBytes, static_cast<qint64>(size));
         return cutter.feed(data, size);
     });
-    bool stored = cutter.error().empty() && (!received || cutter.finish());
+    bool complete = cutter.error().empty() && (!received || cutter.finish());
     m_stats.add(CKXServerStats::BlocksStored, cutter.storedCount());
     m_stats.add(CKXServerStats::BlocksDeduplicated, cutter.dedupCount());
-    if (!stored) {
-        return r.replyError(ServerError::make(500, "internal", cutter.error()));
+    if (!complete) {
+        return ServerError::make(500, "internal", cutter.error());
     }
     if (!received || cutter.total() != expected) {
-        return r.replyError(
-            ServerError::make(400, "bad request", "body shorter than Content-Length; nothing stored"));
+        return ServerError::make(400, "bad request", "body shorter than Content-Length; nothing stored");
     }
     CommitParams params{target, cutter.blocks(), expected, mtime > 0 ? mtime : now(), overwrite,
-                    true,   m_options.quota};
-    EntryInfo entry;
+                        true,   m_options.quota};
     e = makeDurable(params.blocks);
-    e = e.ok() ? m_meta.commitFile(params, &entry) : e;
-    if (!e.ok()) {
-        return r.replyError(e);
+    e = e.ok() ? m_meta.commitFile(params, stored) : e;
+    if (e.ok()) {
+        m_stats.add(CKXServerStats::FileUploads);
     }
-    m_stats.add(CKXServerStats::FileUploads);
-    r.replyJson(metadataJson(entry));
+    return e;
 }
 
 ServerError CKXFileService::locateFile(const Target& target, const std::string& rev, const char* notFoundCode,
-                                       EntryInfo* entry, std::vector<BlockRef>* blocks)
+                                       FileRead* out)
 {
+    EntryInfo* entry = &out->entry;
     if (!m_meta.entry(target, entry) ||
         (!rev.empty() && !entry->isDir && rev != std::to_string(entry->rev))) {
         return ServerError::make(404, notFoundCode, "no such file (or revision): " + target.path);
@@ -226,8 +208,8 @@ ServerError CKXFileService::locateFile(const Target& target, const std::string& 
     if (entry->virus) {
         return ServerError::make(403, "download_file_VirusF", target.path + " is flagged as a virus");
     }
-    *blocks = m_meta.blocksOf(entry->id);
-    for (const BlockRef& block : *blocks) {
+    out->blocks = m_meta.blocksOf(entry->id);
+    for (const BlockRef& block : out->blocks) {
         if (m_blocks.sizeOf(block.hash) != block.size) {
             return ServerError::make(500, "internal", "block " + block.hash + " is missing");
         }
@@ -235,64 +217,29 @@ ServerError CKXFileService::locateFile(const Target& target, const std::string& 
     return {};
 }
 
-void CKXFileService::sendFile(CKXRequest& r, const Target& target, const std::string& rev,
-                              const char* notFoundCode)
+ServerError CKXFileService::selectRange(const std::string& range, FileRead* file)
 {
-    EntryInfo entry;
-    std::vector<BlockRef> blocks;
-    ServerError e = locateFile(target, rev, notFoundCode, &entry, &blocks);
-    if (!e.ok()) {
-        return r.replyError(e);
-    }
-    // httplib would cut the body a second time by its own reading of Range (without clamping
-    // the end to the file); ranges are answered here alone. The Request object is httplib's own
-    // non-const local, so clearing it is safe.
-    const_cast<httplib::Request&>(r.http()).ranges.clear();
     qint64 start = 0;
-    qint64 end = entry.size - 1;
-    httplib::Response& res = r.response();
-    std::string range = r.header("Range");
-    if (!range.empty() && !parseRange(range, entry.size, &start, &end)) {
-        res.set_header("Content-Range", "bytes */" + std::to_string(entry.size));
-        return r.replyError(ServerError::make(416, "invalid range", "cannot serve '" + range + "'"));
+    qint64 end = file->entry.size - 1;
+    if (!range.empty() && !parseRange(range, file->entry.size, &start, &end)) {
+        return ServerError::make(416, "invalid range", "cannot serve '" + range + "'");
     }
-    if (!range.empty()) {
-        res.set_header("Content-Range", "bytes " + std::to_string(start) + "-" + std::to_string(end) + "/" +
-                                            std::to_string(entry.size));
-    }
-    res.status = range.empty() ? 200 : 206;
-    res.set_header("Accept-Ranges", "bytes");
-    res.set_header("ETag", "\"" + std::to_string(entry.rev) + "\"");
-    m_stats.add(CKXServerStats::Downloads);
-    streamBody(r, std::move(blocks), start, end - start + 1);
-}
-
-void CKXFileService::streamBody(CKXRequest& r, std::vector<BlockRef> blocks, qint64 start, qint64 length)
-{
-    if (length <= 0) {
-        r.response().set_content("", "application/octet-stream");
-        return;
-    }
-    auto reader = std::make_shared<CKXRangeReader>(m_blocks, std::move(blocks));
-    // A drop fault sends the first half of the body, then cuts the connection.
-    qint64 limit = r.takeDrop() ? length / 2 : length;
-    std::shared_ptr<void> inflight = r.inflightToken();
+    file->partial = !range.empty();
+    file->start = start;
+    file->length = end - start + 1;
+    auto reader = std::make_shared<CKXRangeReader>(m_blocks, file->blocks);
     CKXServerStats* stats = &m_stats;
-    auto provider = [reader, start, limit, inflight, stats](size_t offset, size_t want,
-                                                            httplib::DataSink& sink) {
-        qint64 at = static_cast<qint64>(offset);
-        if (at >= limit) {
-            return false;
-        }
+    file->read = [reader, start, stats](qint64 offset, qint64 want, const ByteSink& write) {
         qint64 n = 0;
-        const char* bytes = reader->view(start + at, std::min<qint64>(static_cast<qint64>(want), limit - at), &n);
-        if (n <= 0 || !sink.write(bytes, static_cast<size_t>(n))) {
+        const char* bytes = reader->view(start + offset, want, &n);
+        if (n <= 0 || !write(bytes, static_cast<size_t>(n))) {
             return false;
         }
         stats->add(CKXServerStats::DownloadBytes, n);
         return true;
     };
-    r.response().set_content_provider(static_cast<size_t>(length), "application/octet-stream", provider);
+    m_stats.add(CKXServerStats::Downloads);
+    return {};
 }
 
 std::set<std::string> CKXFileService::presentFor(const Reach& reach, const std::vector<std::string>& hashes)
@@ -306,35 +253,41 @@ std::set<std::string> CKXFileService::presentFor(const Reach& reach, const std::
     return m_meta.provenBlocks(reach, stored);
 }
 
-void CKXFileService::queryHash(CKXRequest& r, const Target& target, qint64 size, bool overwrite,
-                               const std::vector<std::string>& hashes, const Reach& reach)
+ServerError CKXFileService::queryHash(const Target& target, qint64 size, bool overwrite,
+                                      const std::vector<std::string>& hashes, const Reach& reach,
+                                      UploadState* out)
 {
     ServerError e = checkUpload(target, overwrite, size);
     if (!e.ok()) {
-        return r.replyError(e);
+        return e;
     }
     UploadSession session{uploadIdFor(target, size), target.space, target.path, size};
     if (!m_meta.saveUploadSession(session, hashes)) {
-        return r.replyError(ServerError::make(500, "internal", "cannot save the upload session"));
+        return ServerError::make(500, "internal", "cannot save the upload session");
     }
     std::set<std::string> present = presentFor(reach, hashes);
-    QJsonArray needed;
     std::set<std::string_view> seen;
+    out->uploadId = session.id;
+    out->needed.clear();
     for (const std::string& hash : hashes) {
         if (seen.insert(hash).second && !present.count(hash)) {
-            needed.append(QString::fromStdString(hash));
+            out->needed.push_back(hash);
         }
     }
     m_stats.add(CKXServerStats::HashQueries);
-    r.replyJson(QJsonObject{{"upload_id", QString::fromStdString(session.id)}, {"needed_block", needed}});
+    return {};
 }
 
-void CKXFileService::receiveBlock(CKXRequest& r, const UploadSession& session, const std::string& hash)
+ServerError CKXFileService::receiveBlock(const BodyReader& body, const std::string& contentLength,
+                                         const UploadSession& session, const std::string& hash,
+                                         std::string* stored)
 {
+    qint64 announced = 0;
+    parseCount(contentLength, &announced);
     std::string data;
-    data.reserve(static_cast<size_t>(std::clamp<qint64>(r.contentLength(), 0, kBlockSize)));
+    data.reserve(static_cast<size_t>(std::clamp<qint64>(announced, 0, kBlockSize)));
     bool tooLarge = false;
-    bool complete = r.readBody([&](const char* bytes, size_t size) {
+    bool complete = body([&](const char* bytes, size_t size) {
         tooLarge = static_cast<qint64>(data.size() + size) > kBlockSize;
         if (!tooLarge) {
             data.append(bytes, size);
@@ -343,31 +296,27 @@ void CKXFileService::receiveBlock(CKXRequest& r, const UploadSession& session, c
         return !tooLarge;
     });
     if (tooLarge || !complete) {
-        return r.replyError(
-            tooLarge ? ServerError::make(413, "block too large", "a block holds at most 4194304 bytes")
-                     : ServerError::make(400, "bad request", "the block body ended early"));
+        return tooLarge ? ServerError::make(413, "block too large", "a block holds at most 4194304 bytes")
+                        : ServerError::make(400, "bad request", "the block body ended early");
     }
     std::string computed = CKXSha256::hex(data);
     if (computed != hash) {
-        return r.replyError(
-            ServerError::make(400, "invalid.hash", "the block hashes to " + computed + ", not " + hash));
+        return ServerError::make(400, "invalid.hash", "the block hashes to " + computed + ", not " + hash);
     }
     std::string error;
     CKXBlockStore::PutResult put = m_blocks.put(computed, data.data(), data.size(), &error);
     if (put == CKXBlockStore::PutResult::Failed) {
-        return r.replyError(ServerError::make(500, "internal", error));
+        return ServerError::make(500, "internal", error);
     }
     // Sending the bytes proves the session holds them, wherever else the store has them.
     if (!m_meta.recordBlock(session.id, computed, static_cast<qint64>(data.size()))) {
-        return r.replyError(ServerError::make(500, "internal", "cannot record the block"));
+        return ServerError::make(500, "internal", "cannot record the block");
     }
     m_stats.add(put == CKXBlockStore::PutResult::Stored ? CKXServerStats::BlocksStored
                                                         : CKXServerStats::BlocksDeduplicated);
     m_stats.add(CKXServerStats::BlockUploads);
-    std::string answered = r.faultIs("wrong_hash") ? flipLastDigit(computed) : computed;
-    r.replyJson(QJsonObject{{"upload_id", QString::fromStdString(session.id)},
-                            {"hash", QString::fromStdString(answered)},
-                            {"status", QStringLiteral("ok")}});
+    *stored = computed;
+    return {};
 }
 
 // A committed file's blocks reach the disk before its metadata names them.
@@ -399,47 +348,43 @@ ServerError CKXFileService::resolveUploadId(const Target& target, qint64 size, c
                   : e;
 }
 
-void CKXFileService::commit(CKXRequest& r, CommitParams params, const std::vector<std::string>& hashes,
-                            const std::string& uploadId, const Reach& reach)
+ServerError CKXFileService::commit(CommitParams params, const std::vector<std::string>& hashes,
+                                   const std::string& uploadId, const Reach& reach, UploadState* out)
 {
-    std::string id;
-    ServerError e = resolveUploadId(params.target, params.size, uploadId, &id);
+    ServerError e = resolveUploadId(params.target, params.size, uploadId, &out->uploadId);
     e = e.ok() ? checkUpload(params.target, params.overwrite, params.size) : e;
     if (!e.ok()) {
-        return r.replyError(e);
+        return e;
     }
-    QJsonArray needed;
     std::set<std::string> missing;
     std::set<std::string> present = presentFor(reach, hashes);
     qint64 total = 0;
+    out->needed.clear();
     params.blocks.clear();
     for (const std::string& hash : hashes) {
         qint64 size = present.count(hash) ? m_blocks.sizeOf(hash) : -1;
         if (size < 0 && missing.insert(hash).second) {
-            needed.append(QString::fromStdString(hash));
+            out->needed.push_back(hash);
         }
         params.blocks.push_back(BlockRef{hash, size});
         total += std::max<qint64>(size, 0);
     }
-    if (!needed.isEmpty()) {
-        return r.replyJson(QJsonObject{{"needed_block", needed}, {"upload_id", QString::fromStdString(id)}});
+    if (!out->needed.empty()) {
+        return {};
     }
     if (total != params.size) {
-        return r.replyError(ServerError::make(400, "content_hash_error",
-                                              "the blocks add up to " + std::to_string(total) +
-                                                  " bytes, not " + std::to_string(params.size)));
+        return ServerError::make(400, "content_hash_error",
+                                 "the blocks add up to " + std::to_string(total) + " bytes, not " +
+                                     std::to_string(params.size));
     }
     params.quota = m_options.quota;
     params.mtime = params.mtime > 0 ? params.mtime : now();
-    EntryInfo entry;
     e = makeDurable(params.blocks);
-    e = e.ok() ? m_meta.commitFile(params, &entry) : e;
+    e = e.ok() ? m_meta.commitFile(params, &out->entry) : e;
     if (!e.ok()) {
-        return r.replyError(e);
+        return e;
     }
-    m_meta.closeUploadSession(id);
+    m_meta.closeUploadSession(out->uploadId);
     m_stats.add(CKXServerStats::Commits);
-    r.replyJson(QJsonObject{{"needed_block", QJsonArray()},
-                            {"upload_id", QString::fromStdString(id)},
-                            {"metadata", metadataJson(entry)}});
+    return {};
 }

@@ -1,12 +1,10 @@
 #include "KXShareLinks.h"
 
-#include "service/KXAccounts.h"
-#include "http/KXHttpUtil.h"
-#include "store/KXMetaStore.h"
+#include "core/KXSecret.h"
 #include "core/KXServerPath.h"
 #include "core/KXSha256.h"
-
-#include <httplib.h>
+#include "service/KXAccounts.h"
+#include "store/KXMetaStore.h"
 
 namespace {
 
@@ -36,7 +34,7 @@ ServerError CKXShareLinks::create(const std::string& owner, const std::string& s
             return e;
         }
     }
-    *out = ShareInfo{KXHttp::randomHex(8), owner, space, normalised, upload && entry.isDir, password};
+    *out = ShareInfo{KXSecret::randomHex(8), owner, space, normalised, upload && entry.isDir, password};
     if (!m_meta.saveShare(*out)) {
         return ServerError::make(500, "internal", "cannot save the share link");
     }
@@ -53,18 +51,14 @@ ServerError CKXShareLinks::find(const std::string& code, ShareInfo* out)
 
 ServerError CKXShareLinks::checkPassword(const ShareInfo& share, const std::string& given) const
 {
-    if (!share.password.empty() && !KXHttp::constantTimeEquals(share.password, given)) {
+    if (!share.password.empty() && !KXSecret::constantTimeEquals(share.password, given)) {
         return ServerError::make(401, "token is not exist", "the share link's password is missing or wrong");
     }
     return {};
 }
 
-ServerError CKXShareLinks::checkSession(const ShareInfo& share, const httplib::Request& req)
+ServerError CKXShareLinks::checkSession(const ShareInfo& share, const std::string& session)
 {
-    std::string session = req.get_header_value("X-Share-Session");
-    if (session.empty()) {
-        session = KXHttp::cookie(req, "S");
-    }
     std::string code;
     if (!session.empty() && m_meta.shareSessionCode(digestOf(session), &code) && code == share.code) {
         return {};
@@ -81,7 +75,7 @@ ServerError CKXShareLinks::checkSession(const ShareInfo& share, const httplib::R
 
 ServerError CKXShareLinks::openSession(const ShareInfo& share, std::string* session)
 {
-    *session = KXHttp::randomHex(16);
+    *session = KXSecret::randomHex(16);
     if (!m_meta.saveShareSession(digestOf(*session), share.code)) {
         return ServerError::make(500, "internal", "cannot save the share session");
     }

@@ -8,10 +8,6 @@
 
 #include <string>
 
-namespace httplib {
-struct Request;
-}
-
 class CKXAccounts;
 class CKXMetaStore;
 
@@ -28,9 +24,9 @@ public:
     ServerError find(const std::string& code, ShareInfo* out);
     // Downloads: the link's password, if it has one, in X-Share-Token.
     ServerError checkPassword(const ShareInfo& share, const std::string& given) const;
-    // Uploads: a share session of this link (X-Share-Session or cookie S), or the owner's own
-    // account token; another account's token is refused with 403.
-    ServerError checkSession(const ShareInfo& share, const httplib::Request& req);
+    // Uploads: `session` (the request's X-Share-Session, else its cookie S) is a share session of
+    // this link, or the owner's own account token; another account's token is refused with 403.
+    ServerError checkSession(const ShareInfo& share, const std::string& session);
     // Opens a share session for `share`; the session itself is never stored, only its digest.
     ServerError openSession(const ShareInfo& share, std::string* session);
     // A path inside the share, validated and resolved against the shared folder.

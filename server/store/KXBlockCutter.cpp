@@ -1,7 +1,7 @@
 #include "KXBlockCutter.h"
 
-#include "store/KXBlockStore.h"
 #include "core/KXSha256.h"
+#include "store/KXBlockStore.h"
 
 #include <algorithm>
 

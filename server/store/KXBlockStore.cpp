@@ -109,8 +109,8 @@ bool CKXBlockStore::markUnsyncedWrites(std::string* error)
     std::string tmp = path + ".tmp";
     std::string id = bootId();
     int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    bool ok = fd >= 0 && ::write(fd, id.data(), id.size()) == static_cast<ssize_t>(id.size()) &&
-              ::fsync(fd) == 0;
+    bool ok =
+        fd >= 0 && ::write(fd, id.data(), id.size()) == static_cast<ssize_t>(id.size()) && ::fsync(fd) == 0;
     if (fd >= 0) {
         ::close(fd);
     }
