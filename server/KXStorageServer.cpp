@@ -1,12 +1,12 @@
 #include "KXStorageServer.h"
 
-#include "KXAccountApi.h"
-#include "KXAdminApi.h"
-#include "KXRouter.h"
-#include "KXServerContext.h"
-#include "KXServerLog.h"
-#include "KXServerOptions.h"
-#include "KXShareApi.h"
+#include "api/KXAccountApi.h"
+#include "api/KXAdminApi.h"
+#include "api/KXServerContext.h"
+#include "api/KXShareApi.h"
+#include "core/KXServerOptions.h"
+#include "http/KXRouter.h"
+#include "ops/KXServerLog.h"
 
 #include <httplib.h>
 

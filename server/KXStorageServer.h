@@ -4,14 +4,14 @@
 // storage protocol until stop(). Created and owned by main; start() and run() on the main
 // thread, stop() from any thread (the signal thread). It owns every part of the server.
 
-#include "KXAccounts.h"
-#include "KXBlockStore.h"
-#include "KXCollector.h"
-#include "KXEventLog.h"
-#include "KXFaultInjector.h"
-#include "KXFileService.h"
-#include "KXMetaStore.h"
-#include "KXServerStats.h"
+#include "ops/KXCollector.h"
+#include "ops/KXEventLog.h"
+#include "ops/KXFaultInjector.h"
+#include "ops/KXServerStats.h"
+#include "service/KXAccounts.h"
+#include "service/KXFileService.h"
+#include "store/KXBlockStore.h"
+#include "store/KXMetaStore.h"
 
 #include <memory>
 #include <string>

@@ -1,11 +1,11 @@
 // kxserver: the reference storage server. See KXServerOptions.h for the command line.
 
-#include "KXAccounts.h"
-#include "KXMetaStore.h"
-#include "KXServerLog.h"
-#include "KXServerOptions.h"
-#include "KXShareLinks.h"
 #include "KXStorageServer.h"
+#include "core/KXServerOptions.h"
+#include "ops/KXServerLog.h"
+#include "service/KXAccounts.h"
+#include "service/KXShareLinks.h"
+#include "store/KXMetaStore.h"
 
 #include <QDir>
 

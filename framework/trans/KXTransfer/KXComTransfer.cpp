@@ -104,37 +104,12 @@ void CKXComTransfer::downloadTask()
         },
         [&parser](const ResponseData& response) { parser.ParseResp(response); });
 
-    // Catch errors the buffered writes report only when flushed.
-    file->flush();
-    if (file->error() != QFileDevice::NoError) {
-        TLOG_FATAL(QStringLiteral("文件操作出错: %1  error:%2 msg:%3")
-                       .arg(file->fileName())
-                       .arg(file->error())
-                       .arg(file->errorString()));
-        const QString message = file->errorString();
-        const ErrorCode code = static_cast<ErrorCode>(file->error());
-        closeFile(file);
-        errorHandler(code, message, 200);
-        return;
-    }
-    closeFile(file);
-    if (parser.hasError()) {
-        int code = parser.statusCode();
-        if (code == 0) {
-            code = parser.errorCode();
-        }
-        errorHandler(static_cast<ErrorCode>(code), parser.errorMsg().message, parser.statusCode());
-        return;
-    }
-    TLOG_FATAL(QStringLiteral("文件下载完成 %1").arg(id));
-    ErrorCode code = NoError;
-    QString message;
-    if (!renameTmpFile(code, message)) {
-        TLOG_FATAL(QStringLiteral("重命名本地临时文件错误 %1").arg(id));
-        errorHandler(code, message, 200);
-        return;
-    }
-    compelteHandler();
+    DownloadEnding ending;
+    ending.site = KX_LOG_HERE;
+    ending.file = file;
+    ending.statusAsCode = true;
+    ending.doneText = QStringLiteral("文件下载完成 %1");
+    finishDownload(ending, parser);
 }
 
 void CKXComTransfer::uploadTask()

@@ -79,25 +79,12 @@ void CKXDeliveryTransfer::downloadTask()
             });
         },
         [&parser](const ResponseData& response) { parser.ParseResp(response); });
-    if (parser.hasError()) {
-        // The wording is shared with the upload path on purpose.
-        TLOG_FATAL(QStringLiteral("文件上传失败 %1 code：%2 msg:%3")
-                       .arg(id)
-                       .arg(parser.errorCode())
-                       .arg(parser.errorMsg().message));
-        errorHandler(static_cast<ErrorCode>(parser.errorCode()), parser.errorMsg().message,
-                     parser.statusCode());
-        return;
-    }
-    TLOG_FATAL(QStringLiteral("文件上传完成 %1").arg(id));
-    ErrorCode code = NoError;
-    QString message;
-    if (!renameTmpFile(code, message)) {
-        TLOG_FATAL(QStringLiteral("重命名本地临时文件错误 %1").arg(id));
-        errorHandler(code, message, 200);
-        return;
-    }
-    compelteHandler();
+    DownloadEnding ending;
+    ending.site = KX_LOG_HERE;
+    // The wording is shared with the upload path on purpose.
+    ending.failedText = QStringLiteral("文件上传失败 %1 code：%2 msg:%3");
+    ending.doneText = QStringLiteral("文件上传完成 %1");
+    finishDownload(ending, parser);
 }
 
 void CKXDeliveryTransfer::uploadTask()

@@ -61,11 +61,28 @@ QString kxLogSource(const char* file);
 #define KX_LOG_AT(inst, level, msg)                                                                          \
     CKXLoggerWrapper::inst()->level((msg), kxLogSource(__FILE__), QString::fromLatin1(__func__), __LINE__)
 
+// Where a log line is recorded as coming from. A helper that logs on behalf of its caller takes
+// the caller's KX_LOG_HERE, so the line names the unit and function that asked for the work.
+struct KXLogSite
+{
+    QString file;
+    QString function;
+    int line = 0;
+};
+
+#define KX_LOG_HERE                                                                                          \
+    KXLogSite                                                                                                \
+    {                                                                                                        \
+        kxLogSource(__FILE__), QString::fromLatin1(__func__), __LINE__                                       \
+    }
+
 // Engine log ("Transfer.log").
 #define TLOG_DEBUG(msg) KX_LOG_AT(instTransfer, debug, msg)
 #define TLOG_INFO(msg) KX_LOG_AT(instTransfer, information, msg)
 #define TLOG_ERROR(msg) KX_LOG_AT(instTransfer, error, msg)
 #define TLOG_FATAL(msg) KX_LOG_AT(instTransfer, fatal, msg)
+#define TLOG_FATAL_AT(site, msg)                                                                             \
+    CKXLoggerWrapper::instTransfer()->fatal((msg), (site).file, (site).function, (site).line)
 
 // Database log ("DB.log").
 #define DBLOG_DEBUG(msg) KX_LOG_AT(instDB, debug, msg)

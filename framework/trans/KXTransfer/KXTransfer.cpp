@@ -11,6 +11,7 @@
 
 #include <QDateTime>
 #include <QDir>
+#include <QFile>
 #include <QFileInfo>
 
 namespace {
@@ -320,6 +321,55 @@ bool CKXTransfer::renameTmpFile(ErrorCode& code, QString& message)
     m_tmpLock.release();
     TLOG_FATAL(QStringLiteral("重命名本地临时文件 tmp:%1 dest:%2").arg(tmp, dest));
     return true;
+}
+
+void CKXTransfer::finishDownload(const DownloadEnding& ending, const CKXParseProcessor& parser)
+{
+    const QString id = m_task->getId();
+    if (QFile* file = ending.file) {
+        // Catch errors the buffered writes report only when flushed.
+        file->flush();
+        const QFileDevice::FileError fileError = file->error();
+        const QString fileMessage = file->errorString();
+        if (fileError != QFileDevice::NoError) {
+            TLOG_FATAL_AT(ending.site, QStringLiteral("文件操作出错: %1  error:%2 msg:%3")
+                                           .arg(file->fileName())
+                                           .arg(fileError)
+                                           .arg(fileMessage));
+        }
+        file->close();
+        file->deleteLater();
+        if (fileError != QFileDevice::NoError) {
+            errorHandler(static_cast<ErrorCode>(fileError), fileMessage, 200);
+            return;
+        }
+    }
+    if (parser.hasError()) {
+        if (!ending.failedText.isEmpty()) {
+            TLOG_FATAL_AT(ending.site,
+                          ending.failedText.arg(id).arg(parser.errorCode()).arg(parser.errorMsg().message));
+        }
+        int code = parser.errorCode();
+        if (ending.statusAsCode) {
+            code = parser.statusCode() != 0 ? parser.statusCode() : parser.errorCode();
+        }
+        errorHandler(static_cast<ErrorCode>(code), parser.errorMsg().message, parser.statusCode());
+        return;
+    }
+    if (!ending.doneAfterRename) {
+        TLOG_FATAL_AT(ending.site, ending.doneText.arg(id));
+    }
+    ErrorCode code = NoError;
+    QString message;
+    if (!renameTmpFile(code, message)) {
+        TLOG_FATAL_AT(ending.site, QStringLiteral("重命名本地临时文件错误 %1").arg(id));
+        errorHandler(code, message, 200);
+        return;
+    }
+    if (ending.doneAfterRename) {
+        TLOG_FATAL_AT(ending.site, ending.doneText.arg(id));
+    }
+    compelteHandler();
 }
 
 QString CKXTransfer::tmpFilePath() const

@@ -10,6 +10,7 @@
 // only by the finishing thread after threadFinished() (never by itself). Owns its task record.
 
 #include "IKXTransferCallbacks.h"
+#include "KXLoggerWrapper.h"
 #include "KXTFBaseThread.h"
 #include "KXTmpFileLock.h"
 #include "KXTransferDefine.h"
@@ -17,7 +18,9 @@
 #include <atomic>
 #include <functional>
 
+class CKXParseProcessor;
 class CKXTransferTask;
+class QFile;
 
 class CKXTransfer : public CKXTFBaseThread
 {
@@ -90,6 +93,30 @@ protected:
     // transfer's end. False with the system's error number when it cannot be had, or another
     // download (of this task, in another process) holds it.
     bool holdTmpFile(const QString& tmp, int& error);
+
+    // How a whole-file download ends once its request has answered; see finishDownload().
+    struct DownloadEnding
+    {
+        // The download that ran: every line logged here is recorded as its own.
+        KXLogSite site;
+        // The temporary file as this transfer wrote it, closed and deleted here; null where
+        // ServerApi wrote the file itself.
+        QFile* file = nullptr;
+        // A failure the server answered ends the task with its HTTP status as the code (its error
+        // code when there is no status); otherwise with its error code.
+        bool statusAsCode = false;
+        // Logged with the task id, the error code and message when the server failed the
+        // download; empty logs nothing.
+        QString failedText;
+        // Logged with the task id once the download is complete: before the rename, or only
+        // after a rename that succeeded.
+        QString doneText;
+        bool doneAfterRename = false;
+    };
+    // Ends a download in exactly one handler: a write error the flush reveals, then the server's
+    // failure, go to errorHandler(); otherwise renameTmpFile() publishes the file and
+    // compelteHandler() runs.
+    void finishDownload(const DownloadEnding& ending, const CKXParseProcessor& parser);
 
     TransferErrorCallback m_errorCallback = nullptr;
     TransferProgressCallback m_progressCallback = nullptr;

@@ -27,7 +27,6 @@ bool CKXUrlTransfer::begin()
 
 void CKXUrlTransfer::downloadTask()
 {
-    const QString id = m_task->getId();
     const QString tmp = tmpFilePath();
     m_partialFile = tmp;
     if (!KXUtil::isExist(tmp)) {
@@ -67,35 +66,12 @@ void CKXUrlTransfer::downloadTask()
         },
         [&parser](const ResponseData& response) { parser.ParseResp(response); });
 
-    file->flush();
-    if (file->error() != QFileDevice::NoError) {
-        TLOG_FATAL(QStringLiteral("文件操作出错: %1  error:%2 msg:%3")
-                       .arg(file->fileName())
-                       .arg(file->error())
-                       .arg(file->errorString()));
-        const QString message = file->errorString();
-        const ErrorCode code = static_cast<ErrorCode>(file->error());
-        file->close();
-        file->deleteLater();
-        errorHandler(code, message, 200);
-        return;
-    }
-    file->close();
-    file->deleteLater();
-    if (parser.hasError()) {
-        errorHandler(static_cast<ErrorCode>(parser.errorCode()), parser.errorMsg().message,
-                     parser.statusCode());
-        return;
-    }
-    ErrorCode code = NoError;
-    QString message;
-    if (!renameTmpFile(code, message)) {
-        TLOG_FATAL(QStringLiteral("重命名本地临时文件错误 %1").arg(id));
-        errorHandler(code, message, 200);
-        return;
-    }
-    TLOG_FATAL(QStringLiteral("文件下载完成 %1").arg(id));
-    compelteHandler();
+    DownloadEnding ending;
+    ending.site = KX_LOG_HERE;
+    ending.file = file;
+    ending.doneText = QStringLiteral("文件下载完成 %1");
+    ending.doneAfterRename = true;
+    finishDownload(ending, parser);
 }
 
 void CKXUrlTransfer::uploadTask()
