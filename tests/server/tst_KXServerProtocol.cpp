@@ -51,7 +51,6 @@ private slots:
     void quotaRefusesBeforeBytes();
     void malformedBodiesGetClearErrors();
     void faultInjection();
-    void httpsWithCertificate();
 };
 
 void TestKXServerProtocol::initTestCase()
@@ -710,31 +709,6 @@ void TestKXServerProtocol::faultInjection()
     QCOMPARE(m_server.admin("POST", "/admin/faults", {{"op", "teleport"}, {"action", "drop"}}).status, 400);
     QCOMPARE(CKXTestHttp::get(url("/admin/stats"), {"X-KX-Admin: wrong"}).code(),
              QStringLiteral("forbidden"));
-}
-
-void TestKXServerProtocol::httpsWithCertificate()
-{
-    QTemporaryDir dir;
-    QString cert = dir.filePath("cert.pem");
-    QString key = dir.filePath("key.pem");
-    QProcess openssl;
-    openssl.start("openssl",
-                  {"req", "-x509", "-newkey", "rsa:2048", "-nodes", "-keyout", key, "-out", cert, "-days",
-                   "1", "-subj", "/CN=127.0.0.1", "-addext", "subjectAltName=IP:127.0.0.1"});
-    QVERIFY(openssl.waitForFinished(30000));
-    QCOMPARE(openssl.exitCode(), 0);
-    CKXServerProcess secure({"--tls-cert", cert, "--tls-key", key});
-    QVERIFY2(secure.start(), qPrintable(secure.errorString()));
-    QVERIFY(secure.baseUrl().startsWith("https://127.0.0.1:"));
-    TestHttpRequest request;
-    request.url = secure.baseUrl() + "/v1/metadata?path=/";
-    request.headers = secure.sessionHeader();
-    TestHttpReply untrusted = CKXTestHttp::send(request);
-    QCOMPARE(untrusted.status, 0);
-    QVERIFY(untrusted.curlCode != 0);
-    request.caFile = cert;
-    QCOMPARE(CKXTestHttp::send(request).json().value("is_dir").toBool(), true);
-    QCOMPARE(secure.stats().value("requests").toInt(), 1);
 }
 
 QTEST_GUILESS_MAIN(TestKXServerProtocol)

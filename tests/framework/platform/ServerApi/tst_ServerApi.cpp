@@ -55,12 +55,6 @@ bool writeFile(const QString& path, const QByteArray& bytes)
     return file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size();
 }
 
-QByteArray readFile(const QString& path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
 KXServerApiEntryModel entryAt(const QString& path)
 {
     KXServerApiEntryModel entry;
@@ -97,7 +91,6 @@ private slots:
 
     void wholeFileUploadMetadataAndDownloads();
     void chunkedUploadWithQuickTransfer();
-    void shareLinkOperations();
     void plainAddressesCarryNoSession();
     void repeatedHeadersAndRedirects();
     void errorAnswersAndBadInput();
@@ -290,97 +283,6 @@ void TestServerApi::chunkedUploadWithQuickTransfer()
     ServerApi::DownloadRouter(download, back->onData(), back->onResponse(), nullptr);
     KX_OK(back);
     QVERIFY(back->data() == content.mid(kBlock - 10, 20));
-}
-
-void TestServerApi::shareLinkOperations()
-{
-    const QString code = m_server.createShare(QStringLiteral("/shared"), true, QStringLiteral("pw"));
-    QVERIFY(!code.isEmpty());
-
-    Recorder auth = KXResponseRecorder::make();
-    KXServerApiDeliveryAuthUploadModel authModel;
-    authModel.code = code;
-    authModel.token = QStringLiteral("pw");
-    authModel.name = QStringLiteral("small.txt");
-    authModel.size = 5;
-    ServerApi::DeliveryAuthUpload(authModel, auth->onResponse());
-    KX_OK(auth);
-    const QString session = json(auth->response()).value(QStringLiteral("session_id")).toString();
-    QVERIFY(!session.isEmpty());
-    QVERIFY(auth->response().headers.value("Set-Cookie").startsWith("S=" + session.toUtf8()));
-
-    KXServerApiDeliveryDataModel link;
-    link.code = code;
-    link.token = QStringLiteral("pw");
-    link.host = json(auth->response()).value(QStringLiteral("upload_url")).toString();
-    link.sessionId = session;
-    link.path = QStringLiteral("/small.txt");
-    link.localPath = m_dir.filePath(QStringLiteral("small.txt"));
-    link.size = 5;
-    QVERIFY(writeFile(link.localPath, "hello"));
-    Recorder upload = KXResponseRecorder::make();
-    ServerApi::DeliveryUploadFile(link, upload->onResponse(), upload->onUploadProgress());
-    KX_OK(upload);
-
-    const QByteArray big = patternBytes(kBlock + 100, 3);
-    const QStringList hashes = {sha256(big.left(kBlock)), sha256(big.mid(kBlock))};
-    KXServerApiDeliveryQueryHashModel offer;
-    offer.link = link;
-    offer.link.path = QStringLiteral("/sub/big.bin");
-    offer.link.size = big.size();
-    offer.blockHashes = hashes;
-    Recorder query = KXResponseRecorder::make();
-    ServerApi::DeliveryQueryHash(offer, query->onResponse());
-    KX_OK(query);
-    const QString uploadId = json(query->response()).value(QStringLiteral("upload_id")).toString();
-    for (int i = 0; i < 2; ++i) {
-        KXServerApiDeliveryChunkedUploadModel block;
-        block.link = offer.link;
-        block.block.uploadId = uploadId;
-        block.block.hash = hashes.at(i);
-        block.block.data = big.mid(i * kBlock, kBlock);
-        Recorder sent = KXResponseRecorder::make();
-        ServerApi::DeliveryChunkedUpload(block, sent->onResponse(), sent->onUploadProgress());
-        KX_OK(sent);
-    }
-    KXServerApiDeliveryCommitHashModel commit;
-    commit.link = offer.link;
-    commit.uploadId = uploadId;
-    commit.blockHashes = hashes;
-    commit.size = big.size();
-    Recorder committed = KXResponseRecorder::make();
-    ServerApi::DeliveryCommitHash(commit, committed->onResponse());
-    KX_OK(committed);
-    QVERIFY(json(committed->response()).contains(QStringLiteral("metadata")));
-
-    KXServerApiDeliveryDataModel get = link;
-    get.sessionId.clear();
-    get.path = QStringLiteral("/sub/big.bin");
-    get.localPath = m_dir.filePath(QStringLiteral("fetched.bin"));
-    QVERIFY(writeFile(get.localPath, "stale contents that must go"));
-    Recorder file = KXResponseRecorder::make();
-    ServerApi::DeliveryDownloadFile(get, file->onResponse(), file->onDownloadProgress());
-    KX_OK(file);
-    QVERIFY(readFile(get.localPath) == big);
-    QCOMPARE(file->progress().last().first, big.size());
-
-    KXSeverApiDeliveryDLRouterModel part;
-    part.link = get;
-    part.range = QStringLiteral("bytes=%1-").arg(kBlock);
-    Recorder tail = KXResponseRecorder::make();
-    ServerApi::DeliveryDownloadRouter(part, tail->onData(), tail->onResponse(), tail->onDownloadProgress());
-    KX_OK(tail);
-    QVERIFY(tail->data() == big.mid(kBlock));
-
-    // A wrong password: the error answer stays in the body, the local file gets nothing of it.
-    get.token = QStringLiteral("wrong");
-    Recorder refused = KXResponseRecorder::make();
-    ServerApi::DeliveryDownloadFile(get, refused->onResponse(), nullptr);
-    KX_COMPLETE(refused);
-    QCOMPARE(refused->response().statusCode, 401);
-    QCOMPARE(json(refused->response()).value(QStringLiteral("code")).toString(),
-             QStringLiteral("token is not exist"));
-    QVERIFY(readFile(get.localPath).isEmpty());
 }
 
 void TestServerApi::plainAddressesCarryNoSession()
