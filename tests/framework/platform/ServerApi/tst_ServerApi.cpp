@@ -3,6 +3,7 @@
 #include "KXResponseRecorder.h"
 #include "KXServerProcess.h"
 #include "KXSilentServer.h"
+#include "KXTestData.h"
 #include "ServerApi.h"
 
 #include <QCryptographicHash>
@@ -27,32 +28,9 @@ namespace {
 const qint64 kBlock = 4194304;
 const int kWaitMs = 60000;
 
-// Bytes that do not repeat from block to block, so that no two blocks deduplicate by accident.
-QByteArray patternBytes(qint64 size, quint32 seed)
-{
-    QByteArray bytes(int(size), Qt::Uninitialized);
-    quint32 state = seed * 2654435761u + 1;
-    for (qint64 i = 0; i < size; ++i) {
-        state = state * 1664525u + 1013904223u;
-        bytes[int(i)] = char(state >> 24);
-    }
-    return bytes;
-}
-
-QString sha256(const QByteArray& bytes)
-{
-    return QString::fromLatin1(QCryptographicHash::hash(bytes, QCryptographicHash::Sha256).toHex());
-}
-
 QJsonObject json(const ResponseData& response)
 {
     return QJsonDocument::fromJson(response.body.toUtf8()).object();
-}
-
-bool writeFile(const QString& path, const QByteArray& bytes)
-{
-    QFile file(path);
-    return file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size();
 }
 
 KXServerApiEntryModel entryAt(const QString& path)
@@ -141,7 +119,7 @@ void TestServerApi::cleanup()
 
 ResponseData TestServerApi::uploadWhole(const QString& remotePath, const QByteArray& bytes)
 {
-    const QString local = m_dir.filePath(QStringLiteral("upload-%1").arg(sha256(bytes).left(12)));
+    const QString local = m_dir.filePath(QStringLiteral("upload-%1").arg(sha256Hex(bytes).left(12)));
     if (!writeFile(local, bytes))
         return ResponseData();
     Recorder done = KXResponseRecorder::make();
@@ -157,7 +135,7 @@ ResponseData TestServerApi::uploadWhole(const QString& remotePath, const QByteAr
 
 void TestServerApi::wholeFileUploadMetadataAndDownloads()
 {
-    const QByteArray content = patternBytes(3 * 1024 * 1024 + 17, 1);
+    const QByteArray content = randomBytes(3 * 1024 * 1024 + 17, 1);
     const QString local = m_dir.filePath(QStringLiteral("whole.bin"));
     QVERIFY(writeFile(local, content));
 
@@ -222,9 +200,9 @@ void TestServerApi::wholeFileUploadMetadataAndDownloads()
 
 void TestServerApi::chunkedUploadWithQuickTransfer()
 {
-    const QByteArray content = patternBytes(2 * kBlock + 5, 2);
-    const QStringList hashes = {sha256(content.mid(0, kBlock)), sha256(content.mid(kBlock, kBlock)),
-                                sha256(content.mid(2 * kBlock))};
+    const QByteArray content = randomBytes(2 * kBlock + 5, 2);
+    const QStringList hashes = {sha256Hex(content.mid(0, kBlock)), sha256Hex(content.mid(kBlock, kBlock)),
+                                sha256Hex(content.mid(2 * kBlock))};
 
     Recorder query = KXResponseRecorder::make();
     KXServerApiQueryHashModel offer;
@@ -287,7 +265,7 @@ void TestServerApi::chunkedUploadWithQuickTransfer()
 
 void TestServerApi::plainAddressesCarryNoSession()
 {
-    const QByteArray content = patternBytes(1024 * 1024 + 3, 4);
+    const QByteArray content = randomBytes(1024 * 1024 + 3, 4);
     const QString local = m_dir.filePath(QStringLiteral("plain.bin"));
     QVERIFY(writeFile(local, content));
     const QString address = m_server.baseUrl() + QStringLiteral("/v1/raw/self/plain/p%20q.bin");
@@ -434,7 +412,7 @@ void TestServerApi::errorAnswersAndBadInput()
     Recorder shortRange = KXResponseRecorder::make();
     KXServerApiChunkedUploadModel block;
     block.uploadId = QStringLiteral("any");
-    block.hash = sha256("3456");
+    block.hash = sha256Hex("3456");
     block.length = 4;
     block.sourcePath = local;
     block.sourceOffset = 3;
@@ -466,7 +444,7 @@ void TestServerApi::errorAnswersAndBadInput()
 void TestServerApi::cancelInTheMiddleOfALargeDownload()
 {
     const qint64 size = 48 * 1024 * 1024;
-    QCOMPARE(uploadWhole(QStringLiteral("/large.bin"), patternBytes(size, 5)).statusCode, 200);
+    QCOMPARE(uploadWhole(QStringLiteral("/large.bin"), randomBytes(size, 5)).statusCode, 200);
 
     // Slow enough that the cancel surely lands while the body is still flowing.
     ServerApi::Config config = baseConfig();
@@ -496,7 +474,7 @@ void TestServerApi::cancelInTheMiddleOfALargeDownload()
 
 void TestServerApi::droppedConnectionCompletesOnceWithAnError()
 {
-    QCOMPARE(uploadWhole(QStringLiteral("/drop.bin"), patternBytes(6 * 1024 * 1024, 6)).statusCode, 200);
+    QCOMPARE(uploadWhole(QStringLiteral("/drop.bin"), randomBytes(6 * 1024 * 1024, 6)).statusCode, 200);
     ServerApi::Config config = baseConfig();
     config.maxRetries = 0;
     ServerApi::configure(config);
@@ -516,7 +494,7 @@ void TestServerApi::droppedConnectionCompletesOnceWithAnError()
     config.maxRetries = 3; // an upload is never repeated, whatever the limit
     ServerApi::configure(config);
     const QString local = m_dir.filePath(QStringLiteral("drop-up.bin"));
-    QVERIFY(writeFile(local, patternBytes(2 * 1024 * 1024, 7)));
+    QVERIFY(writeFile(local, randomBytes(2 * 1024 * 1024, 7)));
     Recorder upload = KXResponseRecorder::make();
     KXServerApiUploadFileModel file;
     file.entry = entryAt(QStringLiteral("/drop-up.bin"));
@@ -536,7 +514,7 @@ void TestServerApi::hashQueriesAreRetriedAfterFaults()
     KXServerApiQueryHashModel offer;
     offer.entry = entryAt(QStringLiteral("/retry/a.bin"));
     offer.fileSize = 3;
-    offer.blockHashes << sha256("abc");
+    offer.blockHashes << sha256Hex("abc");
 
     QVERIFY(m_server.armFault(
         QJsonObject{{"op", "hash"}, {"nth", 1}, {"count", 2}, {"action", "status"}, {"status", 503}}));
@@ -616,7 +594,7 @@ void TestServerApi::silentServerCostsOneStall()
 
 void TestServerApi::manyThreadsManyRequests()
 {
-    QCOMPARE(uploadWhole(QStringLiteral("/many/file.bin"), patternBytes(200 * 1024, 8)).statusCode, 200);
+    QCOMPARE(uploadWhole(QStringLiteral("/many/file.bin"), randomBytes(200 * 1024, 8)).statusCode, 200);
     const int threads = 6;
     const int perThread = 30;
     QVector<QVector<qint64>> ids(threads);
@@ -674,7 +652,7 @@ void TestServerApi::rateLimitedTransfersArriveIntact()
     QVector<QByteArray> contents;
     QVector<Recorder> uploads;
     for (int i = 0; i < 3; ++i) {
-        contents << patternBytes(3 * 1024 * 1024 + i, 20 + i);
+        contents << randomBytes(3 * 1024 * 1024 + i, 20 + i);
         KXServerApiUploadFileModel file;
         file.entry = entryAt(QStringLiteral("/limited/%1.bin").arg(i));
         file.localPath = m_dir.filePath(QStringLiteral("limited-%1.bin").arg(i));

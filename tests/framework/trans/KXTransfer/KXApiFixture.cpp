@@ -255,31 +255,3 @@ bool CKXApiFixture::putRemoteFile(const QString& remotePath, const QByteArray& c
                          content, m_server.sessionHeader());
     return reply.status == 200;
 }
-
-QByteArray sha256(const QByteArray& data)
-{
-    return QCryptographicHash::hash(data, QCryptographicHash::Sha256).toHex();
-}
-
-QByteArray randomBytes(qint64 size, int seed)
-{
-    QByteArray data(static_cast<int>(size), Qt::Uninitialized);
-    QRandomGenerator generator(static_cast<quint32>(seed));
-    for (char& byte : data) {
-        byte = static_cast<char>(generator.bounded(256));
-    }
-    return data;
-}
-
-bool writeFile(const QString& path, const QByteArray& data)
-{
-    QDir().mkpath(QFileInfo(path).absolutePath());
-    QFile file(path);
-    return file.open(QIODevice::WriteOnly) && file.write(data) == data.size();
-}
-
-QByteArray fileContent(const QString& path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}

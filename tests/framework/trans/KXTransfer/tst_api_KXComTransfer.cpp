@@ -81,7 +81,7 @@ void TestApiComTransfer::roundTrip()
     QCOMPARE(upRecord.task.state, StateCompleted);
     QByteArray stored;
     QVERIFY(env.readRemoteFile(remote, &stored));
-    QCOMPARE(sha256(stored), sha256(content));
+    QCOMPARE(sha256Hex(stored), sha256Hex(content));
     // Even 4194304 bytes travel whole, in one request.
     QCOMPARE(statOf(env.server(), "block_uploads"), 0);
     QCOMPARE(qint64(env.server().stats().value("file_upload_bytes").toDouble()), size);
@@ -101,7 +101,7 @@ void TestApiComTransfer::roundTrip()
     KX_RUN_TO_END(env, down, &downRecord, false);
     QCOMPARE(downRecord.code, NoError);
     QVERIFY(QFile::exists(back));
-    QCOMPARE(sha256(fileContent(back)), sha256(content));
+    QCOMPARE(sha256Hex(readFile(back)), sha256Hex(content));
     QVERIFY(!QFile::exists(KXUtil::tmpFile(back, down.subTaskId)));
     if (size == kOneBlock) {
         QVERIFY(downRecord.progress > 0);
@@ -125,9 +125,9 @@ void TestApiComTransfer::nameCollisions()
             env, CKXApiFixture::downloadTask(QStringLiteral("/c/report.txt"), remoteContent.size(), local),
             &record, false);
         QCOMPARE(record.code, NoError);
-        QCOMPARE(fileContent(env.localPath(QStringLiteral("report(%1).txt").arg(n))), remoteContent);
+        QCOMPARE(readFile(env.localPath(QStringLiteral("report(%1).txt").arg(n))), remoteContent);
     }
-    QCOMPARE(fileContent(local), QByteArray("local original"));
+    QCOMPARE(readFile(local), QByteArray("local original"));
 
     SubTaskInfo replace =
         CKXApiFixture::downloadTask(QStringLiteral("/c/report.txt"), remoteContent.size(), local);
@@ -135,7 +135,7 @@ void TestApiComTransfer::nameCollisions()
     ApiTaskRecord replaced;
     KX_RUN_TO_END(env, replace, &replaced, false);
     QCOMPARE(replaced.code, NoError);
-    QCOMPARE(fileContent(local), remoteContent);
+    QCOMPARE(readFile(local), remoteContent);
     QVERIFY(!QFile::exists(env.localPath(QStringLiteral("report(3).txt"))));
 
     // An upload onto an existing remote name is refused unless it may overwrite.
@@ -171,7 +171,7 @@ void TestApiComTransfer::failedDownloadLeavesNoPartialFile()
     ApiTaskRecord wrongSize;
     KX_RUN_TO_END(env, stale, &wrongSize, false);
     QCOMPARE(int(wrongSize.code), int(RenameTmpFileError));
-    QCOMPARE(fileContent(kept), QByteArray("previous version"));
+    QCOMPARE(readFile(kept), QByteArray("previous version"));
 
     // A missing remote file; the whole-file download reports the HTTP status as its code.
     const QString fresh = env.localPath(QStringLiteral("fresh.bin"));
