@@ -19,6 +19,7 @@
 #include <QtTest>
 
 #include <atomic>
+#include <functional>
 #include <thread>
 
 using Recorder = std::shared_ptr<KXResponseRecorder>;
@@ -374,60 +375,62 @@ void TestServerApi::errorAnswersAndBadInput()
              QStringLiteral("target name exists"));
     QVERIFY(exists->progress().isEmpty() || exists->progress().last().first < 1024 * 1024);
 
-    Recorder noPath = KXResponseRecorder::make();
-    ServerApi::MetaData(KXServerApiMetaEntryModel(), noPath->onResponse());
-    KX_COMPLETE(noPath);
-    QCOMPARE(noPath->response().errorCode, int(ServerApi::ErrorBadArgument));
-
-    Recorder injected = KXResponseRecorder::make();
-    KXSeverApiDLRouterModel evil = range;
-    evil.range = QStringLiteral("bytes=0-1\r\nX-Evil: 1");
-    ServerApi::DownloadRouter(evil, injected->onData(), injected->onResponse(), nullptr);
-    KX_COMPLETE(injected);
-    QCOMPARE(injected->response().errorCode, int(ServerApi::ErrorBadArgument));
-
-    Recorder noFile = KXResponseRecorder::make();
-    ServerApi::Upload(m_dir.filePath(QStringLiteral("absent")), m_server.baseUrl(), noFile->onResponse(),
-                      nullptr);
-    KX_COMPLETE(noFile);
-    QCOMPARE(noFile->response().errorCode, int(ServerApi::ErrorLocalFile));
-    QCOMPARE(noFile->response().statusCode, 0);
-    Recorder folder = KXResponseRecorder::make();
-    ServerApi::Upload(m_dir.path(), m_server.baseUrl(), folder->onResponse(), nullptr);
-    KX_COMPLETE(folder);
-    QCOMPARE(folder->response().errorCode, int(ServerApi::ErrorLocalFile));
-
-    const QString local = m_dir.filePath(QStringLiteral("grown.bin"));
-    QVERIFY(writeFile(local, "123456"));
-    Recorder changed = KXResponseRecorder::make();
-    KXServerApiUploadFileModel file;
-    file.entry = entryAt(QStringLiteral("/err/grown.bin"));
-    file.localPath = local;
-    file.size = 5;
-    ServerApi::UploadFile(file, changed->onResponse(), nullptr);
-    KX_COMPLETE(changed);
-    QCOMPARE(changed->response().errorCode, int(ServerApi::ErrorLocalFile));
-
-    // A block range past the end of its file is refused before anything is sent.
-    Recorder shortRange = KXResponseRecorder::make();
-    KXServerApiChunkedUploadModel block;
-    block.uploadId = QStringLiteral("any");
-    block.hash = sha256Hex("3456");
-    block.length = 4;
-    block.sourcePath = local;
-    block.sourceOffset = 3;
-    ServerApi::ChunkedUpload(block, shortRange->onResponse(), nullptr, QString());
-    KX_COMPLETE(shortRange);
-    QCOMPARE(shortRange->response().errorCode, int(ServerApi::ErrorLocalFile));
-    QCOMPARE(shortRange->response().statusCode, 0);
-
-    Recorder unwritable = KXResponseRecorder::make();
-    KXServerApiDeliveryDataModel link;
-    link.code = QStringLiteral("nocode");
-    link.localPath = m_dir.filePath(QStringLiteral("no/such/folder/file"));
-    ServerApi::DeliveryDownloadFile(link, unwritable->onResponse(), nullptr);
-    KX_COMPLETE(unwritable);
-    QCOMPARE(unwritable->response().errorCode, int(ServerApi::ErrorLocalFile));
+    // Refused before anything is sent: each completes once with its error and no status.
+    const QString grown = m_dir.filePath(QStringLiteral("grown.bin"));
+    QVERIFY(writeFile(grown, "123456"));
+    KXServerApiUploadFileModel changed; // the file is no longer the size the caller names
+    changed.entry = entryAt(QStringLiteral("/err/grown.bin"));
+    changed.localPath = grown;
+    changed.size = 5;
+    KXServerApiChunkedUploadModel pastEnd; // a block range past the end of its file
+    pastEnd.uploadId = QStringLiteral("any");
+    pastEnd.hash = sha256Hex("3456");
+    pastEnd.length = 4;
+    pastEnd.sourcePath = grown;
+    pastEnd.sourceOffset = 3;
+    KXServerApiDeliveryDataModel unwritable;
+    unwritable.code = QStringLiteral("nocode");
+    unwritable.localPath = m_dir.filePath(QStringLiteral("no/such/folder/file"));
+    KXSeverApiDLRouterModel injected = range;
+    injected.range = QStringLiteral("bytes=0-1\r\nX-Evil: 1");
+    const QList<QPair<int, std::function<void(const Recorder&)>>> refusals = {
+        {ServerApi::ErrorBadArgument,
+         [](const Recorder& r) {
+             ServerApi::MetaData(KXServerApiMetaEntryModel(), r->onResponse());
+         }},
+        {ServerApi::ErrorBadArgument,
+         [&](const Recorder& r) {
+             ServerApi::DownloadRouter(injected, r->onData(), r->onResponse(), nullptr);
+         }},
+        {ServerApi::ErrorLocalFile,
+         [&](const Recorder& r) {
+             ServerApi::Upload(m_dir.filePath(QStringLiteral("absent")), m_server.baseUrl(), r->onResponse(),
+                               nullptr);
+         }},
+        {ServerApi::ErrorLocalFile,
+         [&](const Recorder& r) {
+             ServerApi::Upload(m_dir.path(), m_server.baseUrl(), r->onResponse(), nullptr);
+         }},
+        {ServerApi::ErrorLocalFile,
+         [&](const Recorder& r) {
+             ServerApi::UploadFile(changed, r->onResponse(), nullptr);
+         }},
+        {ServerApi::ErrorLocalFile,
+         [&](const Recorder& r) {
+             ServerApi::ChunkedUpload(pastEnd, r->onResponse(), nullptr, QString());
+         }},
+        {ServerApi::ErrorLocalFile,
+         [&](const Recorder& r) {
+             ServerApi::DeliveryDownloadFile(unwritable, r->onResponse(), nullptr);
+         }},
+    };
+    for (int i = 0; i < refusals.size(); ++i) {
+        Recorder refused = KXResponseRecorder::make();
+        refusals.at(i).second(refused);
+        KX_COMPLETE(refused);
+        QVERIFY2(refused->response().errorCode == refusals.at(i).first, qPrintable(QString::number(i)));
+        QCOMPARE(refused->response().statusCode, 0);
+    }
 
     ServerApi::Config config = baseConfig();
     config.baseUrl = QStringLiteral("http://127.0.0.1:1");
