@@ -354,9 +354,7 @@ void TestKXTransferCommand::concurrentDownloadsOfOneTarget()
                      qPrintable(err));
         }
         QVERIFY(written > 0);
-        QFile file(target);
-        QVERIFY(file.open(QIODevice::ReadOnly));
-        QVERIFY2(sha256Hex(file.readAll()) == sha256Hex(content),
+        QVERIFY2(sha256Hex(readFile(target)) == sha256Hex(content),
                  qPrintable(QStringLiteral("round %1").arg(round)));
     }
     const QStringList left = QDir(m_dir.path()).entryList({QStringLiteral("twice.bin.*")}, QDir::Files);
@@ -375,9 +373,7 @@ void TestKXTransferCommand::getFetchesPlainAddress()
     const QString fetched = m_dir.filePath(QStringLiteral("fetched.bin"));
     const ToolRun result = run({"get", address, fetched}, false);
     QVERIFY2(result.exitCode == 0, qPrintable(result.err));
-    QFile file(fetched);
-    QVERIFY(file.open(QIODevice::ReadOnly));
-    QCOMPARE(sha256Hex(file.readAll()), sha256Hex(content));
+    QCOMPARE(sha256Hex(readFile(fetched)), sha256Hex(content));
 
     // Downloading onto the fetched file keeps it and says where the copy went.
     const ToolRun beside = run({"download", "/plain/plain.bin", fetched});
@@ -419,19 +415,14 @@ void TestKXTransferCommand::shareLinksBothWays()
     QCOMPARE(run(QStringList{"share-download", code + "/link-small.bin", back} + link, false).exitCode, 0);
     const ToolRun down = run(QStringList{"share-download", code + "/in/link-large.bin", back} + link, false);
     QVERIFY2(down.exitCode == 0, qPrintable(down.err));
-    QFile smallBack(back + QStringLiteral("link-small.bin"));
-    QFile largeBack(back + QStringLiteral("link-large.bin"));
-    QVERIFY(smallBack.open(QIODevice::ReadOnly) && largeBack.open(QIODevice::ReadOnly));
-    QCOMPARE(sha256Hex(smallBack.readAll()), sha256Hex(small));
-    QCOMPARE(sha256Hex(largeBack.readAll()), sha256Hex(large));
+    QCOMPARE(sha256Hex(readFile(back + QStringLiteral("link-small.bin"))), sha256Hex(small));
+    QCOMPARE(sha256Hex(readFile(back + QStringLiteral("link-large.bin"))), sha256Hex(large));
 
     // A link to the one file: no path, and the link's code names the copy in a folder.
     const QString fileLink = m_server.createShare(QStringLiteral("/drop/in/link-large.bin"));
     QVERIFY(!fileLink.isEmpty());
     QCOMPARE(run({"share-download", fileLink, back, "--server", server, "-q"}, false).exitCode, 0);
-    QFile named(back + fileLink);
-    QVERIFY(named.open(QIODevice::ReadOnly));
-    QCOMPARE(sha256Hex(named.readAll()), sha256Hex(large));
+    QCOMPARE(sha256Hex(readFile(back + fileLink)), sha256Hex(large));
 
     struct Case
     {
