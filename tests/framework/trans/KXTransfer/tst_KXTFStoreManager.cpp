@@ -5,13 +5,12 @@
 #include "KXLoggerWrapper.h"
 #include "KXTFStoreManager.h"
 #include "KXTaskRecordSample.h"
+#include "KXTestSql.h"
 #include "KXTransferDB.h"
 #include "KXTransferTask.h"
 
 #include <QDir>
 #include <QFile>
-#include <QSqlDatabase>
-#include <QSqlQuery>
 #include <QTemporaryDir>
 #include <QtTest>
 
@@ -21,20 +20,8 @@ namespace {
 
 int countRows(const QString& path, const QString& sql)
 {
-    const QString name = QStringLiteral("inspect");
-    int count = -1;
-    {
-        QSqlDatabase db = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), name);
-        db.setDatabaseName(path);
-        if (db.open()) {
-            QSqlQuery query(db);
-            if (query.exec(sql) && query.next()) {
-                count = query.value(0).toInt();
-            }
-        }
-    }
-    QSqlDatabase::removeDatabase(name);
-    return count;
+    const QVariant count = sqlValue(path, sql);
+    return count.isValid() ? count.toInt() : -1;
 }
 
 SubTaskInfo taskWithState(const QString& id, TaskState state)
