@@ -754,6 +754,8 @@ void TestServerApi::httpsTrustsOnlyTheGivenCertificate()
     ServerApi::MetaData(root, trusted->onResponse());
     KX_OK(trusted);
     QCOMPARE(json(trusted->response()).value(QStringLiteral("is_dir")).toBool(), true);
+    // The refused handshake never became a request; the admin call goes over TLS as well.
+    QCOMPARE(tls.stats().value(QStringLiteral("requests")).toInt(), 1);
     ServerApi::shutdown(); // closes the kept-alive connection before this server stops
 }
 
