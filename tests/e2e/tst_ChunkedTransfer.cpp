@@ -8,29 +8,20 @@
 #include "KXBlockMgr.h"
 #include "KXBlockOpQueue.h"
 #include "KXBlockTask.h"
-#include "KXChunkedE2e.h"
 #include "KXChunkedTransfer.h"
-#include "KXServerProcess.h"
+#include "KXE2eTest.h"
 #include "KXTFStoreManager.h"
-#include "KXTestHttp.h"
 #include "KXTransferDB.h"
 #include "KXTransferManager.h"
 #include "KXTransferTask.h"
 #include "KXUtil.h"
 
-#include <QCryptographicHash>
 #include <QJsonObject>
-#include <QTemporaryDir>
-#include <QUuid>
 #include <QtTest>
-
-#include <memory>
 
 using namespace KXChunkedE2e;
 
 namespace {
-
-const int kWait = 120000;
 
 QMutex g_progressMutex;
 QMap<QString, int> g_progressCalls; // guarded by g_progressMutex
@@ -47,30 +38,9 @@ int progressCalls(const QString& id)
     return g_progressCalls.value(id);
 }
 
-QString newId()
-{
-    return QUuid::createUuid().toString(QUuid::WithoutBraces);
-}
-
-// The task's stored blocks, as a resumed run would load them.
-struct StoredBlocks
-{
-    explicit StoredBlocks(const QString& id) { CKXTFStoreManager::inst()->db()->LoadBlockTasks(id, list); }
-    ~StoredBlocks() { qDeleteAll(list); }
-    int withState(BlockTaskState state) const
-    {
-        int n = 0;
-        for (CKXBlockTask* block : list) {
-            n += block->state() == state ? 1 : 0;
-        }
-        return n;
-    }
-    QList<CKXBlockTask*> list;
-};
-
 } // namespace
 
-class TestChunkedTransfer : public QObject
+class TestChunkedTransfer : public KXE2eTest
 {
     Q_OBJECT
 
@@ -82,7 +52,6 @@ private slots:
     void smallestChunkedFileBothWays();
     void largeFileKeepsTheConcurrencyLimit();
     void sameContentAgainIsQuick();
-    void shareLinkBothWays();
     void zeroLimitStartsNothingUntilCancelled();
     void refusedBlockFailsTheTaskWithItsCode();
     void resumeMovesBlocksChangedSince_data();
@@ -98,39 +67,29 @@ private:
     // Starts a chunked transfer of `task` through the manager; returns its handle.
     long long start(const SubTaskInfo& task);
     // Runs `task` to its final callback and hands back what it reported; false on a time-out.
-    bool run(const SubTaskInfo& task, KXOutcomes::Outcome& outcome);
-    QString serverSha256(const QString& remotePath);
+    bool run(const SubTaskInfo& task, KXOutcomes::Outcome& outcome)
+    {
+        return KXE2eTest::run(task, outcome, [&] { start(task); });
+    }
     // A cancel returns before the transfer has ended: waits for its final callback, then for every
     // transfer to be gone (the engine's shutdown waits for them), and sets the engine up again as
     // init() left it.
     void waitUntilGone(const QString& id);
-    int stat(const char* name) { return m_server.stats().value(QLatin1String(name)).toInt(); }
     void setLimit(int limit)
     {
         Transfer::setConfig(TransferConfigMaxConcurrentCount, QString::number(limit));
     }
-
-    QTemporaryDir m_home;
-    KXServerProcess m_server;
-    std::unique_ptr<QTemporaryDir> m_dir;
 };
 
 void TestChunkedTransfer::initTestCase()
 {
-    QVERIFY(m_home.isValid());
-    qputenv("XDG_DATA_HOME", m_home.path().toUtf8());
-    qputenv("HOME", m_home.path().toUtf8());
-    QVERIFY2(m_server.start(), qPrintable(m_server.errorString()));
-    configureServer(m_server.baseUrl(), m_server.token());
-    Transfer::setConfig(TransferConfigUserPath, QString());
+    setUpWorld();
 }
 
 void TestChunkedTransfer::init()
 {
-    m_dir = std::make_unique<QTemporaryDir>();
-    QVERIFY(m_dir->isValid());
+    setUpCase();
     setLimit(4);
-    QVERIFY(m_server.resetStats());
 }
 
 void TestChunkedTransfer::cleanup()
@@ -152,28 +111,6 @@ long long TestChunkedTransfer::start(const SubTaskInfo& task)
         new CKXChunkedTransfer(task, nullptr, nullptr), &KXOutcomes::onError, &onProgress);
     Transfer::start(handle);
     return handle;
-}
-
-bool TestChunkedTransfer::run(const SubTaskInfo& task, KXOutcomes::Outcome& outcome)
-{
-    const int callsBefore = KXOutcomes::get(task.subTaskId).calls;
-    start(task);
-    if (!QTest::qWaitFor([&] { return KXOutcomes::get(task.subTaskId).calls > callsBefore; }, kWait)) {
-        return false;
-    }
-    outcome = KXOutcomes::get(task.subTaskId);
-    return true;
-}
-
-QString TestChunkedTransfer::serverSha256(const QString& remotePath)
-{
-    const TestHttpReply reply = CKXTestHttp::get(m_server.baseUrl() + QStringLiteral("/v1/files?path=") +
-                                                     CKXTestHttp::encode(remotePath),
-                                                 m_server.sessionHeader());
-    if (reply.status != 200) {
-        return QStringLiteral("status %1").arg(reply.status);
-    }
-    return QString::fromLatin1(QCryptographicHash::hash(reply.body, QCryptographicHash::Sha256).toHex());
 }
 
 void TestChunkedTransfer::smallestChunkedFileBothWays()
@@ -254,35 +191,6 @@ void TestChunkedTransfer::sameContentAgainIsQuick()
     QCOMPARE(stat("block_bytes"), 0);
     QCOMPARE(stat("commits"), 1);
     QCOMPARE(serverSha256(QStringLiteral("/e2e/quick-b.bin")), sha);
-}
-
-void TestChunkedTransfer::shareLinkBothWays()
-{
-    const QString code = m_server.createShare(QStringLiteral("/shared"), true);
-    QVERIFY(!code.isEmpty());
-    const qint64 size = 2 * kBlock + 10;
-    const QString source = m_dir->filePath(QStringLiteral("link.bin"));
-    const QString sha = writeRandomFile(source, size, 9);
-    SubTaskInfo up = uploadTask(newId(), source, QStringLiteral("/in/link.bin"), size);
-    up.remoteFile.isDeliveryTrans = true;
-    up.remoteFile.delivery.code = code;
-    KXOutcomes::Outcome outcome;
-    QVERIFY(run(up, outcome));
-    QCOMPARE(outcome.code, NoError);
-    // The link's own authorisation opened the session the blocks went through.
-    QVERIFY(!outcome.record.remoteFile.delivery.sessionId.isEmpty());
-    QCOMPARE(stat("block_uploads"), 3);
-    QCOMPARE(serverSha256(QStringLiteral("/shared/in/link.bin")), sha);
-
-    QVERIFY(m_server.resetStats());
-    const QString target = m_dir->filePath(QStringLiteral("link.copy"));
-    SubTaskInfo down = downloadTask(newId(), QStringLiteral("/in/link.bin"), target, size);
-    down.remoteFile.isDeliveryTrans = true;
-    down.remoteFile.delivery.code = code;
-    QVERIFY(run(down, outcome));
-    QCOMPARE(outcome.code, NoError);
-    QCOMPARE(fileSha256(target), sha);
-    QCOMPARE(stat("downloads"), 3);
 }
 
 void TestChunkedTransfer::zeroLimitStartsNothingUntilCancelled()

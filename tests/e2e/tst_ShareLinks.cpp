@@ -4,100 +4,21 @@
 // A share-link upload killed with SIGKILL part-way resumes with the blocks not yet done.
 
 #include "IKXTransfer.h"
-#include "KXBlockTask.h"
-#include "KXChunkedE2e.h"
-#include "KXServerProcess.h"
-#include "KXTFStoreManager.h"
-#include "KXTestHttp.h"
-#include "KXTransferDB.h"
+#include "KXE2eTest.h"
 #include "KXUtil.h"
 
-#include <QCryptographicHash>
-#include <QProcess>
-#include <QTemporaryDir>
-#include <QUuid>
 #include <QtTest>
-
-#include <memory>
 
 using namespace KXChunkedE2e;
 
 namespace {
 
-const int kWait = 120000;
 const qint64 kWhole = kBlock;            // the largest file that travels in one request
 const qint64 kChunked = 2 * kBlock + 10; // three blocks, the last one short
 
-QString newId()
-{
-    return QUuid::createUuid().toString(QUuid::WithoutBraces);
-}
-
-QByteArray fileBytes(const QString& path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
-QString sha256Hex(const QByteArray& data)
-{
-    return QString::fromLatin1(QCryptographicHash::hash(data, QCryptographicHash::Sha256).toHex());
-}
-
-// One run of the runner executable; reads the "blocks_done" lines it prints.
-class RunnerProcess
-{
-public:
-    explicit RunnerProcess(const QStringList& args)
-    {
-        m_process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-        m_process.start(QStringLiteral(KX_BIN_DIR "/kx_chunked_runner"), args);
-    }
-    ~RunnerProcess()
-    {
-        if (m_process.state() != QProcess::NotRunning) {
-            m_process.kill();
-            m_process.waitForFinished();
-        }
-    }
-    int blocksDone()
-    {
-        readLines();
-        return m_blocksDone;
-    }
-    // The exit code of a normal end within the time, -1 otherwise.
-    int finish()
-    {
-        const bool ended = m_process.waitForFinished(kWait) && m_process.exitStatus() == QProcess::NormalExit;
-        readLines();
-        return ended ? m_process.exitCode() : -1;
-    }
-    void kill9()
-    {
-        m_process.kill();
-        m_process.waitForFinished();
-    }
-    QString lastLine() const { return m_lastLine; }
-
-private:
-    void readLines()
-    {
-        while (m_process.canReadLine()) {
-            m_lastLine = QString::fromUtf8(m_process.readLine()).trimmed();
-            if (m_lastLine.startsWith(QLatin1String("blocks_done "))) {
-                m_blocksDone = m_lastLine.mid(12).toInt();
-            }
-        }
-    }
-
-    QProcess m_process;
-    int m_blocksDone = 0;
-    QString m_lastLine;
-};
-
 } // namespace
 
-class TestShareLinks : public QObject
+class TestShareLinks : public KXE2eTest
 {
     Q_OBJECT
 
@@ -118,33 +39,16 @@ private slots:
 
 private:
     void sizes();
-    // Runs the task through the public API to its final callback; false on a time-out.
-    bool run(const SubTaskInfo& task, KXOutcomes::Outcome& outcome);
-    QString serverSha256(const QString& remotePath);
-    bool putRemote(const QString& remotePath, const QByteArray& content);
-    int stat(const char* name) { return m_server.stats().value(QLatin1String(name)).toInt(); }
-
-    QTemporaryDir m_home;
-    KXServerProcess m_server;
-    std::unique_ptr<QTemporaryDir> m_dir;
 };
 
 void TestShareLinks::initTestCase()
 {
-    QVERIFY(m_home.isValid());
-    qputenv("XDG_DATA_HOME", m_home.path().toUtf8());
-    qputenv("HOME", m_home.path().toUtf8());
-    QVERIFY2(m_server.start(), qPrintable(m_server.errorString()));
-    configureServer(m_server.baseUrl(), m_server.token());
-    Transfer::setConfig(TransferConfigUserPath, QString());
-    Transfer::setConfig(TransferConfigMaxConcurrentCount, QStringLiteral("4"));
+    setUpWorld();
 }
 
 void TestShareLinks::init()
 {
-    m_dir = std::make_unique<QTemporaryDir>();
-    QVERIFY(m_dir->isValid());
-    QVERIFY(m_server.resetStats());
+    setUpCase();
 }
 
 void TestShareLinks::cleanup()
@@ -157,38 +61,6 @@ void TestShareLinks::sizes()
     QTest::addColumn<qint64>("size");
     QTest::newRow("whole, 4 MiB") << kWhole;
     QTest::newRow("blocks, over 4 MiB") << kChunked;
-}
-
-bool TestShareLinks::run(const SubTaskInfo& task, KXOutcomes::Outcome& outcome)
-{
-    const int callsBefore = KXOutcomes::get(task.subTaskId).calls;
-    const long long handle = Transfer::init(task, &KXOutcomes::onError, nullptr);
-    if (handle == 0) {
-        return false;
-    }
-    Transfer::start(handle);
-    if (!QTest::qWaitFor([&] { return KXOutcomes::get(task.subTaskId).calls > callsBefore; }, kWait)) {
-        return false;
-    }
-    outcome = KXOutcomes::get(task.subTaskId);
-    return true;
-}
-
-QString TestShareLinks::serverSha256(const QString& remotePath)
-{
-    const TestHttpReply reply = CKXTestHttp::get(m_server.baseUrl() + QStringLiteral("/v1/files?path=") +
-                                                     CKXTestHttp::encode(remotePath),
-                                                 m_server.sessionHeader());
-    return reply.status == 200 ? sha256Hex(reply.body) : QStringLiteral("status %1").arg(reply.status);
-}
-
-bool TestShareLinks::putRemote(const QString& remotePath, const QByteArray& content)
-{
-    const TestHttpReply reply =
-        CKXTestHttp::put(m_server.baseUrl() + QStringLiteral("/v1/files?overwrite=true&path=") +
-                             CKXTestHttp::encode(remotePath),
-                         content, m_server.sessionHeader());
-    return reply.status == 200;
 }
 
 void TestShareLinks::uploadIntoFolderLink_data()
@@ -377,37 +249,25 @@ void TestShareLinks::killedShareUploadSendsOnlyTheMissingBlocks()
     const QString source = m_dir->filePath(QStringLiteral("resume.bin"));
     const QString sha = writeRandomFile(source, size, 61);
     const QString id = newId();
-    const QStringList args = {QStringLiteral("--base"),        m_server.baseUrl(),
-                              QStringLiteral("--token"),       m_server.token(),
-                              QStringLiteral("--id"),          id,
-                              QStringLiteral("--local"),       source,
-                              QStringLiteral("--remote"),      QStringLiteral("/in/resume.bin"),
-                              QStringLiteral("--size"),        QString::number(size),
-                              QStringLiteral("--concurrency"), QStringLiteral("1"),
-                              QStringLiteral("--share"),       code,
-                              QStringLiteral("--password"),    QStringLiteral("pw")};
+    const QStringList args = runnerArgs(id, source, QStringLiteral("/in/resume.bin"), size)
+                             << QStringLiteral("--share") << code << QStringLiteral("--password")
+                             << QStringLiteral("pw");
     // Slow block answers leave time to kill the client between blocks.
     QVERIFY(m_server.armFault({{"op", "block_upload"}, {"action", "delay"}, {"ms", 100}, {"count", 100}}));
     {
-        RunnerProcess first(args);
+        KXRunnerProcess first(args);
         QTRY_VERIFY_WITH_TIMEOUT(first.blocksDone() >= 3, kWait);
         first.kill9();
     }
     // The runner shares this process's XDG_DATA_HOME, so its blocks are in this engine's database.
-    QList<CKXBlockTask*> stored;
-    CKXTFStoreManager::inst()->db()->LoadBlockTasks(id, stored);
-    int doneBefore = 0;
-    for (CKXBlockTask* block : stored) {
-        doneBefore += block->state() == BlockTaskStateCompleted ? 1 : 0;
-    }
-    qDeleteAll(stored);
+    const int doneBefore = StoredBlocks(id).withState(BlockTaskStateCompleted);
     QVERIFY2(doneBefore >= 3 && doneBefore < blocks, qPrintable(QString::number(doneBefore)));
     QCOMPARE(stat("commits"), 0);
 
     QVERIFY(m_server.clearFaults());
     QTRY_VERIFY_WITH_TIMEOUT(stat("inflight") == 0, kWait);
     QVERIFY(m_server.resetStats());
-    RunnerProcess second(args);
+    KXRunnerProcess second(args);
     QCOMPARE(second.finish(), 0);
     QCOMPARE(second.lastLine(), QStringLiteral("done 0 64"));
     // The block in flight at the kill may have reached the server; its hash query then finds it.

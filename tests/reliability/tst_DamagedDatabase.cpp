@@ -85,16 +85,16 @@ void TestDamagedDatabase::garbageInPlaceOfTheDatabase()
     QByteArray stored;
     QVERIFY(env.readRemoteFile(QStringLiteral("/db/small.bin"), &stored));
     QCOMPARE(stored, small);
-    QCOMPARE(sha256(fileContent(env.localPath(QStringLiteral("back/big.bin")))), sha256(big));
+    QCOMPARE(sha256Hex(readFile(env.localPath(QStringLiteral("back/big.bin")))), sha256Hex(big));
     // The engine neither repaired nor removed the file it could not read; it said so in its log.
-    QCOMPARE(fileContent(database), garbage);
+    QCOMPARE(readFile(database), garbage);
     const QString log = findFile(home, QStringLiteral("DB.log"));
     QVERIFY2(!log.isEmpty(), "no DB.log under the test's home");
-    QVERIFY(fileContent(log).contains("file is not a database"));
+    QVERIFY(readFile(log).contains("file is not a database"));
 
     // With the good database back, a task that fails is stored and resumes from its blocks (new
     // bytes, so that no block is on the server yet).
-    QVERIFY(replaceFile(database, fileContent(good)));
+    QVERIFY(replaceFile(database, readFile(good)));
     const QByteArray other = randomBytes(kChunkedSize, 3);
     QVERIFY(writeFile(env.localPath(QStringLiteral("other.bin")), other));
     QVERIFY(
@@ -111,7 +111,7 @@ void TestDamagedDatabase::garbageInPlaceOfTheDatabase()
     // Only the failed block went again.
     QCOMPARE(env.server().stats().value(QLatin1String("block_uploads")).toInt(), 1);
     QVERIFY(env.readRemoteFile(QStringLiteral("/db/again.bin"), &stored));
-    QCOMPARE(sha256(stored), sha256(other));
+    QCOMPARE(sha256Hex(stored), sha256Hex(other));
 }
 
 QTEST_GUILESS_MAIN(TestDamagedDatabase)

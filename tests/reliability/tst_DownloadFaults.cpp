@@ -126,7 +126,7 @@ void TestDownloadFaults::download()
     CKXFaultMatrix::checkCode(first, expected);
     if (expected != NoError) {
         // The old file stands untouched; the part that arrived is only ever in the temporary file.
-        QCOMPARE(fileContent(local), kOldVersion);
+        QCOMPARE(readFile(local), kOldVersion);
         const QStringList left = filesIn(folder);
         QVERIFY2(left.size() <= 2, qPrintable(left.join(QLatin1Char(' '))));
         if (left.size() == 2) {
@@ -139,9 +139,9 @@ void TestDownloadFaults::download()
             return;
         }
     }
-    const QByteArray got = fileContent(local);
+    const QByteArray got = readFile(local);
     QCOMPARE(got.size(), content.size());
-    QCOMPARE(sha256(got), sha256(content));
+    QCOMPARE(sha256Hex(got), sha256Hex(content));
     QCOMPARE(filesIn(folder), QStringList{QStringLiteral("down.bin")});
 }
 

@@ -74,7 +74,7 @@ qint64 allocatedBytes()
 struct LoadTask
 {
     SubTaskInfo task;
-    QByteArray sha;
+    QString sha;
     long long handle = 0;
 };
 
@@ -131,7 +131,7 @@ QList<LoadTask> TestLoad::prepare()
         const QString name = QStringLiteral("load-%1.bin").arg(i);
         const QString remote = QStringLiteral("/load/") + name;
         LoadTask load;
-        load.sha = sha256(content);
+        load.sha = sha256Hex(content);
         if (upload) {
             const QString local = env.localPath(QStringLiteral("up/") + name);
             if (!writeFile(local, content)) {
@@ -163,9 +163,9 @@ void TestLoad::checkOutcomes(const QList<LoadTask>& tasks)
         if (load.task.isUpload) {
             QVERIFY(m_env->readRemoteFile(what, &content));
         } else {
-            content = fileContent(load.task.localFile.path);
+            content = readFile(load.task.localFile.path);
         }
-        QVERIFY2(sha256(content) == load.sha, qPrintable(what));
+        QVERIFY2(sha256Hex(content) == load.sha, qPrintable(what));
     }
 }
 

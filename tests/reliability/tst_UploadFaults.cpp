@@ -137,7 +137,7 @@ void TestUploadFaults::upload()
     QByteArray stored;
     if (expected == NoError) {
         QVERIFY(env.readRemoteFile(remote, &stored));
-        QCOMPARE(sha256(stored), sha256(content));
+        QCOMPARE(sha256Hex(stored), sha256Hex(content));
         return;
     }
     // A failed upload leaves nothing under the remote name, not even part of the file.
@@ -150,8 +150,8 @@ void TestUploadFaults::upload()
     }
     QVERIFY(env.readRemoteFile(remote, &stored));
     QCOMPARE(stored.size(), content.size());
-    QCOMPARE(sha256(stored), sha256(content));
-    QCOMPARE(fileContent(local), content);
+    QCOMPARE(sha256Hex(stored), sha256Hex(content));
+    QCOMPARE(readFile(local), content);
 }
 
 QTEST_GUILESS_MAIN(TestUploadFaults)

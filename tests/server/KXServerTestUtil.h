@@ -4,6 +4,7 @@
 // (hash query, blocks, commit) driven through plain HTTP, and requests written byte for byte.
 
 #include "KXServerProcess.h"
+#include "KXTestData.h"
 
 #include <QByteArray>
 #include <QCryptographicHash>
@@ -19,26 +20,11 @@ namespace KXServerTest {
 
 constexpr int kBlock = 4194304;
 
-inline QByteArray bytes(quint32 seed, int size)
-{
-    QByteArray out(size, Qt::Uninitialized);
-    QRandomGenerator generator(seed);
-    for (int i = 0; i < size; ++i) {
-        out[i] = static_cast<char>(generator.generate() & 0xff);
-    }
-    return out;
-}
-
-inline QString sha(const QByteArray& data)
-{
-    return QString::fromLatin1(QCryptographicHash::hash(data, QCryptographicHash::Sha256).toHex());
-}
-
 inline QStringList hashesOf(const QList<QByteArray>& blocks)
 {
     QStringList out;
     for (const QByteArray& block : blocks) {
-        out << sha(block);
+        out << sha256Hex(block);
     }
     return out;
 }

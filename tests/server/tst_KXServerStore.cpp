@@ -96,8 +96,8 @@ void TestKXServerStore::concurrentUploadsOfOneBlock()
 {
     CKXServerProcess server;
     QVERIFY2(server.start(), qPrintable(server.errorString()));
-    QByteArray block = bytes(50, kBlock);
-    QString hash = sha(block);
+    QByteArray block = randomBytes(kBlock, 50);
+    QString hash = sha256Hex(block);
     QJsonObject query{{"path", "/same.bin"}, {"size", kBlock}, {"hashes", QJsonArray{hash}}};
     QString id = CKXTestHttp::post(server.baseUrl() + "/v1/upload/hash", query, server.sessionHeader())
                      .json()
@@ -126,7 +126,7 @@ void TestKXServerStore::concurrentUploadsOfOneBlock()
     QCOMPARE(stats.value("blocks_deduplicated").toInt(), kClients - 1);
     QFile stored(server.rootPath() + "/blocks/" + hash.left(2) + "/" + hash.mid(2));
     QVERIFY(stored.open(QIODevice::ReadOnly));
-    QCOMPARE(sha(stored.readAll()), hash);
+    QCOMPARE(sha256Hex(stored.readAll()), hash);
     QCOMPARE(QDir(server.rootPath() + "/tmp").entryList(QDir::Files).size(), 0);
     query.insert("upload_id", id);
     QCOMPARE(CKXTestHttp::post(server.baseUrl() + "/v1/upload/commit", query, server.sessionHeader()).status,
@@ -138,7 +138,7 @@ void TestKXServerStore::refusedBodiesNeverTravel()
 {
     CKXServerProcess server;
     QVERIFY2(server.start(), qPrintable(server.errorString()));
-    QJsonObject query{{"path", "/big.bin"}, {"size", kBlock + 1}, {"hashes", QJsonArray{sha("x")}}};
+    QJsonObject query{{"path", "/big.bin"}, {"size", kBlock + 1}, {"hashes", QJsonArray{sha256Hex("x")}}};
     QString id = CKXTestHttp::post(server.baseUrl() + "/v1/upload/hash", query, server.sessionHeader())
                      .json()
                      .value("upload_id")
@@ -148,7 +148,7 @@ void TestKXServerStore::refusedBodiesNeverTravel()
     // A client that waits for "100 Continue" gets the refusal instead, and keeps its body.
     TestHttpRequest request;
     request.method = "PUT";
-    request.url = blockUrl(server, id, sha("x"));
+    request.url = blockUrl(server, id, sha256Hex("x"));
     request.body = QByteArray(kBlock + 1, 'x');
     request.headers = server.sessionHeader();
     request.expectContinue = true;
@@ -186,7 +186,7 @@ void TestKXServerStore::shortBodyStoresNothing()
     TestHttpReply meta =
         CKXTestHttp::get(server.baseUrl() + "/v1/metadata?path=/short.bin", server.sessionHeader());
     QCOMPARE(meta.code(), QStringLiteral("nameentry_not_exist"));
-    QByteArray full = bytes(70, 9000000);
+    QByteArray full = randomBytes(9000000, 70);
     QCOMPARE(
         CKXTestHttp::put(server.baseUrl() + "/v1/files?path=/short.bin", full, server.sessionHeader()).status,
         200);
@@ -198,11 +198,11 @@ void TestKXServerStore::killDuringUploadKeepsStoreConsistent()
 {
     CKXServerProcess server;
     QVERIFY2(server.start(), qPrintable(server.errorString()));
-    QByteArray kept = bytes(60, kBlock) + bytes(61, 1234);
+    QByteArray kept = randomBytes(kBlock, 60) + randomBytes(1234, 61);
     QCOMPARE(
         CKXTestHttp::put(server.baseUrl() + "/v1/files?path=/kept.bin", kept, server.sessionHeader()).status,
         200);
-    QList<QByteArray> resumed{bytes(62, kBlock), bytes(63, 10)};
+    QList<QByteArray> resumed{randomBytes(kBlock, 62), randomBytes(10, 63)};
     QJsonObject query{{"path", "/resumed.bin"},
                       {"size", kBlock + 10},
                       {"hashes", QJsonArray::fromStringList(hashesOf(resumed))}};
@@ -210,9 +210,9 @@ void TestKXServerStore::killDuringUploadKeepsStoreConsistent()
                      .json()
                      .value("upload_id")
                      .toString();
-    QCOMPARE(
-        CKXTestHttp::put(blockUrl(server, id, sha(resumed[0])), resumed[0], server.sessionHeader()).status,
-        200);
+    QCOMPARE(CKXTestHttp::put(blockUrl(server, id, sha256Hex(resumed[0])), resumed[0], server.sessionHeader())
+                 .status,
+             200);
 
     StallingUpload doomed(server.baseUrl() + "/v1/files?path=/doomed.bin", server.sessionHeader().first(),
                           5LL * kBlock, 2LL * kBlock + 1000);
@@ -235,7 +235,7 @@ void TestKXServerStore::killDuringUploadKeepsStoreConsistent()
         QFile file(it.next());
         QVERIFY(file.open(QIODevice::ReadOnly));
         QFileInfo info(file.fileName());
-        QCOMPARE(sha(file.readAll()), info.dir().dirName() + info.fileName());
+        QCOMPARE(sha256Hex(file.readAll()), info.dir().dirName() + info.fileName());
         ++blockFiles;
     }
     QVERIFY(blockFiles >=
@@ -246,10 +246,10 @@ void TestKXServerStore::killDuringUploadKeepsStoreConsistent()
     TestHttpReply again =
         CKXTestHttp::post(server.baseUrl() + "/v1/upload/hash", query, server.sessionHeader());
     QCOMPARE(again.json().value("upload_id").toString(), id);
-    QCOMPARE(needed(again), QStringList{sha(resumed[1])});
-    QCOMPARE(
-        CKXTestHttp::put(blockUrl(server, id, sha(resumed[1])), resumed[1], server.sessionHeader()).status,
-        200);
+    QCOMPARE(needed(again), QStringList{sha256Hex(resumed[1])});
+    QCOMPARE(CKXTestHttp::put(blockUrl(server, id, sha256Hex(resumed[1])), resumed[1], server.sessionHeader())
+                 .status,
+             200);
     query.insert("upload_id", id);
     QCOMPARE(CKXTestHttp::post(server.baseUrl() + "/v1/upload/commit", query, server.sessionHeader()).status,
              200);
@@ -261,12 +261,12 @@ void TestKXServerStore::damagedBlockEndsTheDownloadNotTheServer()
 {
     CKXServerProcess server;
     QVERIFY2(server.start(), qPrintable(server.errorString()));
-    const QByteArray content = bytes(70, kBlock) + bytes(71, 4096);
+    const QByteArray content = randomBytes(kBlock, 70) + randomBytes(4096, 71);
     const QString url = server.baseUrl() + "/v1/files?path=/cut.bin";
     QCOMPARE(CKXTestHttp::put(url, content, server.sessionHeader()).status, 200);
     QCOMPARE(CKXTestHttp::get(url, server.sessionHeader()).body, content);
 
-    const QString hash = sha(content.left(kBlock));
+    const QString hash = sha256Hex(content.left(kBlock));
     QVERIFY(QFile::resize(server.rootPath() + "/blocks/" + hash.left(2) + "/" + hash.mid(2), kBlock / 2));
     QVERIFY(CKXTestHttp::get(url, server.sessionHeader()).body != content);
     QCOMPARE(CKXTestHttp::get(server.baseUrl() + "/v1/metadata?path=/cut.bin", server.sessionHeader()).status,
@@ -293,17 +293,18 @@ void TestKXServerStore::rebootDropsOnlyUncommittedBlocks()
     QFETCH(bool, dropped);
     CKXServerProcess server({"--sync", sync});
     QVERIFY2(server.start(), qPrintable(server.errorString()));
-    const QByteArray kept = bytes(80, kBlock) + bytes(81, 99);
+    const QByteArray kept = randomBytes(kBlock, 80) + randomBytes(99, 81);
     QCOMPARE(uploadChunked(server, "/kept.bin", {kept.left(kBlock), kept.mid(kBlock)}).status, 200);
-    QList<QByteArray> open{bytes(82, kBlock), bytes(83, 10)};
+    QList<QByteArray> open{randomBytes(kBlock, 82), randomBytes(10, 83)};
     QJsonObject query{
         {"path", "/open.bin"}, {"size", kBlock + 10}, {"hashes", QJsonArray::fromStringList(hashesOf(open))}};
     const QString id = CKXTestHttp::post(server.baseUrl() + "/v1/upload/hash", query, server.sessionHeader())
                            .json()
                            .value("upload_id")
                            .toString();
-    QCOMPARE(CKXTestHttp::put(blockUrl(server, id, sha(open[0])), open[0], server.sessionHeader()).status,
-             200);
+    QCOMPARE(
+        CKXTestHttp::put(blockUrl(server, id, sha256Hex(open[0])), open[0], server.sessionHeader()).status,
+        200);
 
     server.kill9();
     QFile marker(server.rootPath() + "/unsynced-blocks");
@@ -316,7 +317,7 @@ void TestKXServerStore::rebootDropsOnlyUncommittedBlocks()
 
     TestHttpReply again =
         CKXTestHttp::post(server.baseUrl() + "/v1/upload/hash", query, server.sessionHeader());
-    QCOMPARE(needed(again), dropped ? hashesOf(open) : QStringList{sha(open[1])});
+    QCOMPARE(needed(again), dropped ? hashesOf(open) : QStringList{sha256Hex(open[1])});
     QCOMPARE(CKXTestHttp::get(server.baseUrl() + "/v1/files?path=/kept.bin", server.sessionHeader()).body,
              kept);
     // A clean stop forces everything out and leaves no marker behind.
@@ -329,19 +330,20 @@ void TestKXServerStore::abandonedUploadsStayWithinQuotaAndGo()
     CKXServerProcess server({"--quota", "20000", "--upload-expiry", "3"});
     QVERIFY2(server.start(), qPrintable(server.errorString()));
     auto query = [&](const QString& path, const QByteArray& block) {
-        QJsonObject body{{"path", path}, {"size", block.size()}, {"hashes", QJsonArray{sha(block)}}};
+        QJsonObject body{{"path", path}, {"size", block.size()}, {"hashes", QJsonArray{sha256Hex(block)}}};
         return CKXTestHttp::post(server.baseUrl() + "/v1/upload/hash", body, server.sessionHeader());
     };
     auto send = [&](const TestHttpReply& session, const QByteArray& block) {
         QString id = session.json().value("upload_id").toString();
-        return CKXTestHttp::put(blockUrl(server, id, sha(block)), block, server.sessionHeader());
+        return CKXTestHttp::put(blockUrl(server, id, sha256Hex(block)), block, server.sessionHeader());
     };
     auto stored = [&](const QByteArray& block) {
-        return QFile::exists(server.rootPath() + "/blocks/" + sha(block).left(2) + "/" + sha(block).mid(2));
+        return QFile::exists(server.rootPath() + "/blocks/" + sha256Hex(block).left(2) + "/" +
+                             sha256Hex(block).mid(2));
     };
-    QByteArray kept = bytes(80, 4000);
-    QByteArray abandoned = bytes(81, 9000);
-    QByteArray refused = bytes(82, 9000);
+    QByteArray kept = randomBytes(4000, 80);
+    QByteArray abandoned = randomBytes(9000, 81);
+    QByteArray refused = randomBytes(9000, 82);
     QCOMPARE(
         CKXTestHttp::put(server.baseUrl() + "/v1/files?path=/kept.bin", kept, server.sessionHeader()).status,
         200);
@@ -366,7 +368,7 @@ void TestKXServerStore::abandonedUploadsStayWithinQuotaAndGo()
     QCOMPARE(send(first, abandoned).code(), QStringLiteral("source not found"));
     QCOMPARE(CKXTestHttp::get(server.baseUrl() + "/v1/files?path=/kept.bin", server.sessionHeader()).body,
              kept);
-    QCOMPARE(needed(query("/c.bin", refused)), QStringList{sha(refused)});
+    QCOMPARE(needed(query("/c.bin", refused)), QStringList{sha256Hex(refused)});
 }
 
 QTEST_GUILESS_MAIN(TestKXServerStore)

@@ -4,6 +4,7 @@
 #include "KXNginxProcess.h"
 #include "KXServerProcess.h"
 #include "KXSilentServer.h"
+#include "KXTestData.h"
 #include "KXTestHttp.h"
 
 #include <QCryptographicHash>
@@ -37,24 +38,6 @@ QString toolPath()
     return QStringLiteral(KX_BIN_DIR "/kxtransfer");
 }
 
-QByteArray randomBytes(qint64 size, quint32 seed)
-{
-    QVector<quint32> words(static_cast<int>((size + 3) / 4));
-    QRandomGenerator(seed).fillRange(words.data(), words.size());
-    return QByteArray(reinterpret_cast<const char*>(words.constData()), static_cast<int>(size));
-}
-
-bool writeFile(const QString& path, const QByteArray& data)
-{
-    QFile file(path);
-    return file.open(QIODevice::WriteOnly) && file.write(data) == data.size();
-}
-
-QByteArray sha256(const QByteArray& data)
-{
-    return QCryptographicHash::hash(data, QCryptographicHash::Sha256);
-}
-
 // The highest percentage among the progress lines printed so far.
 int highestPercent(const QString& output)
 {
@@ -68,14 +51,15 @@ int highestPercent(const QString& output)
 }
 
 // Every file under root by its path relative to root, with its SHA-256.
-QMap<QString, QByteArray> treeDigest(const QString& root)
+QMap<QString, QString> treeDigest(const QString& root)
 {
-    QMap<QString, QByteArray> digest;
+    QMap<QString, QString> digest;
     QDirIterator it(root, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
     while (it.hasNext()) {
         QFile file(it.next());
-        digest.insert(QDir(root).relativeFilePath(file.fileName()),
-                      file.open(QIODevice::ReadOnly) ? sha256(file.readAll()) : QByteArray("unreadable"));
+        digest.insert(QDir(root).relativeFilePath(file.fileName()), file.open(QIODevice::ReadOnly)
+                                                                        ? sha256Hex(file.readAll())
+                                                                        : QStringLiteral("unreadable"));
     }
     return digest;
 }
@@ -334,7 +318,7 @@ void TestKXTransferCommand::interruptedUploadResumes()
         static_cast<qint64>(m_server.stats().value(QStringLiteral("block_bytes")).toDouble());
     QVERIFY2(resent > 0 && resent <= kResumeFileSize - 4 * 1024 * 1024, qPrintable(QString::number(resent)));
 
-    QCOMPARE(sha256(remoteFile(QStringLiteral("/resume/resume.bin"))), sha256(content));
+    QCOMPARE(sha256Hex(remoteFile(QStringLiteral("/resume/resume.bin"))), sha256Hex(content));
     const ToolRun after = run({"list"});
     QVERIFY2(after.out.startsWith(QLatin1String("no unfinished transfers")), qPrintable(after.out));
 }
@@ -370,9 +354,7 @@ void TestKXTransferCommand::concurrentDownloadsOfOneTarget()
                      qPrintable(err));
         }
         QVERIFY(written > 0);
-        QFile file(target);
-        QVERIFY(file.open(QIODevice::ReadOnly));
-        QVERIFY2(sha256(file.readAll()) == sha256(content),
+        QVERIFY2(sha256Hex(readFile(target)) == sha256Hex(content),
                  qPrintable(QStringLiteral("round %1").arg(round)));
     }
     const QStringList left = QDir(m_dir.path()).entryList({QStringLiteral("twice.bin.*")}, QDir::Files);
@@ -391,9 +373,7 @@ void TestKXTransferCommand::getFetchesPlainAddress()
     const QString fetched = m_dir.filePath(QStringLiteral("fetched.bin"));
     const ToolRun result = run({"get", address, fetched}, false);
     QVERIFY2(result.exitCode == 0, qPrintable(result.err));
-    QFile file(fetched);
-    QVERIFY(file.open(QIODevice::ReadOnly));
-    QCOMPARE(sha256(file.readAll()), sha256(content));
+    QCOMPARE(sha256Hex(readFile(fetched)), sha256Hex(content));
 
     // Downloading onto the fetched file keeps it and says where the copy went.
     const ToolRun beside = run({"download", "/plain/plain.bin", fetched});
@@ -428,26 +408,21 @@ void TestKXTransferCommand::shareLinksBothWays()
     QCOMPARE(run(QStringList{"share-upload", smallPath, code} + link, false).exitCode, 0);
     const ToolRun up = run(QStringList{"share-upload", largePath, code + "/in/"} + link, false);
     QVERIFY2(up.exitCode == 0, qPrintable(up.err));
-    QCOMPARE(sha256(remoteFile(QStringLiteral("/drop/link-small.bin"))), sha256(small));
-    QCOMPARE(sha256(remoteFile(QStringLiteral("/drop/in/link-large.bin"))), sha256(large));
+    QCOMPARE(sha256Hex(remoteFile(QStringLiteral("/drop/link-small.bin"))), sha256Hex(small));
+    QCOMPARE(sha256Hex(remoteFile(QStringLiteral("/drop/in/link-large.bin"))), sha256Hex(large));
 
     const QString back = m_dir.filePath(QStringLiteral("link-back")) + QLatin1Char('/');
     QCOMPARE(run(QStringList{"share-download", code + "/link-small.bin", back} + link, false).exitCode, 0);
     const ToolRun down = run(QStringList{"share-download", code + "/in/link-large.bin", back} + link, false);
     QVERIFY2(down.exitCode == 0, qPrintable(down.err));
-    QFile smallBack(back + QStringLiteral("link-small.bin"));
-    QFile largeBack(back + QStringLiteral("link-large.bin"));
-    QVERIFY(smallBack.open(QIODevice::ReadOnly) && largeBack.open(QIODevice::ReadOnly));
-    QCOMPARE(sha256(smallBack.readAll()), sha256(small));
-    QCOMPARE(sha256(largeBack.readAll()), sha256(large));
+    QCOMPARE(sha256Hex(readFile(back + QStringLiteral("link-small.bin"))), sha256Hex(small));
+    QCOMPARE(sha256Hex(readFile(back + QStringLiteral("link-large.bin"))), sha256Hex(large));
 
     // A link to the one file: no path, and the link's code names the copy in a folder.
     const QString fileLink = m_server.createShare(QStringLiteral("/drop/in/link-large.bin"));
     QVERIFY(!fileLink.isEmpty());
     QCOMPARE(run({"share-download", fileLink, back, "--server", server, "-q"}, false).exitCode, 0);
-    QFile named(back + fileLink);
-    QVERIFY(named.open(QIODevice::ReadOnly));
-    QCOMPARE(sha256(named.readAll()), sha256(large));
+    QCOMPARE(sha256Hex(readFile(back + fileLink)), sha256Hex(large));
 
     struct Case
     {
@@ -484,7 +459,7 @@ void TestKXTransferCommand::treeRoundTrip()
     const QString back = m_dir.filePath(QStringLiteral("round-back"));
     const ToolRun down = run({"download", "-r", "/round/tree/", back + "/", "-q"});
     QVERIFY2(down.exitCode == 0, qPrintable(down.err));
-    const QMap<QString, QByteArray> sent = treeDigest(tree);
+    const QMap<QString, QString> sent = treeDigest(tree);
     QCOMPARE(sent.size(), files);
     QCOMPARE(treeDigest(back + QStringLiteral("/tree")), sent);
 
@@ -562,7 +537,7 @@ void TestKXTransferCommand::unreadableEntryFailsAlone()
         qPrintable(result.err));
     QVERIFY2(result.err.contains(QStringLiteral("failed 1")), qPrintable(result.err));
     QCOMPARE(run({"download", "-r", "/locked/tree/", m_dir.filePath("locked-back"), "-q"}).exitCode, 0);
-    QMap<QString, QByteArray> expected = treeDigest(tree);
+    QMap<QString, QString> expected = treeDigest(tree);
     expected.remove(QStringLiteral("a/locked.bin"));
     QCOMPARE(expected.size(), files);
     QCOMPARE(treeDigest(m_dir.filePath(QStringLiteral("locked-back/tree"))), expected);

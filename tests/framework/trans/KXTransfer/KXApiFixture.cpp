@@ -1,16 +1,13 @@
 #include "KXApiFixture.h"
+#include "KXTestSql.h"
 
 #include "ServerApiConfig.h"
 
-#include <QCryptographicHash>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QHash>
 #include <QMutex>
-#include <QRandomGenerator>
-#include <QSqlDatabase>
-#include <QSqlQuery>
 #include <QTest>
 #include <QUuid>
 
@@ -130,23 +127,9 @@ int CKXApiFixture::dbBlockRows(const QString& subTaskId, int state) const
 // The first column of the first row `text` yields for `subTaskId`, -1 when there is none.
 int CKXApiFixture::dbValue(const QString& text, const QString& subTaskId) const
 {
-    const QString connection = QStringLiteral("probe");
-    int value = -1;
-    {
-        QSqlDatabase db = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), connection);
-        db.setDatabaseName(m_home.path() + QStringLiteral("/data/Transfer/transfer.db"));
-        db.setConnectOptions(QStringLiteral("QSQLITE_OPEN_READONLY"));
-        if (db.open()) {
-            QSqlQuery query(db);
-            query.prepare(text);
-            query.addBindValue(subTaskId);
-            if (query.exec() && query.next()) {
-                value = query.value(0).toInt();
-            }
-        }
-    }
-    QSqlDatabase::removeDatabase(connection);
-    return value;
+    const QVariant value =
+        sqlValue(m_home.path() + QStringLiteral("/data/Transfer/transfer.db"), text, {subTaskId});
+    return value.isValid() ? value.toInt() : -1;
 }
 
 long long CKXApiFixture::init(const SubTaskInfo& task, bool isUrl)
@@ -254,32 +237,4 @@ bool CKXApiFixture::putRemoteFile(const QString& remotePath, const QByteArray& c
                              CKXTestHttp::encode(remotePath),
                          content, m_server.sessionHeader());
     return reply.status == 200;
-}
-
-QByteArray sha256(const QByteArray& data)
-{
-    return QCryptographicHash::hash(data, QCryptographicHash::Sha256).toHex();
-}
-
-QByteArray randomBytes(qint64 size, int seed)
-{
-    QByteArray data(static_cast<int>(size), Qt::Uninitialized);
-    QRandomGenerator generator(static_cast<quint32>(seed));
-    for (char& byte : data) {
-        byte = static_cast<char>(generator.bounded(256));
-    }
-    return data;
-}
-
-bool writeFile(const QString& path, const QByteArray& data)
-{
-    QDir().mkpath(QFileInfo(path).absolutePath());
-    QFile file(path);
-    return file.open(QIODevice::WriteOnly) && file.write(data) == data.size();
-}
-
-QByteArray fileContent(const QString& path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }

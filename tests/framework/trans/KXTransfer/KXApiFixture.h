@@ -10,6 +10,7 @@
 
 #include "IKXTransfer.h"
 #include "KXServerProcess.h"
+#include "KXTestData.h"
 
 #include <QStringList>
 #include <QTemporaryDir>
@@ -103,9 +104,3 @@ private:
         if (QTest::currentTestFailed())                                                                      \
             return;                                                                                          \
     } while (0)
-
-QByteArray sha256(const QByteArray& data);
-// Reproducible pseudo-random bytes, different for each seed.
-QByteArray randomBytes(qint64 size, int seed = 1);
-bool writeFile(const QString& path, const QByteArray& data);
-QByteArray fileContent(const QString& path);

@@ -5,13 +5,12 @@
 #include "KXLoggerWrapper.h"
 #include "KXTFStoreManager.h"
 #include "KXTaskRecordSample.h"
+#include "KXTestSql.h"
 #include "KXTransferDB.h"
 #include "KXTransferTask.h"
 
 #include <QDir>
 #include <QFile>
-#include <QSqlDatabase>
-#include <QSqlQuery>
 #include <QTemporaryDir>
 #include <QtTest>
 
@@ -21,20 +20,8 @@ namespace {
 
 int countRows(const QString& path, const QString& sql)
 {
-    const QString name = QStringLiteral("inspect");
-    int count = -1;
-    {
-        QSqlDatabase db = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), name);
-        db.setDatabaseName(path);
-        if (db.open()) {
-            QSqlQuery query(db);
-            if (query.exec(sql) && query.next()) {
-                count = query.value(0).toInt();
-            }
-        }
-    }
-    QSqlDatabase::removeDatabase(name);
-    return count;
+    const QVariant count = sqlValue(path, sql);
+    return count.isValid() ? count.toInt() : -1;
 }
 
 SubTaskInfo taskWithState(const QString& id, TaskState state)
@@ -74,9 +61,7 @@ private slots:
 
     void completedTaskIsReadOnceAndLosesItsRows();
     void unfinishedTaskStaysWithItsRows();
-    void unknownIdLeavesOutUntouched();
     void latestRecordWinsAndCopiesAreIndependent();
-    void limitsStartAtZero();
     void databaseFilePathIgnoresTrailingSeparator();
     void unconfiguredStoreWritesNowhere();
     void logIsClosedWithTheStoreAndReopened();
@@ -157,18 +142,6 @@ void TestKXTFStoreManager::unfinishedTaskStaysWithItsRows()
     QCOMPARE(rowsOf(running.subTaskId), 3);
 }
 
-void TestKXTFStoreManager::unknownIdLeavesOutUntouched()
-{
-    CKXTFStoreManager* store = CKXTFStoreManager::inst();
-    store->addTaskInfo(taskWithState(QStringLiteral("known"), StateWorking));
-    const SubTaskInfo before = sampleSubTaskInfo();
-    SubTaskInfo out = before;
-    QVERIFY(!store->getTaskInfo(QStringLiteral("unknown"), out));
-    QCOMPARE(persistedDifferences(out, before), QStringList());
-    QVERIFY(!store->getTaskInfo(QStringLiteral("it's"), out));
-    QCOMPARE(store->allTasks().size(), 1);
-}
-
 void TestKXTFStoreManager::latestRecordWinsAndCopiesAreIndependent()
 {
     CKXTFStoreManager* store = CKXTFStoreManager::inst();
@@ -188,20 +161,6 @@ void TestKXTFStoreManager::latestRecordWinsAndCopiesAreIndependent()
     QVERIFY(store->taskInfoFormJson(store->taskInfoJson(all.at(1)), parsed));
     QCOMPARE(persistedDifferences(parsed, all.at(1)), QStringList());
     QVERIFY(!store->taskInfoFormJson(QStringLiteral("[1,2]"), parsed));
-}
-
-void TestKXTFStoreManager::limitsStartAtZero()
-{
-    CKXTFStoreManager* store = CKXTFStoreManager::inst();
-    QCOMPARE(store->maxConcurrentCount(), 0);
-    QCOMPARE(store->secSpeedLimit(), 0LL);
-    store->setMaxConcurrentCount(5);
-    store->setSecSpeedLimit(1LL << 40);
-    QCOMPARE(store->maxConcurrentCount(), 5);
-    QCOMPARE(store->secSpeedLimit(), 1LL << 40);
-    CKXTFStoreManager::clear();
-    QCOMPARE(CKXTFStoreManager::inst()->maxConcurrentCount(), 0);
-    QVERIFY(CKXTFStoreManager::inst()->allTasks().isEmpty());
 }
 
 void TestKXTFStoreManager::databaseFilePathIgnoresTrailingSeparator()

@@ -3,6 +3,7 @@
 
 #include "KXBlockTask.h"
 #include "KXTaskRecordSample.h"
+#include "KXTestSql.h"
 #include "KXTransferDB.h"
 #include "KXTransferTask.h"
 
@@ -10,7 +11,6 @@
 #include <QRandomGenerator>
 #include <QSemaphore>
 #include <QSqlDatabase>
-#include <QSqlQuery>
 #include <QTemporaryDir>
 #include <QThread>
 #include <QtTest>
@@ -21,42 +21,10 @@
 
 namespace {
 
-// Runs one statement on a connection of the test's own, outside the code under test.
-QVariant directScalar(const QString& path, const QString& sql)
-{
-    const QString name = QStringLiteral("inspect");
-    QVariant value;
-    {
-        QSqlDatabase db = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), name);
-        db.setDatabaseName(path);
-        if (db.open()) {
-            QSqlQuery query(db);
-            if (query.exec(sql) && query.next()) {
-                value = query.value(0);
-            }
-        }
-    }
-    QSqlDatabase::removeDatabase(name);
-    return value;
-}
-
-bool directExec(const QString& path, const QString& sql)
-{
-    const QString name = QStringLiteral("inspect");
-    bool ok = false;
-    {
-        QSqlDatabase db = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), name);
-        db.setDatabaseName(path);
-        ok = db.open() && QSqlQuery(db).exec(sql);
-    }
-    QSqlDatabase::removeDatabase(name);
-    return ok;
-}
-
 int countRows(const QString& path, const QString& table, const QString& where = QString())
 {
     const QString sql = QStringLiteral("SELECT COUNT(*) FROM %1 %2").arg(table, where);
-    const QVariant v = directScalar(path, sql);
+    const QVariant v = sqlValue(path, sql);
     return v.isValid() ? v.toInt() : -1;
 }
 
@@ -143,12 +111,12 @@ void TestKXTransferDB::freshFileGetsBothTablesOnce()
         CKXTransferTask task(sampleSubTaskInfo());
         QVERIFY(db.AddTransferTask(task));
     }
-    QCOMPARE(directScalar(dbPath(), QStringLiteral("SELECT group_concat(name, ',') FROM "
-                                                   "(SELECT name FROM pragma_table_info('transfer_v1'))"))
+    QCOMPARE(sqlValue(dbPath(), QStringLiteral("SELECT group_concat(name, ',') FROM "
+                                               "(SELECT name FROM pragma_table_info('transfer_v1'))"))
                  .toString(),
              QStringLiteral("id,task_id,state,size,send_size,sub_task_info,finger_mark,reserved1,reserved2"));
-    QCOMPARE(directScalar(dbPath(), QStringLiteral("SELECT group_concat(name, ',') FROM "
-                                                   "(SELECT name FROM pragma_table_info('block_v1'))"))
+    QCOMPARE(sqlValue(dbPath(), QStringLiteral("SELECT group_concat(name, ',') FROM "
+                                               "(SELECT name FROM pragma_table_info('block_v1'))"))
                  .toString(),
              QStringLiteral("id,sub_task_id,state,is_upload,sent,total,length,loc,idx,hash,sub_task_info,"
                             "is_quick_trans,block_info,reserved1"));
@@ -179,15 +147,13 @@ void TestKXTransferDB::taskWithQuoteAndPercentRoundTrips()
 
     // The plain columns hold the same values, numbers stored as numbers.
     const QString where = QStringLiteral("WHERE id='%1'").arg(info.subTaskId);
-    QCOMPARE(
-        directScalar(dbPath(), QStringLiteral("SELECT finger_mark FROM transfer_v1 ") + where).toString(),
-        info.fingerMark);
-    QCOMPARE(directScalar(dbPath(), QStringLiteral("SELECT size FROM transfer_v1 ") + where).toLongLong(),
+    QCOMPARE(sqlValue(dbPath(), QStringLiteral("SELECT finger_mark FROM transfer_v1 ") + where).toString(),
+             info.fingerMark);
+    QCOMPARE(sqlValue(dbPath(), QStringLiteral("SELECT size FROM transfer_v1 ") + where).toLongLong(),
              info.size);
-    QCOMPARE(
-        directScalar(dbPath(), QStringLiteral("SELECT typeof(state) FROM transfer_v1 ") + where).toString(),
-        QStringLiteral("integer"));
-    QCOMPARE(directScalar(dbPath(), QStringLiteral("SELECT state FROM transfer_v1 ") + where).toInt(),
+    QCOMPARE(sqlValue(dbPath(), QStringLiteral("SELECT typeof(state) FROM transfer_v1 ") + where).toString(),
+             QStringLiteral("integer"));
+    QCOMPARE(sqlValue(dbPath(), QStringLiteral("SELECT state FROM transfer_v1 ") + where).toInt(),
              int(StateWorking | StatePaused));
 }
 
@@ -383,8 +349,7 @@ void TestKXTransferDB::replacedFileIsReopened()
     CKXTransferTask second(other);
     QVERIFY(db.AddTransferTask(second));
     QCOMPARE(countRows(dbPath(), QStringLiteral("transfer_v1")), 1);
-    QCOMPARE(directScalar(dbPath(), QStringLiteral("SELECT id FROM transfer_v1")).toString(),
-             other.subTaskId);
+    QCOMPARE(sqlValue(dbPath(), QStringLiteral("SELECT id FROM transfer_v1")).toString(), other.subTaskId);
 }
 
 void TestKXTransferDB::corruptFileFailsWithoutTouchingIt()
@@ -450,10 +415,9 @@ void TestKXTransferDB::rowWithBadJsonFails()
         good.blocks << makeBlock(QStringLiteral("S"), i, owner);
     }
     QVERIFY(db.AddBlockTaskFormList(good.blocks));
-    QVERIFY(directExec(dbPath(), QStringLiteral("INSERT INTO transfer_v1 (id, sub_task_info) VALUES ('bad', "
-                                                "'not json {')")));
-    QVERIFY(
-        directExec(dbPath(), QStringLiteral("UPDATE block_v1 SET sub_task_info='[1,2' WHERE id='S-blk-1'")));
+    QVERIFY(sqlExec(dbPath(), QStringLiteral("INSERT INTO transfer_v1 (id, sub_task_info) VALUES ('bad', "
+                                             "'not json {')")));
+    QVERIFY(sqlExec(dbPath(), QStringLiteral("UPDATE block_v1 SET sub_task_info='[1,2' WHERE id='S-blk-1'")));
 
     CKXTransferTask task(owner);
     QVERIFY(!db.LoadTransferTask(QStringLiteral("bad"), task));

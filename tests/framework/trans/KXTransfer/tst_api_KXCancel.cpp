@@ -169,7 +169,7 @@ void TestApiCancel::checkConsistentEnd(const Prepared& prepared, const ApiTaskRe
     const bool done = record.code == NoError && (record.task.state & StateCompleted);
     if (done) {
         if (!prepared.target.isEmpty()) {
-            QCOMPARE(sha256(fileContent(prepared.target)), sha256(prepared.content));
+            QCOMPARE(sha256Hex(readFile(prepared.target)), sha256Hex(prepared.content));
         }
         return;
     }
@@ -383,12 +383,12 @@ void TestApiCancel::deinitLeavesRunningTasksResumable()
     QCOMPARE(resumed.code, NoError);
     QByteArray stored;
     QVERIFY(env.readRemoteFile(upload.task.remoteFile.path, &stored));
-    QCOMPARE(sha256(stored), sha256(upload.content));
+    QCOMPARE(sha256Hex(stored), sha256Hex(upload.content));
     QCOMPARE(statOf(env.server(), "block_uploads"), 1);
     ApiTaskRecord again;
     KX_RUN_TO_END(env, download.task, &again, false);
     QCOMPARE(again.code, NoError);
-    QCOMPARE(sha256(fileContent(download.target)), sha256(download.content));
+    QCOMPARE(sha256Hex(readFile(download.target)), sha256Hex(download.content));
 }
 
 QTEST_GUILESS_MAIN(TestApiCancel)

@@ -76,7 +76,7 @@ void TestApiUrlTransfer::downloadsAddress()
     ApiTaskRecord record;
     KX_RUN_TO_END(*m_env, task, &record, true);
     QCOMPARE(record.code, NoError);
-    QCOMPARE(sha256(fileContent(local)), sha256(content));
+    QCOMPARE(sha256Hex(readFile(local)), sha256Hex(content));
     QVERIFY(!QFile::exists(KXUtil::tmpFile(local, task.subTaskId)));
     // The size is learnt from the download itself.
     QCOMPARE(record.task.size, qint64(content.size()));
@@ -130,7 +130,7 @@ void TestApiUrlTransfer::uploadMarkedTaskStillDownloads()
     ApiTaskRecord record;
     KX_RUN_TO_END(*m_env, task, &record, true);
     QCOMPARE(record.code, NoError);
-    QCOMPARE(sha256(fileContent(local)), sha256(content));
+    QCOMPARE(sha256Hex(readFile(local)), sha256Hex(content));
     const QJsonObject stats = m_env->server().stats();
     QCOMPARE(stats.value("requests").toInt(), 1);
     QCOMPARE(stats.value("file_upload_bytes").toInt(), 0);

@@ -1,5 +1,4 @@
-// The block record: its stored JSON form (asymmetric on purpose), its state texts and the
-// lock-guarded holder.
+// The block record's stored JSON form (asymmetric on purpose) and its state texts.
 
 #include "../KXTaskRecordSample.h"
 #include "KXBlockJsonConvert.h"
@@ -39,7 +38,6 @@ class TestKXBlockTask : public QObject
     Q_OBJECT
 
 private slots:
-    void defaultsAndClear();
     void jsonRoundTripKeepsAllButTheMessage();
     void jsonWrittenLayout();
     void uploadFlagIsReadFromOneKeyOnly();
@@ -50,32 +48,7 @@ private slots:
     void stateToText();
     void textToState_data();
     void textToState();
-    void sameTaskComparesIds();
 };
-
-void TestKXBlockTask::defaultsAndClear()
-{
-    const BlockTaskInfo fresh;
-    QCOMPARE(fresh.idx, -1);
-    QCOMPARE(fresh.state, BlockTaskStateNone);
-    QCOMPARE(fresh.subTaskInfo.httpCode, 200);
-
-    CKXBlockTask block(sampleBlock());
-    block.clear();
-    const BlockTaskInfo b = block.getBlockTaskInfo();
-    QCOMPARE(b.idx, 0);
-    QCOMPARE(b.statusCode, 503);
-    QCOMPARE(b.sent, 0LL);
-    QCOMPARE(b.total, 0LL);
-    QCOMPARE(b.errorCode, 0);
-    QCOMPARE(b.length, 0LL);
-    QCOMPARE(b.loc, 0LL);
-    QVERIFY(b.errorMsg.isEmpty() && b.hash.isEmpty() && b.subTaskId.isEmpty() && b.taskId.isEmpty());
-    QVERIFY(!b.isUpload && !b.quickTrans);
-    QCOMPARE(b.state, BlockTaskStateNone);
-    QVERIFY(persistedDifferences(b.subTaskInfo, SubTaskInfo()).isEmpty());
-    QVERIFY(b.subTaskInfo.partSizes.isEmpty());
-}
 
 void TestKXBlockTask::jsonRoundTripKeepsAllButTheMessage()
 {
@@ -215,18 +188,6 @@ void TestKXBlockTask::textToState()
     QFETCH(QString, text);
     QFETCH(int, state);
     QCOMPARE(int(CKXBlockJsonConvert::stringToTaskState(text)), state);
-}
-
-void TestKXBlockTask::sameTaskComparesIds()
-{
-    CKXBlockTask a(sampleBlock());
-    CKXBlockTask b;
-    QVERIFY(!a.isSameTask(&b));
-    b.setTaskId(a.taskId());
-    QVERIFY(a.isSameTask(&b));
-    QVERIFY(b.isSameTask(&a));
-    QVERIFY(a.isSameTask(&a));
-    QVERIFY(!a.isSameTask(nullptr));
 }
 
 QTEST_GUILESS_MAIN(TestKXBlockTask)
