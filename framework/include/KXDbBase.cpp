@@ -270,6 +270,11 @@ bool CKXDbBase::updateInternal(const QStringList& sqls)
         DBLOG_ERROR(QStringLiteral("update db error. the sqls command is empty. [path]%1").arg(m_dbPath));
         return false;
     }
+    return updateInternal(sqls.size(), [&sqls](int i) { return sqls.at(i); });
+}
+
+bool CKXDbBase::updateInternal(int count, const std::function<QString(int)>& statementAt)
+{
     QMutexLocker lock(&m_mutex);
     QSqlDatabase db;
     if (!open(db)) {
@@ -281,7 +286,12 @@ bool CKXDbBase::updateInternal(const QStringList& sqls)
         return false;
     }
     bool allDone = true;
-    for (const QString& sql : sqls) {
+    for (int i = 0; i < count; ++i) {
+        const QString sql = statementAt(i);
+        if (sql.isEmpty()) {
+            allDone = false;
+            continue;
+        }
         const QSqlError error = execOne(db, sql);
         if (error.isValid()) {
             DBLOG_ERROR(QStringLiteral("update db error. [path]%1, [sql]%2").arg(m_dbPath, sql));

@@ -9,6 +9,7 @@
 #include <QVariant>
 
 #include <atomic>
+#include <functional>
 
 class QSqlDatabase;
 class QSqlError;
@@ -61,6 +62,11 @@ public:
     // All statements in one transaction. A statement that fails is logged and skipped and the
     // others are committed, as if each had been run by itself; the result is then false.
     bool updateInternal(const QStringList& sqls);
+    // The same for `count` statements made one at a time by `statementAt`, so that a long list
+    // (the blocks of a large file) never lies in memory whole; an empty statement is skipped and
+    // makes the result false. Runs `statementAt` with the database lock held: it may read leaf
+    // objects (a block behind its own mutex), never call back into this database.
+    bool updateInternal(int count, const std::function<QString(int)>& statementAt);
     // Appends one map per row (column name -> value) in the order the query delivers them. An
     // empty statement selects the whole single table.
     bool queryInternal(const QString& sql, QList<Row>& rows);

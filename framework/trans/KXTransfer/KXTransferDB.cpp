@@ -233,24 +233,20 @@ bool CKXTransferDB::AddBlockTask(CKXBlockTask& block)
 
 bool CKXTransferDB::AddBlockTaskFormList(const QList<CKXBlockTask*>& blocks)
 {
-    QStringList sqls;
-    sqls.reserve(blocks.size());
-    bool allBuilt = true;
-    for (CKXBlockTask* block : blocks) {
-        QString sql;
-        if (block != nullptr && blockStatement(*block, sql)) {
-            sqls.append(sql);
-        } else {
-            allBuilt = false;
-        }
-    }
-    if (sqls.isEmpty()) {
-        return allBuilt;
+    if (blocks.isEmpty()) {
+        return true;
     }
     // One line for the list: a statement a block would bury the rest of the log for a large file.
-    DBLOG_DEBUG(QStringLiteral("store %1 blocks of %2")
-                    .arg(QString::number(sqls.size()), blocks.first()->subTaskId()));
-    return updateInternal(sqls) && allBuilt;
+    DBLOG_DEBUG(
+        QStringLiteral("store %1 blocks of %2")
+            .arg(QString::number(blocks.size()), blocks.first() ? blocks.first()->subTaskId() : QString()));
+    // Each statement is made as it is run: the whole list of a 16 GiB file's blocks would hold
+    // about as much memory as everything else the transfer needs.
+    return updateInternal(blocks.size(), [this, &blocks](int i) {
+        QString sql;
+        CKXBlockTask* block = blocks.at(i);
+        return block != nullptr && blockStatement(*block, sql) ? sql : QString();
+    });
 }
 
 bool CKXTransferDB::DelBlockTask(const QString& blockId)
