@@ -3,7 +3,6 @@
 #include "store/KXBlockStore.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -93,22 +92,4 @@ const char* CKXRangeReader::view(qint64 offset, qint64 size, qint64* got)
     qint64 inBlock = offset - m_starts[index];
     *got = std::min(size, m_blocks[index].size - inBlock);
     return m_map + inBlock;
-}
-
-qint64 CKXRangeReader::read(qint64 offset, char* buffer, qint64 size)
-{
-    int index = blockAt(offset);
-    if (index < 0) {
-        return 0;
-    }
-    if (!openBlock(index)) {
-        return -1;
-    }
-    qint64 inBlock = offset - m_starts[index];
-    qint64 want = std::min(size, m_blocks[index].size - inBlock);
-    ssize_t n;
-    do {
-        n = ::pread(m_fd, buffer, static_cast<size_t>(want), static_cast<off_t>(inBlock));
-    } while (n < 0 && errno == EINTR);
-    return n <= 0 ? -1 : static_cast<qint64>(n);
 }

@@ -20,9 +20,6 @@ public:
     CKXRangeReader(const CKXRangeReader&) = delete;
     CKXRangeReader& operator=(const CKXRangeReader&) = delete;
 
-    // Reads up to `size` bytes at file offset `offset` (never across the end of one block);
-    // returns the count read, 0 at the end of the file, -1 on an I/O error.
-    qint64 read(qint64 offset, char* buffer, qint64 size);
     // Up to `size` bytes at `offset` where they lie, in the mapped block (never across its end):
     // valid until the next call. Null with *got = 0 at the end of the file, *got = -1 on an error.
     const char* view(qint64 offset, qint64 size, qint64* got);

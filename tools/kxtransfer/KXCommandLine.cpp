@@ -137,8 +137,8 @@ bool CKXCommandLine::parse(const QStringList& arguments, const QProcessEnvironme
     const QCommandLineOption transfers(QStringLiteral("transfers"), QString(), QStringLiteral("N"),
                                        QStringLiteral("4"));
     const QCommandLineOption timeout(QStringLiteral("timeout"), QString(), QStringLiteral("S"));
-    parser.addOptions(
-        {help, server, token, jobs, limit, overwrite, taskId, quiet, password, recursive, transfers, timeout});
+    parser.addOptions({help, server, token, jobs, limit, overwrite, taskId, quiet, password, recursive,
+                       transfers, timeout});
     if (!parser.parse(arguments)) {
         return fail(parser.errorText());
     }
@@ -160,7 +160,8 @@ bool CKXCommandLine::parse(const QStringList& arguments, const QProcessEnvironme
     m_options.password = parser.value(password);
     m_options.recursive = parser.isSet(recursive);
     return checkOperands() && readNumbers(parser.value(jobs), parser.value(limit)) &&
-           readTransfers(parser.value(transfers)) && (!parser.isSet(timeout) || readTimeout(parser.value(timeout))) &&
+           readTransfers(parser.value(transfers)) &&
+           (!parser.isSet(timeout) || readTimeout(parser.value(timeout))) &&
            (!parser.isSet(taskId) || checkTaskId()) && checkBatch();
 }
 
@@ -232,10 +233,8 @@ bool CKXCommandLine::splitShareLink(const QString& operand, QString& code, QStri
 
 bool CKXCommandLine::readNumbers(const QString& jobs, const QString& limit)
 {
-    bool ok = false;
-    m_options.jobs = jobs.toInt(&ok);
-    if (!ok || m_options.jobs < 1 || m_options.jobs > kMaxJobs) {
-        return fail(QStringLiteral("--jobs wants a number from 1 to %1, got '%2'").arg(kMaxJobs).arg(jobs));
+    if (!readCount(jobs, QStringLiteral("--jobs wants a number"), kMaxJobs, m_options.jobs)) {
+        return false;
     }
     if (!parseRate(limit, m_options.limit)) {
         return fail(QStringLiteral("--limit wants a rate such as 500K or 10M, got '%1'").arg(limit));
@@ -245,12 +244,16 @@ bool CKXCommandLine::readNumbers(const QString& jobs, const QString& limit)
 
 bool CKXCommandLine::readTransfers(const QString& transfers)
 {
+    return readCount(transfers, QStringLiteral("--transfers wants a number"), kMaxTransfers,
+                     m_options.transfers);
+}
+
+bool CKXCommandLine::readCount(const QString& text, const QString& wants, int max, int& out)
+{
     bool ok = false;
-    m_options.transfers = transfers.toInt(&ok);
-    if (!ok || m_options.transfers < 1 || m_options.transfers > kMaxTransfers) {
-        return fail(QStringLiteral("--transfers wants a number from 1 to %1, got '%2'")
-                        .arg(kMaxTransfers)
-                        .arg(transfers));
+    out = text.toInt(&ok);
+    if (!ok || out < 1 || out > max) {
+        return fail(QStringLiteral("%1 from 1 to %2, got '%3'").arg(wants).arg(max).arg(text));
     }
     return true;
 }
@@ -276,14 +279,7 @@ bool CKXCommandLine::checkBatch()
 
 bool CKXCommandLine::readTimeout(const QString& seconds)
 {
-    bool ok = false;
-    m_options.timeout = seconds.toInt(&ok);
-    if (!ok || m_options.timeout < 1 || m_options.timeout > kMaxTimeoutSec) {
-        return fail(QStringLiteral("--timeout wants seconds from 1 to %1, got '%2'")
-                        .arg(kMaxTimeoutSec)
-                        .arg(seconds));
-    }
-    return true;
+    return readCount(seconds, QStringLiteral("--timeout wants seconds"), kMaxTimeoutSec, m_options.timeout);
 }
 
 bool CKXCommandLine::checkTaskId()

@@ -52,6 +52,8 @@ private:
     bool checkServer(bool needToken);
     bool readNumbers(const QString& jobs, const QString& limit);
     bool readTransfers(const QString& transfers);
+    // A whole number from 1 to `max` into `out`, or a failure "<wants> from 1 to <max>, got '<text>'".
+    bool readCount(const QString& text, const QString& wants, int max, int& out);
     bool checkBatch();
     bool readTimeout(const QString& seconds);
     bool checkTaskId();

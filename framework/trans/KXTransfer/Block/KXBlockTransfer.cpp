@@ -244,7 +244,11 @@ bool CKXBlockTransfer::ensureHash()
 
 int CKXBlockTransfer::openBlock(QFile& file, QString& errMsg)
 {
-    const QString path = m_task->info().localFile.path;
+    return openForReading(file, m_task->info().localFile.path, m_task->loc(), errMsg);
+}
+
+int CKXBlockTransfer::openForReading(QFile& file, const QString& path, long long loc, QString& errMsg)
+{
     if (!KXUtil::isExist(path)) {
         return LocalFileError;
     }
@@ -254,7 +258,6 @@ int CKXBlockTransfer::openBlock(QFile& file, QString& errMsg)
         errMsg = file.errorString();
         return failureCode(file);
     }
-    const long long loc = m_task->loc();
     if (!file.seek(loc)) {
         TLOG_FATAL(
             QStringLiteral("移动文件seek失败 %1，文件: %2 seek loc %3").arg(m_task->taskId(), path).arg(loc));
@@ -267,27 +270,16 @@ int CKXBlockTransfer::openBlock(QFile& file, QString& errMsg)
 int CKXBlockTransfer::getBlockData(const QString& path, long long loc, long long length, QByteArray& data,
                                    QString& errMsg)
 {
-    if (!KXUtil::isExist(path)) {
-        return LocalFileError;
-    }
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly)) {
-        TLOG_FATAL(QStringLiteral("打开文件出错:%1 %3 %3").arg(path).arg(file.errorString()));
-        errMsg = file.errorString();
-        return failureCode(file);
-    }
-    if (!file.seek(loc)) {
-        TLOG_FATAL(
-            QStringLiteral("移动文件seek失败 %1，文件: %2 seek loc %3").arg(m_task->taskId(), path).arg(loc));
-        errMsg = file.errorString();
-        return failureCode(file);
+    QFile file;
+    const int code = openForReading(file, path, loc, errMsg);
+    if (code != 0) {
+        return code;
     }
     data = file.read(length);
     if (file.error() != QFileDevice::NoError) {
         errMsg = file.errorString();
         return failureCode(file);
     }
-    file.close();
     return 0;
 }
 

@@ -75,6 +75,8 @@ private:
     KXServerApiChunkedUploadModel blockModel(const QString& uploadId) const;
     // Opens the local file at the block's offset, with getBlockData()'s codes and logs on failure.
     int openBlock(QFile& file, QString& errMsg);
+    // The same for any path and offset: getBlockData()'s way of opening, codes and logs included.
+    int openForReading(QFile& file, const QString& path, long long loc, QString& errMsg);
     // The download path of both kinds: `fetch` starts the ranged request.
     using FetchCall = std::function<qint64(const QString& range, ServerApi::DataCallback,
                                            ServerApi::ResponseCallback, ServerApi::DownloadProgressCallback)>;
