@@ -1,12 +1,14 @@
 #include "KXBlockOpQueue.h"
 
 #include "KXBlockHandler.h"
+#include "KXBlockHasher.h"
 #include "KXBlockMgr.h"
 #include "KXBlockTask.h"
 #include "KXBlockTransfer.h"
 #include "KXLoggerWrapper.h"
 
 #include <QMetaType>
+#include <QThread>
 
 namespace {
 
@@ -27,6 +29,11 @@ CKXBlockOpQueue::CKXBlockOpQueue(CKXBlockMgr* mgr, CKXBlockHandler* handler, int
 {
     // Block reports cross threads as queued calls carrying the block pointer.
     qRegisterMetaType<CKXBlockTask*>("CKXBlockTask*");
+    // The waiting queue holds every block of this run now, in the order they will start.
+    const QList<CKXBlockTask*> blocks = mgr->tasks(CKXBlockMgr::Waiting);
+    if (!blocks.isEmpty() && blocks.first()->isUpload()) {
+        m_hasher.reset(new CKXBlockHasher(blocks, blocks.first()->info().localFile.path, maxCount));
+    }
 }
 
 CKXBlockOpQueue::~CKXBlockOpQueue()
@@ -36,13 +43,17 @@ CKXBlockOpQueue::~CKXBlockOpQueue()
         QMutexLocker locker(&m_lock);
         live.swap(m_transfers);
     }
-    // The pointers go out of scope here; each block thread is ended before it is deleted.
+    // The pointers go out of scope here; each block thread is ended before it is deleted, and
+    // before the hasher they may be waiting on.
 }
 
 void CKXBlockOpQueue::cancel()
 {
     m_cancelled.store(true);
     CKXTFBaseThread::cancel();
+    if (m_hasher) {
+        m_hasher->stop();
+    }
     m_mgr->wakeWaiters();
 }
 
@@ -55,6 +66,9 @@ void CKXBlockOpQueue::run()
 {
     if (isCancelled()) {
         return;
+    }
+    if (m_hasher) {
+        m_hasher->start(QThread::idealThreadCount());
     }
     while (!isCancelled()) {
         // Read before the look at the queues: a block that ends between the look and the wait
@@ -72,6 +86,9 @@ void CKXBlockOpQueue::run()
         }
         TLOG_FATAL(QStringLiteral("获取到等待的传输块 %1 %2").arg(task->idx()).arg(task->taskId()));
         startTransfer(m_mgr, task, m_handler);
+        if (m_hasher) {
+            m_hasher->noteStarted();
+        }
     }
 }
 
@@ -91,6 +108,7 @@ bool CKXBlockOpQueue::canStartNext() const
 void CKXBlockOpQueue::startTransfer(CKXBlockMgr* mgr, CKXBlockTask* task, CKXBlockHandler* handler)
 {
     TransferPtr transfer(new CKXBlockTransfer(mgr, task), finishAndDelete);
+    transfer->setHasher(m_hasher.get());
     // Its reports are handled, and it is deleted, on the chunked transfer's thread.
     transfer->moveToThread(thread());
     mgr->moveWaitingToRunning(task);

@@ -5,8 +5,12 @@
 // blockFinish() files the block by its state; when nothing is waiting or running any more it stops
 // itself and ends the event loop of the chunked transfer's thread.
 //
+// An upload's blocks are hashed ahead of their threads by a CKXBlockHasher, which the op queue
+// creates with itself and starts with its loop.
+//
 // Created, started and deleted by the chunked transfer; lives on (has its slots run on) the chunked
-// transfer's thread. Owns the live block threads; neither the block manager nor the handler.
+// transfer's thread. Owns the live block threads and the hasher; neither the block manager nor the
+// handler.
 // m_lock guards m_transfers and is never held while calling out: a block thread is kept alive by its
 // shared pointer while someone outside the lock uses it.
 
@@ -20,6 +24,7 @@
 #include <memory>
 
 class CKXBlockHandler;
+class CKXBlockHasher;
 class CKXBlockMgr;
 class CKXBlockTask;
 class CKXBlockTransfer;
@@ -59,4 +64,5 @@ private:
     QMap<QString, TransferPtr> m_transfers;
     int m_maxCount;
     std::atomic<bool> m_cancelled{false};
+    std::unique_ptr<CKXBlockHasher> m_hasher; // set once by the constructor
 };

@@ -1,5 +1,6 @@
 #include "KXBlockTransfer.h"
 
+#include "KXBlockHasher.h"
 #include "KXBlockTask.h"
 #include "KXLoggerWrapper.h"
 #include "KXRequestModels.h"
@@ -221,6 +222,9 @@ void CKXBlockTransfer::sendBlock(const QString& uploadId, const SendCall& send)
 
 bool CKXBlockTransfer::ensureHash()
 {
+    if (m_hasher) {
+        m_hasher->claim(m_task);
+    }
     if (!m_task->hash().isEmpty()) {
         return true;
     }

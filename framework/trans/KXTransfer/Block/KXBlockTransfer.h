@@ -19,6 +19,7 @@
 #include <atomic>
 #include <functional>
 
+class CKXBlockHasher;
 class CKXBlockMgr;
 class QFile;
 class CKXBlockTask;
@@ -38,6 +39,10 @@ public:
     // Reports the block as paused (unless it already failed or finished) and aborts the request in
     // flight. The block thread then returns without reporting again.
     void cancelTask();
+
+    // The op queue's hasher, which may be making this block's hash ahead of it; not owned. Set
+    // before start().
+    void setHasher(CKXBlockHasher* hasher) { m_hasher = hasher; }
 
     // Reads `length` bytes at `loc` (fewer at the end of the file). 0 on success, else 20106 for a
     // missing file or the file's error code with its text in `errMsg`.
@@ -107,6 +112,7 @@ private:
 
     CKXBlockTask* m_task;
     CKXBlockMgr* m_mgr;
+    CKXBlockHasher* m_hasher = nullptr;
     std::atomic<qint64> m_request{0};
     std::atomic<bool> m_reported{false};
     std::atomic<bool> m_cancelled{false};
