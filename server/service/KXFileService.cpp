@@ -287,19 +287,23 @@ ServerError CKXFileService::receiveBlock(const BodyReader& body, const std::stri
     std::string data;
     data.reserve(static_cast<size_t>(std::clamp<qint64>(announced, 0, kBlockSize)));
     bool tooLarge = false;
+    // Hashed piece by piece as it arrives, while each piece is still in the CPU's cache: a second
+    // pass over the whole block would read it back from memory.
+    CKXSha256 sha;
     bool complete = body([&](const char* bytes, size_t size) {
         tooLarge = static_cast<qint64>(data.size() + size) > kBlockSize;
         if (!tooLarge) {
             data.append(bytes, size);
-            m_stats.add(CKXServerStats::BlockBytes, static_cast<qint64>(size));
+            sha.update(bytes, size);
         }
         return !tooLarge;
     });
+    m_stats.add(CKXServerStats::BlockBytes, static_cast<qint64>(data.size()));
     if (tooLarge || !complete) {
         return tooLarge ? ServerError::make(413, "block too large", "a block holds at most 4194304 bytes")
                         : ServerError::make(400, "bad request", "the block body ended early");
     }
-    std::string computed = CKXSha256::hex(data);
+    std::string computed = sha.hexDigest();
     if (computed != hash) {
         return ServerError::make(400, "invalid.hash", "the block hashes to " + computed + ", not " + hash);
     }
