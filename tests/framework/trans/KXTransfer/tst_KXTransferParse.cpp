@@ -2,6 +2,8 @@
 #include "KXTransferParse.h"
 
 #include <QFile>
+#include <QJsonDocument>
+#include <QJsonParseError>
 #include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QtTest>
@@ -108,15 +110,10 @@ private slots:
         row("empty code", "", ServerError);
         // Equality rows refuse extra words, containment rows accept them.
         row("source not found+", "source not found in store", ServerError);
-        row("path_too_long+", "path_too_long!", ServerError);
-        row("target exists+", "target name exists.", ServerError);
-        row("forbidden+", "forbidden for this link", Forbidden);
         row("+conflict with file", "target conflict with file here", ConflictWithFile);
         // Case matters everywhere.
         row("lower session", "invalid session", ServerError);
-        row("upper forbidden", "FORBIDDEN", ServerError);
         row("capital conflict", "Conflict with file", ServerError);
-        row("virus lower", "download_file_virusf", ServerError);
         QTest::newRow("number code") << QStringLiteral("{\"code\":20004,\"message\":\"m\"}") << 0;
     }
 
@@ -139,7 +136,6 @@ private slots:
         QTest::newRow("200") << 200 << true;
         QTest::newRow("399") << 399 << true;
         QTest::newRow("400") << 400 << false;
-        QTest::newRow("500") << 500 << false;
         QTest::newRow("min") << std::numeric_limits<int>::min() << false;
     }
 
@@ -162,6 +158,53 @@ private slots:
                  completed ? QStringLiteral("transport") : QStringLiteral("denied"));
     }
 
+    void errorAnswer_data()
+    {
+        QTest::addColumn<int>("status");
+        QTest::addColumn<QString>("body");
+        QTest::addColumn<int>("libraryError");
+        QTest::addColumn<QString>("transport");
+        QTest::addColumn<int>("code");
+        QTest::addColumn<QString>("message");
+        QTest::addColumn<int>("state");
+        // Mistyped keys are skipped; a fractional state is truncated.
+        QTest::newRow("mistyped fields")
+            << 500 << QStringLiteral("{\"message\":5,\"msgcode\":1,\"state\":503.9,\"type\":[]}") << 0
+            << QStringLiteral("Internal Server Error") << 0 << QStringLiteral("Internal Server Error") << 503;
+        // Only the transport text and the library code remain.
+        QTest::newRow("empty body") << 404 << QString() << 0 << QStringLiteral("Not Found") << 0
+                                    << QStringLiteral("Not Found") << 0;
+        QTest::newRow("json array") << 500 << QStringLiteral("[\"internal\"]") << 0
+                                    << QStringLiteral("Server Error") << 0 << QStringLiteral("Server Error")
+                                    << 0;
+        QTest::newRow("transport failure") << 0 << QString() << 7 << QStringLiteral("Couldn't connect") << 7
+                                           << QStringLiteral("Couldn't connect") << 0;
+        QTest::newRow("library error on success")
+            << 200 << QStringLiteral("{\"upload_id\":\"u9\"}") << 1001 << QStringLiteral("cancelled") << 1001
+            << QStringLiteral("cancelled") << 0;
+        // A body that is not JSON: the parse error wins over the transport text.
+        const QString html = QStringLiteral("<html>Bad Gateway</html>");
+        QJsonParseError qtError{};
+        QJsonDocument::fromJson(html.toUtf8(), &qtError);
+        QTest::newRow("not json") << 502 << html << 0 << QStringLiteral("Bad Gateway") << 0
+                                  << qtError.errorString() << int(qtError.error);
+    }
+
+    void errorAnswer()
+    {
+        QFETCH(int, status);
+        QFETCH(QString, body);
+        QFETCH(int, libraryError);
+        QFETCH(QString, transport);
+        CKXParseProcessor parser;
+        parser.ParseResp(response(status, body, libraryError, transport));
+        QVERIFY(parser.hasError());
+        QTEST(parser.errorCode(), "code");
+        QTEST(parser.errorMsg().message, "message");
+        QTEST(parser.errorMsg().state, "state");
+        QVERIFY(parser.errorMsg().msgcode.isEmpty() && parser.errorMsg().type.isEmpty());
+    }
+
     void errorAnswerFields()
     {
         CKXParseProcessor parser;
@@ -176,82 +219,28 @@ private slots:
         QCOMPARE(msg.code, QStringLiteral("nameentry_not_exist"));
         QCOMPARE(msg.type, QStringLiteral("error"));
         QCOMPARE(parser.errorCode(), int(SourceNotFound));
-
-        // Mistyped keys are skipped; a fractional state is truncated.
-        CKXParseProcessor odd;
-        odd.ParseResp(response(500,
-                               QStringLiteral("{\"message\":5,\"msgcode\":1,\"state\":503.9,\"type\":[]}"), 0,
-                               QStringLiteral("Internal Server Error")));
-        QCOMPARE(odd.errorMsg().message, QStringLiteral("Internal Server Error"));
-        QCOMPARE(odd.errorMsg().msgcode, QString());
-        QCOMPARE(odd.errorMsg().state, 503);
-        QCOMPARE(odd.errorMsg().type, QString());
     }
 
-    void errorWithoutUsableBody()
+    // The session renewed by an answer comes from its body, never from a header
+    // of that name.
+    void authAnswer()
     {
-        // 404 with an empty body: only the transport text and the library code remain.
-        CKXParseProcessor empty;
-        empty.ParseResp(response(404, QString(), 0, QStringLiteral("Not Found")));
-        QVERIFY(empty.hasError());
-        QCOMPARE(empty.errorCode(), 0);
-        QCOMPARE(empty.errorMsg().message, QStringLiteral("Not Found"));
-        QCOMPARE(empty.errorMsg().state, 0);
-
-        // A body that is not JSON: the parse error wins over the transport text.
-        CKXParseProcessor html;
-        html.ParseResp(
-            response(502, QStringLiteral("<html>Bad Gateway</html>"), 0, QStringLiteral("Bad Gateway")));
-        QVERIFY(html.errorMsg().state != 0);
-        QVERIFY(!html.errorMsg().message.isEmpty());
-        QVERIFY(html.errorMsg().message != QStringLiteral("Bad Gateway"));
-        QCOMPARE(html.errorCode(), 0);
-
-        // JSON that is no object is ignored.
-        CKXParseProcessor array;
-        array.ParseResp(response(500, QStringLiteral("[\"internal\"]"), 0, QStringLiteral("Server Error")));
-        QCOMPARE(array.errorMsg().message, QStringLiteral("Server Error"));
-        QCOMPARE(array.errorMsg().state, 0);
-
-        // A transport failure: status 0 and curl's number.
-        CKXParseProcessor refused;
-        refused.ParseResp(response(0, QString(), 7, QStringLiteral("Couldn't connect to server")));
-        QVERIFY(refused.hasError());
-        QCOMPARE(refused.errorCode(), 7);
-        QCOMPARE(refused.errorMsg().message, QStringLiteral("Couldn't connect to server"));
-    }
-
-    void libraryErrorWithSuccessStatus()
-    {
-        CKXQueryHashParse parser;
-        parser.ParseResp(response(200, QStringLiteral("{\"upload_id\":\"u9\",\"needed_block\":[]}"), 1001,
-                                  QStringLiteral("cancelled")));
-        QCOMPARE(parser.upload_id(), QStringLiteral("u9"));
-        QVERIFY(parser.hasError());
-        QCOMPARE(parser.errorCode(), 1001);
-        QCOMPARE(parser.errorMsg().message, QStringLiteral("cancelled"));
-
-        CKXQueryHashParse garbage;
-        garbage.ParseResp(response(200, QStringLiteral("{\"upload_id\":")));
-        QVERIFY(!garbage.hasError());
-        QVERIFY(garbage.upload_id().isEmpty());
-        QVERIFY(!garbage.need_upload());
-    }
-
-    void sessionIdFromBody()
-    {
-        KXBaseParse parser;
-        ResponseData r =
-            response(200, QStringLiteral("{\"region\":\"http://127.0.0.1:8080\","
-                                         "\"X-ORBALA-SESS-ID\":\"tok\",\"path\":\"/docs/a.txt\"}"));
+        const QString body = QStringLiteral("{\"region\":\"http://"
+                                            "127.0.0.1:8080\",\"X-ORBALA-SESS-ID\":"
+                                            "\"tok\",\"path\":\"/docs/a.txt\"}");
+        ResponseData r = response(200, body);
         r.headers.insert(QByteArrayLiteral("X-ORBALA-SESS-ID"), QByteArrayLiteral("header-tok"));
-        parser.ParseResp(r);
-        QCOMPARE(parser.sessiondId(), QStringLiteral("tok"));
+        KXBaseParse base;
+        base.ParseResp(r);
+        QCOMPARE(base.sessiondId(), QStringLiteral("tok"));
+        CKXAuthUplaodParse auth;
+        auth.ParseResp(r);
+        QCOMPARE(auth.getDataServerHost(), QStringLiteral("http://127.0.0.1:8080"));
+        QCOMPARE(auth.errorMsg().state, 0);
 
         KXBaseParse numeric;
         numeric.ParseResp(response(200, QStringLiteral("{\"X-ORBALA-SESS-ID\":42}")));
         QVERIFY(numeric.sessiondId().isEmpty());
-
         // The hash query does not look for a renewed session.
         CKXQueryHashParse query;
         query.ParseResp(response(200, QStringLiteral("{\"X-ORBALA-SESS-ID\":\"tok\",\"needed_block\":[]}")));
@@ -265,7 +254,6 @@ private slots:
         QTest::newRow("share answer") << QByteArray("S=sess1; Path=/; HttpOnly") << QStringLiteral("sess1");
         QTest::newRow("last wins") << QByteArray("S=first; Path=/\nS=second; Path=/")
                                    << QStringLiteral("second");
-        QTest::newRow("crlf") << QByteArray("S=first\r\nS=second") << QStringLiteral("second");
         QTest::newRow("last empty") << QByteArray("S=first\nS=") << QStringLiteral("");
         QTest::newRow("after last =") << QByteArray("S=a=b; Path=/") << QStringLiteral("b");
         QTest::newRow("blank before") << QByteArray("Path=/; S=x") << QStringLiteral("");
@@ -302,12 +290,15 @@ private slots:
             QStringLiteral("{\"upload_id\":\"%1\",\"needed_block\":[]}").arg(kUploadId),
             QStringLiteral("{\"upload_id\":\"%1\"}").arg(kUploadId),
             QStringLiteral("{\"upload_id\":\"%1\",\"needed_block\":\"%2\"}").arg(kUploadId, kSha0),
+            // Not JSON at all: not an error, but nothing to use.
+            QStringLiteral("{\"upload_id\":"),
         };
         for (const QString& body : quickBodies) {
             CKXQueryHashParse quick;
             quick.ParseResp(response(200, body));
-            QCOMPARE(quick.upload_id(), kUploadId);
             QVERIFY2(!quick.need_upload(), qPrintable(body));
+            QVERIFY(!quick.hasError());
+            QCOMPARE(quick.upload_id(), body.contains(kUploadId) ? kUploadId : QString());
         }
     }
 
@@ -355,7 +346,6 @@ private slots:
         // Braces in strings are counted too: the cut lands inside the string.
         QTest::newRow("brace in string") << QStringLiteral("{\"metadata\":{\"path\":\"/a}b\",\"n\":1}}")
                                          << QStringLiteral("{\"path\":\"/a}");
-        QTest::newRow("empty") << QString() << QString();
     }
 
     void metaCut()
@@ -384,32 +374,6 @@ private slots:
         broken.ParseResp(response(200, QStringLiteral("not json")));
         QCOMPARE(broken.meta(), QStringLiteral("not json"));
         QVERIFY(broken.path().isEmpty());
-
-        CKXDeliveryUploadParse share;
-        share.ParseResp(response(200, kFileMeta));
-        QCOMPARE(share.meta(), kFileMeta);
-    }
-
-    void downloadAnswers()
-    {
-        CKXDlRouterParse ranged;
-        ranged.ParseResp(response(206, QString()));
-        QVERIFY(!ranged.hasError());
-
-        CKXDlRouterParse outside;
-        outside.ParseResp(response(416, codeBody(QStringLiteral("invalid range"))));
-        QVERIFY(outside.hasError());
-        QCOMPARE(outside.errorCode(), int(ServerError));
-    }
-
-    void authUpload()
-    {
-        CKXAuthUplaodParse parser;
-        parser.ParseResp(
-            response(200, QStringLiteral("{\"region\":\"http://127.0.0.1:8080\","
-                                         "\"X-ORBALA-SESS-ID\":\"tok\",\"path\":\"/docs/a.txt\"}")));
-        QCOMPARE(parser.getDataServerHost(), QStringLiteral("http://127.0.0.1:8080"));
-        QCOMPARE(parser.errorMsg().state, 0);
     }
 
     void authUploadUnusable_data()
@@ -435,7 +399,8 @@ private slots:
         QVERIFY(parser.getDataServerHost().isEmpty());
         QCOMPARE(parser.errorMsg().message, message);
         QCOMPARE(parser.errorMsg().state, int(ResponseInvalid));
-        QCOMPARE(parser.errorCode(), 0); // the failure is reported through errorMsg() only
+        QCOMPARE(parser.errorCode(),
+                 0); // the failure is reported through errorMsg() only
         QCOMPARE(logCount(QStringLiteral("onComplete"), logText), before + 1);
 
         CKXDeliveryAuthUploadParse share;

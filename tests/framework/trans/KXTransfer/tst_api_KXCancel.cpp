@@ -23,44 +23,19 @@ const int kBlockDone = 16;
 const int kHeldMs = 2000;         // far longer than an aborted request takes to end
 const int kErrorCancelled = 1001; // the server-API library's code of an aborted request
 
-enum class Kind
-{
-    WholeUpload,
-    WholeDownload,
-    ChunkedUpload,
-    ChunkedDownload,
-    LinkWholeUpload,
-    LinkWholeDownload,
-    LinkChunkedUpload,
-    LinkChunkedDownload,
-    Address,
-};
-
-bool isUpload(Kind kind)
-{
-    return kind == Kind::WholeUpload || kind == Kind::ChunkedUpload || kind == Kind::LinkWholeUpload ||
-           kind == Kind::LinkChunkedUpload;
-}
-
-bool isChunked(Kind kind)
-{
-    return kind == Kind::ChunkedUpload || kind == Kind::ChunkedDownload || kind == Kind::LinkChunkedUpload ||
-           kind == Kind::LinkChunkedDownload;
-}
-
-bool isLink(Kind kind)
-{
-    return kind == Kind::LinkWholeUpload || kind == Kind::LinkWholeDownload ||
-           kind == Kind::LinkChunkedUpload || kind == Kind::LinkChunkedDownload;
-}
+// A transfer's kind as flags: a download of the account's own space when none is set.
+const int kUpload = 1;
+const int kChunked = 2;
+const int kLink = 4;
+const int kAddress = 8;
 
 // The server operation that carries the file's bytes for `kind`.
-QString bytesOp(Kind kind)
+QString bytesOp(int kind)
 {
-    if (!isUpload(kind)) {
+    if (!(kind & kUpload)) {
         return QStringLiteral("download");
     }
-    return isChunked(kind) ? QStringLiteral("block_upload") : QStringLiteral("file_upload");
+    return (kind & kChunked) ? QStringLiteral("block_upload") : QStringLiteral("file_upload");
 }
 
 // A task ready to start, and for a download the folder that only its target may end up in.
@@ -85,8 +60,6 @@ QStringList entriesOf(const QString& folder)
 
 } // namespace
 
-Q_DECLARE_METATYPE(Kind)
-
 class TestApiCancel : public QObject
 {
     Q_OBJECT
@@ -103,7 +76,7 @@ private slots:
     void deinitLeavesRunningTasksResumable();
 
 private:
-    Prepared prepare(Kind kind, const QString& name, qint64 size = 0);
+    Prepared prepare(int kind, const QString& name, qint64 size = 0);
     void checkConsistentEnd(const Prepared& prepared, const ApiTaskRecord& record);
 
     std::unique_ptr<CKXApiFixture> m_env;
@@ -121,20 +94,20 @@ void TestApiCancel::cleanup()
 }
 
 // `size` 0: two blocks for a chunked kind, a quarter MiB for the others.
-Prepared TestApiCancel::prepare(Kind kind, const QString& name, qint64 size)
+Prepared TestApiCancel::prepare(int kind, const QString& name, qint64 size)
 {
     CKXApiFixture& env = *m_env;
     Prepared prepared;
     if (size == 0) {
-        size = isChunked(kind) ? kChunkedSize : kWholeSize;
+        size = (kind & kChunked) ? kChunkedSize : kWholeSize;
     }
     prepared.content = randomBytes(size, int(qHash(name)));
     const QString remote = QStringLiteral("/c/") + name;
     QString code;
-    if (isUpload(kind)) {
+    if (kind & kUpload) {
         const QString local = env.localPath(QStringLiteral("up/") + name);
         writeFile(local, prepared.content);
-        if (isLink(kind)) {
+        if (kind & kLink) {
             code = env.server().createShare(QStringLiteral("/shared"), true);
         }
         prepared.task = CKXApiFixture::uploadTask(local, remote);
@@ -143,17 +116,17 @@ Prepared TestApiCancel::prepare(Kind kind, const QString& name, qint64 size)
         prepared.folder = env.localPath(QStringLiteral("down-") + name);
         QDir().mkpath(prepared.folder);
         prepared.target = prepared.folder + QStringLiteral("/") + name;
-        if (isLink(kind)) {
+        if (kind & kLink) {
             code = env.server().createShare(QStringLiteral("/c"), false);
         }
-        prepared.task = CKXApiFixture::downloadTask(isLink(kind) ? QStringLiteral("/") + name : remote,
+        prepared.task = CKXApiFixture::downloadTask((kind & kLink) ? QStringLiteral("/") + name : remote,
                                                     prepared.content.size(), prepared.target);
     }
-    if (isLink(kind)) {
+    if (kind & kLink) {
         prepared.task.remoteFile.isDeliveryTrans = true;
         prepared.task.remoteFile.delivery.code = code;
     }
-    if (kind == Kind::Address) {
+    if (kind == kAddress) {
         prepared.isUrl = true;
         prepared.task.dataServerHost = env.server().baseUrl() + QStringLiteral("/v1/raw/self") + remote +
                                        QStringLiteral("?session=") + env.server().token();
@@ -181,18 +154,18 @@ void TestApiCancel::checkConsistentEnd(const Prepared& prepared, const ApiTaskRe
 
 void TestApiCancel::cancelOrDeleteMidRequest_data()
 {
-    QTest::addColumn<Kind>("kind");
+    QTest::addColumn<int>("kind");
     QTest::addColumn<bool>("del");
-    const QList<QPair<const char*, Kind>> kinds = {
-        {"whole upload", Kind::WholeUpload},
-        {"whole download", Kind::WholeDownload},
-        {"chunked upload", Kind::ChunkedUpload},
-        {"chunked download", Kind::ChunkedDownload},
-        {"link whole upload", Kind::LinkWholeUpload},
-        {"link whole download", Kind::LinkWholeDownload},
-        {"link chunked upload", Kind::LinkChunkedUpload},
-        {"link chunked download", Kind::LinkChunkedDownload},
-        {"address download", Kind::Address},
+    const QList<QPair<const char*, int>> kinds = {
+        {"whole upload", kUpload},
+        {"whole download", 0},
+        {"chunked upload", kUpload | kChunked},
+        {"chunked download", kChunked},
+        {"link whole upload", kLink | kUpload},
+        {"link whole download", kLink},
+        {"link chunked upload", kLink | kUpload | kChunked},
+        {"link chunked download", kLink | kChunked},
+        {"address download", kAddress},
     };
     for (const auto& kind : kinds) {
         QTest::addRow("cancel %s", kind.first) << kind.second << false;
@@ -204,7 +177,7 @@ void TestApiCancel::cancelOrDeleteMidRequest_data()
 // that was not aborted would finish the task once the server lets it go.
 void TestApiCancel::cancelOrDeleteMidRequest()
 {
-    QFETCH(Kind, kind);
+    QFETCH(int, kind);
     QFETCH(bool, del);
     CKXApiFixture& env = *m_env;
     const Prepared prepared = prepare(kind, QStringLiteral("f.bin"));
@@ -226,7 +199,7 @@ void TestApiCancel::cancelOrDeleteMidRequest()
 
     const ApiTaskRecord record = CKXApiFixture::record(handle);
     QCOMPARE(record.finals, 1);
-    if (isChunked(kind)) {
+    if (kind & kChunked) {
         QCOMPARE(record.code, NoError);
         QCOMPARE(record.task.state, StatePaused);
     } else {
@@ -234,47 +207,44 @@ void TestApiCancel::cancelOrDeleteMidRequest()
         QCOMPARE(record.task.state, StateError);
     }
     QCOMPARE(env.dbRowState(id), del ? -1 : int(record.task.state));
-    QCOMPARE(env.dbBlockRows(id), isChunked(kind) && !del ? 2 : 0);
-    if (isUpload(kind)) {
-        return;
-    }
-    const QStringList left = entriesOf(prepared.folder);
-    if (isChunked(kind) && !del) {
+    QCOMPARE(env.dbBlockRows(id), (kind & kChunked) && !del ? 2 : 0);
+    if ((kind & kChunked) && !(kind & kUpload) && !del) {
         // The temporary file stays for the resumed run; the target is not there yet.
+        const QStringList left = entriesOf(prepared.folder);
         QCOMPARE(left.size(), 1);
         QVERIFY(!left.contains(QStringLiteral("f.bin")));
-    } else {
-        QCOMPARE(left, QStringList());
+    } else if (!(kind & kUpload)) {
+        QCOMPARE(entriesOf(prepared.folder), QStringList());
     }
+    // A graceful stop would wait out the held answers, which nobody reads any more.
+    env.server().kill9();
 }
 
 void TestApiCancel::cancelOrDeleteFromCallbacks_data()
 {
-    QTest::addColumn<Kind>("kind");
+    QTest::addColumn<int>("kind");
     QTest::addColumn<bool>("del");
     QTest::addColumn<bool>("fromFinal");
     QTest::addColumn<bool>("lockHeld");
     // In the callback: the client calls the engine from the engine's own thread (or, for whole-file
     // progress, the server library's). Lock held: the client calls while holding a lock that the
     // callback is waiting for.
-    QTest::newRow("cancel in progress, whole download") << Kind::WholeDownload << false << false << false;
-    QTest::newRow("del in progress, whole upload") << Kind::WholeUpload << true << false << false;
-    QTest::newRow("cancel in progress, chunked upload") << Kind::ChunkedUpload << false << false << false;
-    QTest::newRow("del in final, chunked download") << Kind::ChunkedDownload << true << true << false;
-    QTest::newRow("cancel in final, address") << Kind::Address << false << true << false;
-    QTest::newRow("cancel, lock in progress, whole download")
-        << Kind::WholeDownload << false << false << true;
+    QTest::newRow("cancel in progress, whole download") << 0 << false << false << false;
+    QTest::newRow("del in progress, whole upload") << kUpload << true << false << false;
+    QTest::newRow("cancel in progress, chunked upload") << (kUpload | kChunked) << false << false << false;
+    QTest::newRow("del in final, chunked download") << kChunked << true << true << false;
+    QTest::newRow("cancel in final, address") << kAddress << false << true << false;
+    QTest::newRow("cancel, lock in progress, whole download") << 0 << false << false << true;
     QTest::newRow("cancel, lock in progress, chunked upload")
-        << Kind::ChunkedUpload << false << false << true;
-    QTest::newRow("cancel, lock in final, chunked upload") << Kind::ChunkedUpload << false << true << true;
-    QTest::newRow("del, lock in final, link chunked download")
-        << Kind::LinkChunkedDownload << true << true << true;
-    QTest::newRow("del, lock in progress, address") << Kind::Address << true << false << true;
+        << (kUpload | kChunked) << false << false << true;
+    QTest::newRow("cancel, lock in final, chunked upload") << (kUpload | kChunked) << false << true << true;
+    QTest::newRow("del, lock in final, link chunked download") << (kLink | kChunked) << true << true << true;
+    QTest::newRow("del, lock in progress, address") << kAddress << true << false << true;
 }
 
 void TestApiCancel::cancelOrDeleteFromCallbacks()
 {
-    QFETCH(Kind, kind);
+    QFETCH(int, kind);
     QFETCH(bool, del);
     QFETCH(bool, fromFinal);
     QFETCH(bool, lockHeld);
@@ -315,8 +285,10 @@ void TestApiCancel::cancelOrDeleteFromCallbacks()
 // it reports. The seed of the moments goes to the test's output.
 void TestApiCancel::cancelRacingTheEndEndsOnce()
 {
-    const int rounds = 200;
-    const Kind kinds[] = {Kind::WholeUpload, Kind::WholeDownload, Kind::Address};
+    // Each round is a task of its own; in a hundred of them some cancels land before the end and
+    // most after it, on a quiet machine and more so on a loaded one.
+    const int rounds = 100;
+    const int kinds[] = {kUpload, 0, kAddress};
     QList<Prepared> prepared;
     QList<long long> handles;
     const quint32 seed = QRandomGenerator::global()->generate();
@@ -324,7 +296,7 @@ void TestApiCancel::cancelRacingTheEndEndsOnce()
     QRandomGenerator random(seed);
     int completed = 0;
     for (int i = 0; i < rounds; ++i) {
-        const Kind kind = kinds[i % 3];
+        const int kind = kinds[i % 3];
         prepared << prepare(kind, QStringLiteral("r%1.bin").arg(i), kRaceSize);
         const long long handle = CKXApiFixture::start(prepared.last().task, prepared.last().isUrl);
         QThread::usleep(random.bounded(8000));
@@ -354,8 +326,8 @@ void TestApiCancel::cancelRacingTheEndEndsOnce()
 void TestApiCancel::deinitLeavesRunningTasksResumable()
 {
     CKXApiFixture& env = *m_env;
-    const Prepared upload = prepare(Kind::ChunkedUpload, QStringLiteral("big.bin"));
-    const Prepared download = prepare(Kind::WholeDownload, QStringLiteral("small.bin"));
+    const Prepared upload = prepare(kUpload | kChunked, QStringLiteral("big.bin"));
+    const Prepared download = prepare(0, QStringLiteral("small.bin"));
     // The first block goes through; the second, and the download, are held.
     QVERIFY(
         env.server().armFault({{"op", "block_upload"}, {"nth", 2}, {"action", "delay"}, {"ms", kHeldMs}}));
@@ -389,6 +361,8 @@ void TestApiCancel::deinitLeavesRunningTasksResumable()
     KX_RUN_TO_END(env, download.task, &again, false);
     QCOMPARE(again.code, NoError);
     QCOMPARE(sha256Hex(readFile(download.target)), sha256Hex(download.content));
+    // The answers held before the shutdown are still being waited out by the server.
+    env.server().kill9();
 }
 
 QTEST_GUILESS_MAIN(TestApiCancel)

@@ -2,6 +2,7 @@
 // same blocks (with their progress) instead of cutting the file again.
 
 #include "KXBlockBuilder.h"
+#include "KXBlockJsonConvert.h"
 #include "KXBlockTask.h"
 #include "KXTFStoreManager.h"
 #include "KXTransferDB.h"
@@ -159,16 +160,10 @@ void TestKXBlockBuilder::firstStartStoresLaterStartLoads()
     builder.init(second.list);
     QCOMPARE(second.list.size(), 3);
     for (int i = 0; i < 3; ++i) {
-        QCOMPARE(second.list[i]->taskId(), first.list[i]->taskId());
-        QCOMPARE(second.list[i]->idx(), i);
-        QCOMPARE(second.list[i]->loc(), first.list[i]->loc());
-        QCOMPARE(second.list[i]->length(), first.list[i]->length());
+        QCOMPARE(CKXBlockJsonConvert::BlockInfo2JsonString(second.list[i]->getBlockTaskInfo()),
+                 CKXBlockJsonConvert::BlockInfo2JsonString(first.list[i]->getBlockTaskInfo()));
         QCOMPARE(second.list[i]->info().subTaskId, QStringLiteral("sub-resume"));
     }
-    QCOMPARE(second.list[1]->state(), BlockTaskStateCompleted);
-    QCOMPARE(second.list[1]->hash(), QStringLiteral("ab12"));
-    QVERIFY(second.list[1]->isQuickTrans());
-    QCOMPARE(second.list[0]->state(), BlockTaskStateNone);
 }
 
 QTEST_GUILESS_MAIN(TestKXBlockBuilder)

@@ -1,5 +1,5 @@
-// The dispatcher without a server: filing of reported blocks by their state, the end of the
-// chunked transfer's event loop when nothing is left, and a zero limit that starts nothing.
+// The dispatcher without a server: filing of reported blocks by their state, and the end of the
+// chunked transfer's event loop when nothing is left.
 
 #include "KXBlockHandler.h"
 #include "KXBlockMgr.h"
@@ -48,7 +48,6 @@ private slots:
     void reportIsFiledByState_data();
     void reportIsFiledByState();
     void lastReportEndsTheEventLoop();
-    void zeroLimitStartsNothingAndCancelEndsTheLoop();
 
 private:
     QTemporaryDir m_home;
@@ -102,24 +101,6 @@ void TestKXBlockOpQueue::lastReportEndsTheEventLoop()
     QVERIFY(queue.isCancelled());
     QCOMPARE(engine.mgr.tasks(CKXBlockMgr::Error), QList<CKXBlockTask*>{engine.block(1)});
     QVERIFY(engine.mgr.isEmpty(CKXBlockMgr::Running));
-}
-
-void TestKXBlockOpQueue::zeroLimitStartsNothingAndCancelEndsTheLoop()
-{
-    Engine engine(3);
-    for (int i = 0; i < 3; ++i) {
-        engine.mgr.addWaitingQueueWithMutex(engine.block(i));
-    }
-    CKXBlockOpQueue queue(&engine.mgr, &engine.handler, 0);
-    queue.start();
-    QTRY_VERIFY(queue.isRunning());
-    queue.cancel();
-    QVERIFY(queue.end());
-    QCOMPARE(engine.mgr.count(CKXBlockMgr::Waiting), 3);
-    QVERIFY(engine.mgr.isEmpty(CKXBlockMgr::Running));
-    for (int i = 0; i < 3; ++i) {
-        QCOMPARE(engine.block(i)->state(), BlockTaskStateNone);
-    }
 }
 
 QTEST_GUILESS_MAIN(TestKXBlockOpQueue)
