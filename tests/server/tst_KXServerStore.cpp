@@ -11,8 +11,6 @@
 #include <QUrl>
 #include <QtTest>
 
-#include <condition_variable>
-#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -20,60 +18,23 @@ using namespace KXServerTest;
 
 namespace {
 
-// A client whose upload stalls after `stallAt` bytes until release() is called.
-class StallingUpload
+// Sends the head of a whole-file upload that announces `announced` bytes, then only `sent` of them,
+// and waits until the server has taken them in. The connection stays open with the socket.
+bool sendPart(QTcpSocket& socket, CKXServerProcess& server, const QString& path, qint64 announced,
+              qint64 sent)
 {
-public:
-    StallingUpload(QString url, QByteArray session, qint64 size, qint64 stallAt)
-        : m_url(std::move(url)), m_session(std::move(session)), m_size(size), m_stallAt(stallAt)
-    {}
-
-    void run()
-    {
-        TestHttpRequest request;
-        request.method = "PUT";
-        request.url = m_url;
-        request.headers = {m_session};
-        request.bodySize = m_size;
-        request.bodySource = [this](char* buffer, size_t max) {
-            return read(buffer, max);
-        };
-        m_result = CKXTestHttp::send(request).curlCode;
+    QUrl base(server.baseUrl());
+    socket.connectToHost(base.host(), static_cast<quint16>(base.port()));
+    if (!socket.waitForConnected(5000))
+        return false;
+    socket.write("PUT /v1/files?path=" + path.toUtf8() + " HTTP/1.1\r\nHost: kx\r\n" +
+                 server.sessionHeader().first() + "\r\nContent-Length: " + QByteArray::number(announced) +
+                 "\r\n\r\n");
+    socket.write(QByteArray(int(sent), 's'));
+    while (socket.bytesToWrite() > 0 && socket.waitForBytesWritten(5000)) {
     }
-
-    void release()
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_released = true;
-        m_wake.notify_all();
-    }
-
-    // The libcurl code of the exchange: 0 only when it completed.
-    int result() const { return m_result; }
-
-private:
-    size_t read(char* buffer, size_t max)
-    {
-        if (m_sent >= m_stallAt) {
-            std::unique_lock<std::mutex> lock(m_mutex);
-            m_wake.wait(lock, [this] { return m_released; });
-        }
-        size_t n = static_cast<size_t>(qMin<qint64>(static_cast<qint64>(max), m_size - m_sent));
-        memset(buffer, 'u', n);
-        m_sent += static_cast<qint64>(n);
-        return n;
-    }
-
-    QString m_url;
-    QByteArray m_session;
-    qint64 m_size;
-    qint64 m_stallAt;
-    qint64 m_sent = 0;
-    int m_result = -1;
-    std::mutex m_mutex;
-    std::condition_variable m_wake;
-    bool m_released = false; // guarded by m_mutex
-};
+    return QTest::qWaitFor([&] { return server.stats().value("file_upload_bytes").toInt() >= sent; }, 20000);
+}
 
 } // namespace
 
@@ -157,16 +118,8 @@ void TestKXServerStore::shortBodyStoresNothing()
     CKXServerProcess server;
     QVERIFY2(server.start(), qPrintable(server.errorString()));
     const Client http(server);
-    QUrl base(server.baseUrl());
     QTcpSocket socket;
-    socket.connectToHost(base.host(), static_cast<quint16>(base.port()));
-    QVERIFY(socket.waitForConnected(5000));
-    socket.write("PUT /v1/files?path=/short.bin HTTP/1.1\r\nHost: kx\r\n" + server.sessionHeader().first() +
-                 "\r\nContent-Length: 9000000\r\n\r\n");
-    socket.write(QByteArray(5000000, 's'));
-    while (socket.bytesToWrite() > 0 && socket.waitForBytesWritten(5000)) {
-    }
-    QTRY_VERIFY_WITH_TIMEOUT(server.stats().value("file_upload_bytes").toInt() >= 5000000, 10000);
+    QVERIFY(sendPart(socket, server, "/short.bin", 9000000, 5000000));
     socket.abort();
     QTRY_COMPARE_WITH_TIMEOUT(server.stats().value("inflight").toInt(), 0, 10000);
 
@@ -188,14 +141,9 @@ void TestKXServerStore::killDuringUploadKeepsStoreConsistent()
     QString id = http.open(query);
     QCOMPARE(http.putBlock(id, resumed[0]).status, 200);
 
-    StallingUpload doomed(http.url("/v1/files?path=/doomed.bin"), server.sessionHeader().first(),
-                          5LL * kBlock, 2LL * kBlock + 1000);
-    std::thread client([&] { doomed.run(); });
-    QTRY_VERIFY_WITH_TIMEOUT(server.stats().value("file_upload_bytes").toInt() >= 2 * kBlock, 20000);
+    QTcpSocket doomed;
+    QVERIFY(sendPart(doomed, server, "/doomed.bin", 5LL * kBlock, 2LL * kBlock + 1000));
     server.kill9();
-    doomed.release();
-    client.join();
-    QVERIFY(doomed.result() != 0);
     QVERIFY2(server.restart(), qPrintable(server.errorString()));
 
     QCOMPARE(http.get("/v1/files?path=/kept.bin").body, kept);
