@@ -45,12 +45,15 @@ inline QJsonObject fileOf(const QString& path, const QList<QByteArray>& blocks)
 }
 
 // Requests to one server, written as the tail after its base address, in the session of
-// `headers` (the server's own unless given).
+// `headers` (the server's own unless given). Uploads in blocks go to the operations under
+// `uploads`: the space's own, or a share link's ("/v1/share/<code>/upload").
 class Client
 {
 public:
-    explicit Client(const CKXServerProcess& server, QList<QByteArray> headers = {})
-        : m_server(server), m_headers(headers.isEmpty() ? server.sessionHeader() : headers)
+    explicit Client(const CKXServerProcess& server, QList<QByteArray> headers = {},
+                    const QString& uploads = QStringLiteral("/v1/upload"))
+        : m_server(server), m_headers(headers.isEmpty() ? server.sessionHeader() : headers),
+          m_uploads(uploads)
     {}
 
     QString url(const QString& tail) const { return m_server.baseUrl() + tail; }
@@ -69,22 +72,22 @@ public:
     TestHttpReply putBlock(const QString& uploadId, const QByteArray& block, const QString& hash = {}) const
     {
         const QString name = hash.isEmpty() ? sha256Hex(block) : hash;
-        return put("/v1/upload/block?upload_id=" + uploadId + "&hash=" + name, block);
+        return put(m_uploads + "/block?upload_id=" + uploadId + "&hash=" + name, block);
     }
     // The upload id of a hash query.
     QString open(const QJsonObject& query) const
     {
-        return post("/v1/upload/hash", query).json().value("upload_id").toString();
+        return post(m_uploads + "/hash", query).json().value("upload_id").toString();
     }
     // Hash query, upload of the blocks the server asks for, commit. Returns the commit's answer.
     TestHttpReply uploadChunked(const QString& path, const QList<QByteArray>& blocks) const
     {
         QJsonObject query = fileOf(path, blocks);
-        const TestHttpReply answer = post("/v1/upload/hash", query);
+        const TestHttpReply answer = post(m_uploads + "/hash", query);
         query.insert("upload_id", answer.json().value("upload_id"));
         for (const QString& hash : needed(answer))
             putBlock(query.value("upload_id").toString(), blocks.at(hashesOf(blocks).indexOf(hash)));
-        return post("/v1/upload/commit", query);
+        return post(m_uploads + "/commit", query);
     }
     bool stored(const QString& hash) const
     {
@@ -94,6 +97,7 @@ public:
 private:
     const CKXServerProcess& m_server;
     const QList<QByteArray> m_headers;
+    const QString m_uploads;
 };
 
 // An answer read off the socket as it came.

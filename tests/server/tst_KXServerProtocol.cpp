@@ -355,10 +355,15 @@ void TestKXServerProtocol::shareLinks()
     QVERIFY(!opened.json().value("LBC").toString().isEmpty());
     QVERIFY(opened.headers.value("set-cookie").startsWith("S=" + session.toLatin1() + ";"));
 
-    // The session travels in the cookie as well; the whole link is the root of the paths.
-    TestHttpReply whole =
-        CKXTestHttp::put(share + "/files?path=/sub/a.txt", "hello", {"Cookie: S=" + session.toLatin1()});
-    QCOMPARE(whole.json().value("path").toString(), QStringLiteral("/shared/sub/a.txt"));
+    // The session travels in a header or the cookie; the link is the root of the paths.
+    const Client viaLink(m_server, {"Cookie: S=" + session.toLatin1()}, "/v1/share/" + code + "/upload");
+    QCOMPARE(CKXTestHttp::put(share + "/files?path=/sub/a.txt", "hello",
+                              {"X-Share-Session: " + session.toLatin1()})
+                 .json()
+                 .value("path"),
+             QJsonValue("/shared/sub/a.txt"));
+    const TestHttpReply committed = viaLink.uploadChunked("/sub/big.bin", {randomBytes(kBlock, 30), "tail"});
+    QCOMPARE(committed.json().value("metadata").toObject().value("path"), QJsonValue("/shared/sub/big.bin"));
     QList<QByteArray> password{"X-Share-Token: pw"};
     QCOMPARE(CKXTestHttp::get(share + "/files?path=/sub/a.txt", password).body, QByteArray("hello"));
 
@@ -520,6 +525,8 @@ void TestKXServerProtocol::faultInjection()
     QCOMPARE(m_http.post("/v1/upload/hash", query).status, 200);
 
     QString id = m_http.open(query);
+    QVERIFY(m_server.armFault({{"op", "block_upload"}, {"action", "wrong_hash"}}));
+    QVERIFY(m_http.putBlock(id, "four").json().value("hash").toString() != sha256Hex("four"));
     // A block cut off on its way stores nothing.
     QVERIFY(m_server.armFault({{"op", "block_upload"}, {"action", "drop"}}));
     QByteArray block = randomBytes(kBlock, 40);
