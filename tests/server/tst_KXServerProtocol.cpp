@@ -51,7 +51,6 @@ private slots:
     void sharePasswordGuessesAreLimited();
     void ambiguousBodiesRefused_data();
     void ambiguousBodiesRefused();
-    void quotaRefusesBeforeBytes();
     void malformedBodiesGetClearErrors();
     void faultInjection();
 };
@@ -464,25 +463,6 @@ void TestKXServerProtocol::ambiguousBodiesRefused()
     QCOMPARE(reply.header("Connection"), QByteArray("close"));
     QCOMPARE(reply.head.toLower().count("content-length:"), 1);
     QVERIFY(!reply.body.contains("HTTP/1.1"));
-}
-
-void TestKXServerProtocol::quotaRefusesBeforeBytes()
-{
-    CKXServerProcess small({"--quota", "10000"});
-    QVERIFY2(small.start(), qPrintable(small.errorString()));
-    const Client http(small);
-    QCOMPARE(http.put("/v1/files?path=/a.bin", QByteArray(6000, 'a')).status, 200);
-    QVERIFY(small.resetStats());
-    TestHttpReply refused = http.put("/v1/files?path=/b.bin", QByteArray(6000, 'b'));
-    QCOMPARE(refused.status, 507);
-    QCOMPARE(refused.code(), QStringLiteral("space limit"));
-    QCOMPARE(small.stats().value("file_upload_bytes").toInt(), 0);
-    QCOMPARE(http.post("/v1/upload/auth", {{"path", "/c.bin"}, {"size", 5000}}).code(),
-             QStringLiteral("space limit"));
-    QJsonObject query{{"path", "/c.bin"}, {"size", 5000}, {"hashes", QJsonArray()}};
-    QCOMPARE(http.post("/v1/upload/hash", query).status, 507);
-    // Replacing a file frees its own bytes first.
-    QCOMPARE(http.put("/v1/files?path=/a.bin&overwrite=true", QByteArray(9000, 'c')).status, 200);
 }
 
 void TestKXServerProtocol::malformedBodiesGetClearErrors()

@@ -1,5 +1,6 @@
 // The store under stress: concurrent uploads of one block, bodies refused before they travel,
-// bodies that end early, a crash in the middle of an upload, and uploads that are abandoned.
+// bodies that end early, a crash in the middle of an upload, and the quota with uploads that are
+// abandoned.
 
 #include "KXServerProcess.h"
 #include "KXServerTestUtil.h"
@@ -252,6 +253,14 @@ void TestKXServerStore::abandonedUploadsStayWithinQuotaAndGo()
     QCOMPARE(http.post("/v1/upload/hash", fileOf("/c.bin", {refused})).code(), QStringLiteral("space limit"));
     QVERIFY(!http.stored(sha256Hex(refused)));
     QVERIFY(!http.stored(sha256Hex("not offered")));
+    // A whole file or an authorisation beyond the room left is refused before a byte is read.
+    QVERIFY(server.resetStats());
+    TestHttpReply whole = http.put("/v1/files?path=/b.bin", refused);
+    QCOMPARE(whole.status, 507);
+    QCOMPARE(whole.code(), QStringLiteral("space limit"));
+    QCOMPARE(server.stats().value("file_upload_bytes").toInt(), 0);
+    QCOMPARE(http.post("/v1/upload/auth", {{"path", "/b.bin"}, {"size", 9000}}).code(),
+             QStringLiteral("space limit"));
 
     // Left idle, the sessions expire; the block only an expired session held goes, the one a file
     // holds stays, and the room is free again.
@@ -261,6 +270,8 @@ void TestKXServerStore::abandonedUploadsStayWithinQuotaAndGo()
     QCOMPARE(http.get("/v1/files?path=/kept.bin").body, kept);
     QCOMPARE(needed(http.post("/v1/upload/hash", fileOf("/c.bin", {refused}))),
              QStringList{sha256Hex(refused)});
+    // Replacing a file frees its own bytes first: 4000 and 17000 more would not fit.
+    QCOMPARE(http.put("/v1/files?path=/kept.bin&overwrite=true", QByteArray(17000, 'c')).status, 200);
 }
 
 QTEST_GUILESS_MAIN(TestKXServerStore)

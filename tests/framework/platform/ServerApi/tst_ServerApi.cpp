@@ -9,18 +9,15 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
-#include <QSet>
 #include <QTcpServer>
 #include <QTcpSocket>
 #include <QTemporaryDir>
 #include <QtTest>
 
-#include <algorithm>
 #include <atomic>
 #include <functional>
 #include <memory>
 #include <mutex>
-#include <thread>
 
 namespace {
 
@@ -198,7 +195,6 @@ private slots:
     void faultsAndRetries();
     void silentServerCostsOneStall_data();
     void silentServerCostsOneStall();
-    void manyThreadsManyRequests();
     void rateLimitedTransfersArriveIntact();
     void shutdownCompletesPendingRequests();
     void httpsTrustsOnlyTheGivenCertificate();
@@ -636,37 +632,6 @@ void TestServerApi::silentServerCostsOneStall()
     QCOMPARE(meta->seen().response.statusCode, 0);
     QCOMPARE(meta->seen().response.errorCode, 28); // libcurl: operation timed out
     QCOMPARE(silent.takeConnections(), attempts);
-}
-
-void TestServerApi::manyThreadsManyRequests()
-{
-    const int threads = 4;
-    const int perThread = 20;
-    std::vector<qint64> ids(threads * perThread);
-    std::vector<Rec> recorders(threads * perThread);
-    std::vector<std::thread> workers;
-    for (int t = 0; t < threads; ++t) {
-        workers.emplace_back([&, t] {
-            KXSeverApiDLRouterModel get;
-            get.entry = entryAt(QStringLiteral("/shared.bin"));
-            for (int i = t * perThread; i < (t + 1) * perThread; ++i) {
-                const Rec r = recorders[i] = std::make_shared<Recorder>();
-                ids[i] =
-                    ServerApi::DownloadRouter(get, r->onData(), r->onResponse(), r->onDownloadProgress());
-            }
-        });
-    }
-    for (std::thread& worker : workers)
-        worker.join();
-    QVERIFY(*std::min_element(ids.begin(), ids.end()) > 0);
-    QCOMPARE(QSet<qint64>(ids.begin(), ids.end()).size(), threads * perThread);
-    for (const Rec& r : recorders) {
-        QCOMPARE(await(r), QString());
-        QVERIFY(r->seen().data == m_shared);
-    }
-    ServerApi::shutdown();
-    for (const Rec& r : recorders)
-        QCOMPARE(await(r), QString());
 }
 
 void TestServerApi::rateLimitedTransfersArriveIntact()
