@@ -1,5 +1,6 @@
 // The store under stress: concurrent uploads of one block, bodies refused before they travel,
-// bodies that end early, a crash in the middle of an upload, and uploads that are abandoned.
+// bodies that end early, a crash in the middle of an upload, and the quota with uploads that are
+// abandoned.
 
 #include "KXServerProcess.h"
 #include "KXServerTestUtil.h"
@@ -11,8 +12,6 @@
 #include <QUrl>
 #include <QtTest>
 
-#include <condition_variable>
-#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -20,60 +19,23 @@ using namespace KXServerTest;
 
 namespace {
 
-// A client whose upload stalls after `stallAt` bytes until release() is called.
-class StallingUpload
+// Sends the head of a whole-file upload that announces `announced` bytes, then only `sent` of them,
+// and waits until the server has taken them in. The connection stays open with the socket.
+bool sendPart(QTcpSocket& socket, CKXServerProcess& server, const QString& path, qint64 announced,
+              qint64 sent)
 {
-public:
-    StallingUpload(QString url, QByteArray session, qint64 size, qint64 stallAt)
-        : m_url(std::move(url)), m_session(std::move(session)), m_size(size), m_stallAt(stallAt)
-    {}
-
-    void run()
-    {
-        TestHttpRequest request;
-        request.method = "PUT";
-        request.url = m_url;
-        request.headers = {m_session};
-        request.bodySize = m_size;
-        request.bodySource = [this](char* buffer, size_t max) {
-            return read(buffer, max);
-        };
-        m_result = CKXTestHttp::send(request).curlCode;
+    QUrl base(server.baseUrl());
+    socket.connectToHost(base.host(), static_cast<quint16>(base.port()));
+    if (!socket.waitForConnected(5000))
+        return false;
+    socket.write("PUT /v1/files?path=" + path.toUtf8() + " HTTP/1.1\r\nHost: kx\r\n" +
+                 server.sessionHeader().first() + "\r\nContent-Length: " + QByteArray::number(announced) +
+                 "\r\n\r\n");
+    socket.write(QByteArray(int(sent), 's'));
+    while (socket.bytesToWrite() > 0 && socket.waitForBytesWritten(5000)) {
     }
-
-    void release()
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_released = true;
-        m_wake.notify_all();
-    }
-
-    // The libcurl code of the exchange: 0 only when it completed.
-    int result() const { return m_result; }
-
-private:
-    size_t read(char* buffer, size_t max)
-    {
-        if (m_sent >= m_stallAt) {
-            std::unique_lock<std::mutex> lock(m_mutex);
-            m_wake.wait(lock, [this] { return m_released; });
-        }
-        size_t n = static_cast<size_t>(qMin<qint64>(static_cast<qint64>(max), m_size - m_sent));
-        memset(buffer, 'u', n);
-        m_sent += static_cast<qint64>(n);
-        return n;
-    }
-
-    QString m_url;
-    QByteArray m_session;
-    qint64 m_size;
-    qint64 m_stallAt;
-    qint64 m_sent = 0;
-    int m_result = -1;
-    std::mutex m_mutex;
-    std::condition_variable m_wake;
-    bool m_released = false; // guarded by m_mutex
-};
+    return QTest::qWaitFor([&] { return server.stats().value("file_upload_bytes").toInt() >= sent; }, 20000);
+}
 
 } // namespace
 
@@ -96,30 +58,22 @@ void TestKXServerStore::concurrentUploadsOfOneBlock()
 {
     CKXServerProcess server;
     QVERIFY2(server.start(), qPrintable(server.errorString()));
+    const Client http(server);
     QByteArray block = randomBytes(kBlock, 50);
     QString hash = sha256Hex(block);
-    QJsonObject query{{"path", "/same.bin"}, {"size", kBlock}, {"hashes", QJsonArray{hash}}};
-    QString id = CKXTestHttp::post(server.baseUrl() + "/v1/upload/hash", query, server.sessionHeader())
-                     .json()
-                     .value("upload_id")
-                     .toString();
+    QJsonObject query = fileOf("/same.bin", {block});
+    QString id = http.open(query);
     QVERIFY(server.resetStats());
 
     constexpr int kClients = 8;
     std::vector<TestHttpReply> replies(kClients);
     std::vector<std::thread> clients;
-    for (int i = 0; i < kClients; ++i) {
-        clients.emplace_back([&, i] {
-            replies[i] = CKXTestHttp::put(blockUrl(server, id, hash), block, server.sessionHeader());
-        });
-    }
-    for (std::thread& client : clients) {
+    for (int i = 0; i < kClients; ++i)
+        clients.emplace_back([&, i] { replies[i] = http.putBlock(id, block); });
+    for (std::thread& client : clients)
         client.join();
-    }
-    for (const TestHttpReply& reply : replies) {
-        QCOMPARE(reply.status, 200);
+    for (const TestHttpReply& reply : replies)
         QCOMPARE(reply.json().value("hash").toString(), hash);
-    }
     QJsonObject stats = server.stats();
     QCOMPARE(stats.value("block_uploads").toInt(), kClients);
     QCOMPARE(stats.value("blocks_stored").toInt(), 1);
@@ -129,8 +83,7 @@ void TestKXServerStore::concurrentUploadsOfOneBlock()
     QCOMPARE(sha256Hex(stored.readAll()), hash);
     QCOMPARE(QDir(server.rootPath() + "/tmp").entryList(QDir::Files).size(), 0);
     query.insert("upload_id", id);
-    QCOMPARE(CKXTestHttp::post(server.baseUrl() + "/v1/upload/commit", query, server.sessionHeader()).status,
-             200);
+    QCOMPARE(http.post("/v1/upload/commit", query).status, 200);
     QVERIFY(server.stop()); // SIGTERM ends the server cleanly (exit code 0)
 }
 
@@ -138,29 +91,24 @@ void TestKXServerStore::refusedBodiesNeverTravel()
 {
     CKXServerProcess server;
     QVERIFY2(server.start(), qPrintable(server.errorString()));
-    QJsonObject query{{"path", "/big.bin"}, {"size", kBlock + 1}, {"hashes", QJsonArray{sha256Hex("x")}}};
-    QString id = CKXTestHttp::post(server.baseUrl() + "/v1/upload/hash", query, server.sessionHeader())
-                     .json()
-                     .value("upload_id")
-                     .toString();
+    const Client http(server);
+    QString id =
+        http.open({{"path", "/big.bin"}, {"size", kBlock + 1}, {"hashes", QJsonArray{sha256Hex("x")}}});
     QVERIFY(server.resetStats());
 
     // A client that waits for "100 Continue" gets the refusal instead, and keeps its body.
     TestHttpRequest request;
     request.method = "PUT";
-    request.url = blockUrl(server, id, sha256Hex("x"));
+    request.url = http.url("/v1/upload/block?upload_id=" + id + "&hash=" + sha256Hex("x"));
     request.body = QByteArray(kBlock + 1, 'x');
     request.headers = server.sessionHeader();
     request.expectContinue = true;
-    TestHttpReply tooLarge = CKXTestHttp::send(request);
-    QCOMPARE(tooLarge.status, 413);
-    QCOMPARE(tooLarge.code(), QStringLiteral("block too large"));
-
-    request.url = server.baseUrl() + "/v1/files?path=/whole.bin";
+    QCOMPARE(CKXTestHttp::send(request).code(), QStringLiteral("block too large"));
+    request.url = http.url("/v1/files?path=/whole.bin");
     request.headers.clear();
     QCOMPARE(CKXTestHttp::send(request).code(), QStringLiteral("Invalid session"));
     request.headers = server.sessionHeader();
-    request.url = server.baseUrl() + "/v1/files?path=/a/../whole.bin";
+    request.url = http.url("/v1/files?path=/a/../whole.bin");
     QCOMPARE(CKXTestHttp::send(request).code(), QStringLiteral("forbidden"));
     QCOMPARE(server.stats().value("bytes_received").toInt(), 0);
     QCOMPARE(server.stats().value("requests").toInt(), 3);
@@ -170,65 +118,38 @@ void TestKXServerStore::shortBodyStoresNothing()
 {
     CKXServerProcess server;
     QVERIFY2(server.start(), qPrintable(server.errorString()));
-    QUrl base(server.baseUrl());
+    const Client http(server);
     QTcpSocket socket;
-    socket.connectToHost(base.host(), static_cast<quint16>(base.port()));
-    QVERIFY(socket.waitForConnected(5000));
-    socket.write("PUT /v1/files?path=/short.bin HTTP/1.1\r\nHost: kx\r\nX-ORBALA-SESS-ID: " +
-                 server.token().toUtf8() + "\r\nContent-Length: 9000000\r\n\r\n");
-    socket.write(QByteArray(5000000, 's'));
-    while (socket.bytesToWrite() > 0 && socket.waitForBytesWritten(5000)) {
-    }
-    QTRY_VERIFY_WITH_TIMEOUT(server.stats().value("file_upload_bytes").toInt() >= 5000000, 10000);
+    QVERIFY(sendPart(socket, server, "/short.bin", 9000000, 5000000));
     socket.abort();
     QTRY_COMPARE_WITH_TIMEOUT(server.stats().value("inflight").toInt(), 0, 10000);
 
-    TestHttpReply meta =
-        CKXTestHttp::get(server.baseUrl() + "/v1/metadata?path=/short.bin", server.sessionHeader());
-    QCOMPARE(meta.code(), QStringLiteral("nameentry_not_exist"));
+    QCOMPARE(http.get("/v1/metadata?path=/short.bin").code(), QStringLiteral("nameentry_not_exist"));
     QByteArray full = randomBytes(9000000, 70);
-    QCOMPARE(
-        CKXTestHttp::put(server.baseUrl() + "/v1/files?path=/short.bin", full, server.sessionHeader()).status,
-        200);
-    QCOMPARE(CKXTestHttp::get(server.baseUrl() + "/v1/files?path=/short.bin", server.sessionHeader()).body,
-             full);
+    QCOMPARE(http.put("/v1/files?path=/short.bin", full).status, 200);
+    QCOMPARE(http.get("/v1/files?path=/short.bin").body, full);
 }
 
 void TestKXServerStore::killDuringUploadKeepsStoreConsistent()
 {
     CKXServerProcess server;
     QVERIFY2(server.start(), qPrintable(server.errorString()));
+    const Client http(server);
     QByteArray kept = randomBytes(kBlock, 60) + randomBytes(1234, 61);
-    QCOMPARE(
-        CKXTestHttp::put(server.baseUrl() + "/v1/files?path=/kept.bin", kept, server.sessionHeader()).status,
-        200);
+    QCOMPARE(http.put("/v1/files?path=/kept.bin", kept).status, 200);
     QList<QByteArray> resumed{randomBytes(kBlock, 62), randomBytes(10, 63)};
-    QJsonObject query{{"path", "/resumed.bin"},
-                      {"size", kBlock + 10},
-                      {"hashes", QJsonArray::fromStringList(hashesOf(resumed))}};
-    QString id = CKXTestHttp::post(server.baseUrl() + "/v1/upload/hash", query, server.sessionHeader())
-                     .json()
-                     .value("upload_id")
-                     .toString();
-    QCOMPARE(CKXTestHttp::put(blockUrl(server, id, sha256Hex(resumed[0])), resumed[0], server.sessionHeader())
-                 .status,
-             200);
+    QJsonObject query = fileOf("/resumed.bin", resumed);
+    QString id = http.open(query);
+    QCOMPARE(http.putBlock(id, resumed[0]).status, 200);
 
-    StallingUpload doomed(server.baseUrl() + "/v1/files?path=/doomed.bin", server.sessionHeader().first(),
-                          5LL * kBlock, 2LL * kBlock + 1000);
-    std::thread client([&] { doomed.run(); });
-    QTRY_VERIFY_WITH_TIMEOUT(server.stats().value("file_upload_bytes").toInt() >= 2 * kBlock, 20000);
+    QTcpSocket doomed;
+    QVERIFY(sendPart(doomed, server, "/doomed.bin", 5LL * kBlock, 2LL * kBlock + 1000));
     server.kill9();
-    doomed.release();
-    client.join();
-    QVERIFY(doomed.result() != 0);
     QVERIFY2(server.restart(), qPrintable(server.errorString()));
 
-    QCOMPARE(CKXTestHttp::get(server.baseUrl() + "/v1/files?path=/kept.bin", server.sessionHeader()).body,
-             kept);
-    QCOMPARE(
-        CKXTestHttp::get(server.baseUrl() + "/v1/metadata?path=/doomed.bin", server.sessionHeader()).status,
-        404);
+    QCOMPARE(http.get("/v1/files?path=/kept.bin").body, kept);
+    QCOMPARE(http.get("/v1/metadata?path=/doomed.bin").status, 404);
+    // kept.bin's two blocks, the resumed block, and what the doomed upload completed: each whole.
     int blockFiles = 0;
     for (QDirIterator it(server.rootPath() + "/blocks", QDir::Files, QDirIterator::Subdirectories);
          it.hasNext();) {
@@ -238,21 +159,16 @@ void TestKXServerStore::killDuringUploadKeepsStoreConsistent()
         QCOMPARE(sha256Hex(file.readAll()), info.dir().dirName() + info.fileName());
         ++blockFiles;
     }
-    QVERIFY(blockFiles >=
-            3); // kept.bin's two blocks, the resumed block, and what the doomed upload completed
+    QVERIFY(blockFiles >= 3);
     QCOMPARE(QDir(server.rootPath() + "/tmp").entryList(QDir::Files).size(), 0);
 
     // The upload session outlived the crash: only the missing block is asked for.
-    TestHttpReply again =
-        CKXTestHttp::post(server.baseUrl() + "/v1/upload/hash", query, server.sessionHeader());
+    TestHttpReply again = http.post("/v1/upload/hash", query);
     QCOMPARE(again.json().value("upload_id").toString(), id);
     QCOMPARE(needed(again), QStringList{sha256Hex(resumed[1])});
-    QCOMPARE(CKXTestHttp::put(blockUrl(server, id, sha256Hex(resumed[1])), resumed[1], server.sessionHeader())
-                 .status,
-             200);
+    QCOMPARE(http.putBlock(id, resumed[1]).status, 200);
     query.insert("upload_id", id);
-    QCOMPARE(CKXTestHttp::post(server.baseUrl() + "/v1/upload/commit", query, server.sessionHeader()).status,
-             200);
+    QCOMPARE(http.post("/v1/upload/commit", query).status, 200);
 }
 
 // Downloads are sent from mapped block files: one cut short behind the server's back must end that
@@ -261,16 +177,14 @@ void TestKXServerStore::damagedBlockEndsTheDownloadNotTheServer()
 {
     CKXServerProcess server;
     QVERIFY2(server.start(), qPrintable(server.errorString()));
+    const Client http(server);
     const QByteArray content = randomBytes(kBlock, 70) + randomBytes(4096, 71);
-    const QString url = server.baseUrl() + "/v1/files?path=/cut.bin";
-    QCOMPARE(CKXTestHttp::put(url, content, server.sessionHeader()).status, 200);
-    QCOMPARE(CKXTestHttp::get(url, server.sessionHeader()).body, content);
-
+    QCOMPARE(http.put("/v1/files?path=/cut.bin", content).status, 200);
+    QCOMPARE(http.get("/v1/files?path=/cut.bin").body, content);
     const QString hash = sha256Hex(content.left(kBlock));
     QVERIFY(QFile::resize(server.rootPath() + "/blocks/" + hash.left(2) + "/" + hash.mid(2), kBlock / 2));
-    QVERIFY(CKXTestHttp::get(url, server.sessionHeader()).body != content);
-    QCOMPARE(CKXTestHttp::get(server.baseUrl() + "/v1/metadata?path=/cut.bin", server.sessionHeader()).status,
-             200);
+    QVERIFY(http.get("/v1/files?path=/cut.bin").body != content);
+    QCOMPARE(http.get("/v1/metadata?path=/cut.bin").status, 200);
     QVERIFY(server.stop());
 }
 
@@ -293,18 +207,12 @@ void TestKXServerStore::rebootDropsOnlyUncommittedBlocks()
     QFETCH(bool, dropped);
     CKXServerProcess server({"--sync", sync});
     QVERIFY2(server.start(), qPrintable(server.errorString()));
+    const Client http(server);
     const QByteArray kept = randomBytes(kBlock, 80) + randomBytes(99, 81);
-    QCOMPARE(uploadChunked(server, "/kept.bin", {kept.left(kBlock), kept.mid(kBlock)}).status, 200);
+    QCOMPARE(http.uploadChunked("/kept.bin", {kept.left(kBlock), kept.mid(kBlock)}).status, 200);
     QList<QByteArray> open{randomBytes(kBlock, 82), randomBytes(10, 83)};
-    QJsonObject query{
-        {"path", "/open.bin"}, {"size", kBlock + 10}, {"hashes", QJsonArray::fromStringList(hashesOf(open))}};
-    const QString id = CKXTestHttp::post(server.baseUrl() + "/v1/upload/hash", query, server.sessionHeader())
-                           .json()
-                           .value("upload_id")
-                           .toString();
-    QCOMPARE(
-        CKXTestHttp::put(blockUrl(server, id, sha256Hex(open[0])), open[0], server.sessionHeader()).status,
-        200);
+    QJsonObject query = fileOf("/open.bin", open);
+    QCOMPARE(http.putBlock(http.open(query), open[0]).status, 200);
 
     server.kill9();
     QFile marker(server.rootPath() + "/unsynced-blocks");
@@ -315,11 +223,9 @@ void TestKXServerStore::rebootDropsOnlyUncommittedBlocks()
     }
     QVERIFY2(server.restart(), qPrintable(server.errorString()));
 
-    TestHttpReply again =
-        CKXTestHttp::post(server.baseUrl() + "/v1/upload/hash", query, server.sessionHeader());
-    QCOMPARE(needed(again), dropped ? hashesOf(open) : QStringList{sha256Hex(open[1])});
-    QCOMPARE(CKXTestHttp::get(server.baseUrl() + "/v1/files?path=/kept.bin", server.sessionHeader()).body,
-             kept);
+    QCOMPARE(needed(http.post("/v1/upload/hash", query)),
+             dropped ? hashesOf(open) : QStringList{sha256Hex(open[1])});
+    QCOMPARE(http.get("/v1/files?path=/kept.bin").body, kept);
     // A clean stop forces everything out and leaves no marker behind.
     QVERIFY(server.stop());
     QVERIFY(!QFile::exists(server.rootPath() + "/unsynced-blocks"));
@@ -329,46 +235,43 @@ void TestKXServerStore::abandonedUploadsStayWithinQuotaAndGo()
 {
     CKXServerProcess server({"--quota", "20000", "--upload-expiry", "3"});
     QVERIFY2(server.start(), qPrintable(server.errorString()));
-    auto query = [&](const QString& path, const QByteArray& block) {
-        QJsonObject body{{"path", path}, {"size", block.size()}, {"hashes", QJsonArray{sha256Hex(block)}}};
-        return CKXTestHttp::post(server.baseUrl() + "/v1/upload/hash", body, server.sessionHeader());
-    };
-    auto send = [&](const TestHttpReply& session, const QByteArray& block) {
-        QString id = session.json().value("upload_id").toString();
-        return CKXTestHttp::put(blockUrl(server, id, sha256Hex(block)), block, server.sessionHeader());
-    };
-    auto stored = [&](const QByteArray& block) {
-        return QFile::exists(server.rootPath() + "/blocks/" + sha256Hex(block).left(2) + "/" +
-                             sha256Hex(block).mid(2));
-    };
+    const Client http(server);
     QByteArray kept = randomBytes(4000, 80);
     QByteArray abandoned = randomBytes(9000, 81);
     QByteArray refused = randomBytes(9000, 82);
-    QCOMPARE(
-        CKXTestHttp::put(server.baseUrl() + "/v1/files?path=/kept.bin", kept, server.sessionHeader()).status,
-        200);
-    TestHttpReply first = query("/a.bin", abandoned);
-    TestHttpReply second = query("/b.bin", refused);
-    TestHttpReply again = query("/k.bin", kept);
+    QCOMPARE(http.put("/v1/files?path=/kept.bin", kept).status, 200);
+    const QString first = http.open(fileOf("/a.bin", {abandoned}));
+    const QString second = http.open(fileOf("/b.bin", {refused}));
+    const QString again = http.open(fileOf("/k.bin", {kept}));
 
     // Only blocks the hash query offered are taken, and what open uploads hold counts against the
     // quota: 4000 stored + 9000 held + 9000 more is over 20000.
-    QCOMPARE(send(first, "not offered").code(), QStringLiteral("bad request"));
-    QCOMPARE(send(first, abandoned).status, 200);
-    QCOMPARE(send(again, kept).status, 200);
-    QCOMPARE(send(second, refused).code(), QStringLiteral("space limit"));
-    QCOMPARE(query("/c.bin", refused).code(), QStringLiteral("space limit"));
-    QVERIFY(!stored(refused));
-    QVERIFY(!stored("not offered"));
+    QCOMPARE(http.putBlock(first, "not offered").code(), QStringLiteral("bad request"));
+    QCOMPARE(http.putBlock(first, abandoned).status, 200);
+    QCOMPARE(http.putBlock(again, kept).status, 200);
+    QCOMPARE(http.putBlock(second, refused).code(), QStringLiteral("space limit"));
+    QCOMPARE(http.post("/v1/upload/hash", fileOf("/c.bin", {refused})).code(), QStringLiteral("space limit"));
+    QVERIFY(!http.stored(sha256Hex(refused)));
+    QVERIFY(!http.stored(sha256Hex("not offered")));
+    // A whole file or an authorisation beyond the room left is refused before a byte is read.
+    QVERIFY(server.resetStats());
+    TestHttpReply whole = http.put("/v1/files?path=/b.bin", refused);
+    QCOMPARE(whole.status, 507);
+    QCOMPARE(whole.code(), QStringLiteral("space limit"));
+    QCOMPARE(server.stats().value("file_upload_bytes").toInt(), 0);
+    QCOMPARE(http.post("/v1/upload/auth", {{"path", "/b.bin"}, {"size", 9000}}).code(),
+             QStringLiteral("space limit"));
 
     // Left idle, the sessions expire; the block only an expired session held goes, the one a file
     // holds stays, and the room is free again.
-    QTRY_VERIFY_WITH_TIMEOUT(!stored(abandoned), 20000);
-    QVERIFY(stored(kept));
-    QCOMPARE(send(first, abandoned).code(), QStringLiteral("source not found"));
-    QCOMPARE(CKXTestHttp::get(server.baseUrl() + "/v1/files?path=/kept.bin", server.sessionHeader()).body,
-             kept);
-    QCOMPARE(needed(query("/c.bin", refused)), QStringList{sha256Hex(refused)});
+    QTRY_VERIFY_WITH_TIMEOUT(!http.stored(sha256Hex(abandoned)), 20000);
+    QVERIFY(http.stored(sha256Hex(kept)));
+    QCOMPARE(http.putBlock(first, abandoned).code(), QStringLiteral("source not found"));
+    QCOMPARE(http.get("/v1/files?path=/kept.bin").body, kept);
+    QCOMPARE(needed(http.post("/v1/upload/hash", fileOf("/c.bin", {refused}))),
+             QStringList{sha256Hex(refused)});
+    // Replacing a file frees its own bytes first: 4000 and 17000 more would not fit.
+    QCOMPARE(http.put("/v1/files?path=/kept.bin&overwrite=true", QByteArray(17000, 'c')).status, 200);
 }
 
 QTEST_GUILESS_MAIN(TestKXServerStore)

@@ -31,8 +31,8 @@ private slots:
     void userPathFollowsXdgDataHome();
     void existsCreateAndRemove();
 
-    void moveFileReplacesAcrossFolders();
-    void moveFileFailureKeepsBothFiles();
+    void moveFileKeepsDataOnFailure_data();
+    void moveFileKeepsDataOnFailure();
     void moveFileAcrossFilesystems();
     void tmpFileLiesBesideItsFile();
     void openEmptyStartsFromNothing_data();
@@ -64,9 +64,8 @@ void TestKXUtil::sha256LargeBufferMatchesReference()
 
     // Fed in uneven pieces, as a download's answer arrives.
     KXUtil::Sha256Stream stream;
-    for (int at = 0, piece = 1; at < block.size(); at += piece, piece = piece * 7 % 65521 + 1) {
+    for (int at = 0, piece = 1; at < block.size(); at += piece, piece = piece * 7 % 65521 + 1)
         stream.add(block.constData() + at, qMin(piece, block.size() - at));
-    }
     QCOMPARE(stream.hex(), reference);
 
     // The fingerprint of a download's pieces tells the same bytes from one changed byte.
@@ -126,52 +125,54 @@ void TestKXUtil::existsCreateAndRemove()
     QVERIFY(QFileInfo(dir.filePath(QStringLiteral("新建"))).isDir());
 }
 
-void TestKXUtil::moveFileReplacesAcrossFolders()
+void TestKXUtil::moveFileKeepsDataOnFailure_data()
 {
-    QTemporaryDir dir;
-    QVERIFY(dir.isValid());
-    const QString src = dir.filePath(QStringLiteral("a/source.bin"));
-    const QString dst = dir.filePath(QStringLiteral("b/c/目标.bin"));
-    const QByteArray content = randomBytes(100000, 1);
-    QVERIFY(writeFile(src, content));
-    QVERIFY(KXUtil::moveFile(src, dst));
-    QVERIFY(!QFileInfo::exists(src));
-    QCOMPARE(readFile(dst), content);
-    // Onto a longer file, which must not keep its tail.
-    QVERIFY(writeFile(src, "new content"));
-    QVERIFY(writeFile(dst, "old content that is longer"));
-    QVERIFY(KXUtil::moveFile(src, dst));
-    QVERIFY(!QFileInfo::exists(src));
-    QCOMPARE(readFile(dst), QByteArray("new content"));
+    QTest::addColumn<QString>("source");         // relative to a fresh folder; empty: an empty path
+    QTest::addColumn<QByteArray>("sourceBytes"); // null: no such file
+    QTest::addColumn<QString>("target");
+    QTest::addColumn<QByteArray>("targetBytes"); // null: no such file; "/": a folder in the way
+    QTest::addColumn<bool>("moved");
+    const QByteArray none;
+    QTest::newRow("into new folders")
+        << "a/source.bin" << randomBytes(100000, 1) << "b/c/目标.bin" << none << true;
+    // The target must not keep the tail of a longer file.
+    QTest::newRow("onto a longer file")
+        << "s" << QByteArray("new") << "t" << QByteArray("old and longer") << true;
+    QTest::newRow("missing source") << "s" << none << "t" << QByteArray("precious") << false;
+    QTest::newRow("empty source path") << "" << none << "t" << QByteArray("precious") << false;
+    QTest::newRow("folder in the way") << "s" << QByteArray("data") << "t" << QByteArray("/") << false;
 }
 
-void TestKXUtil::moveFileFailureKeepsBothFiles()
+void TestKXUtil::moveFileKeepsDataOnFailure()
 {
+    QFETCH(QString, source);
+    QFETCH(QByteArray, sourceBytes);
+    QFETCH(QString, target);
+    QFETCH(QByteArray, targetBytes);
+    QFETCH(bool, moved);
     QTemporaryDir dir;
-    QVERIFY(dir.isValid());
-    const QString dst = dir.filePath(QStringLiteral("target.txt"));
-    QVERIFY(writeFile(dst, "precious"));
+    const QString src = source.isEmpty() ? QString() : dir.filePath(source);
+    const QString dst = dir.filePath(target);
+    QVERIFY(sourceBytes.isNull() || writeFile(src, sourceBytes));
+    if (targetBytes == "/")
+        QVERIFY(QDir().mkpath(dst + "/inside"));
+    else if (!targetBytes.isNull())
+        QVERIFY(writeFile(dst, targetBytes));
 
-    QVERIFY(!KXUtil::moveFile(dir.filePath(QStringLiteral("missing.txt")), dst));
-    QCOMPARE(readFile(dst), QByteArray("precious"));
-
-    // A folder in the way of the target: the source stays where it is.
-    const QString src = dir.filePath(QStringLiteral("source.txt"));
-    const QString blocked = dir.filePath(QStringLiteral("folder"));
-    QVERIFY(writeFile(src, "data"));
-    QVERIFY(QDir().mkpath(blocked + "/inside"));
-    QVERIFY(!KXUtil::moveFile(src, blocked));
-    QCOMPARE(readFile(src), QByteArray("data"));
-    QVERIFY(!KXUtil::moveFile(QString(), dst));
+    QCOMPARE(KXUtil::moveFile(src, dst), moved);
+    QCOMPARE(QFileInfo::exists(src), !moved && !sourceBytes.isNull());
+    if (!sourceBytes.isNull())
+        QCOMPARE(readFile(moved ? dst : src), sourceBytes);
+    if (!moved && targetBytes != "/")
+        QCOMPARE(readFile(dst), targetBytes);
 }
 
 void TestKXUtil::moveFileAcrossFilesystems()
 {
     QTemporaryDir home;
     QVERIFY(home.isValid());
-    if (!QFileInfo(QStringLiteral("/dev/shm")).isWritable()) {
+    if (!QFileInfo(QStringLiteral("/dev/shm")).isWritable())
         QSKIP("/dev/shm is missing or not writable: no second filesystem to move across");
-    }
     QTemporaryDir shm(QStringLiteral("/dev/shm/kxutil-test-XXXXXX"));
     QVERIFY(shm.isValid());
     if (deviceOf(home.path()) == deviceOf(shm.path())) {
@@ -237,11 +238,10 @@ void TestKXUtil::tmpFileLiesBesideItsFile()
 void TestKXUtil::freeBytesFromNearestParent()
 {
     QTemporaryDir dir;
-    QVERIFY(dir.isValid());
-    QVERIFY(KXUtil::GetDiskAvailableBytes(dir.path()) >= 0);
-    QVERIFY(KXUtil::GetDiskAvailableBytes(dir.filePath(QStringLiteral("not-yet-downloaded.bin"))) >= 0);
-    QVERIFY(KXUtil::GetDiskAvailableBytes(dir.filePath(QStringLiteral("no/such/tree/../at/all/f.bin"))) >= 0);
-    QVERIFY(KXUtil::GetDiskAvailableBytes(QStringLiteral("/no-such-root-kx/x/y/z")) >= 0);
+    for (const QString& path : {dir.path(), dir.filePath(QStringLiteral("not-yet-downloaded.bin")),
+                                dir.filePath(QStringLiteral("no/such/tree/../at/all/f.bin")),
+                                QStringLiteral("/no-such-root-kx/x/y/z")})
+        QVERIFY2(KXUtil::GetDiskAvailableBytes(path) >= 0, qPrintable(path));
     QCOMPARE(KXUtil::GetDiskAvailableBytes(QString()), qint64(-1));
 }
 
@@ -265,9 +265,8 @@ void TestKXUtil::protectionRoundTrip()
         QVERIFY2(c.unicode() >= 0x20 && c.unicode() < 0x7f && c != '"' && c != '\\',
                  qPrintable("not JSON-safe: " + hidden));
     }
-    if (!plain.isEmpty()) {
+    if (!plain.isEmpty())
         QVERIFY(!hidden.contains(plain));
-    }
     QCOMPARE(KXUtil::simpleDecrypt(hidden), plain);
 }
 
