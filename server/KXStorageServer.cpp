@@ -133,6 +133,8 @@ bool CKXStorageServer::run()
 
 void CKXStorageServer::stop()
 {
+    // A request held by a delay fault would keep its worker, and so the stop, waiting.
+    m_faults.stopDelays();
     if (m_http) {
         m_http->stop();
     }

@@ -10,8 +10,6 @@
 #include <httplib.h>
 
 #include <algorithm>
-#include <chrono>
-#include <thread>
 
 CKXRouter::CKXRouter(httplib::Server& server, CKXServerStats& stats, CKXFaultInjector& faults,
                      CKXServerLog& log, std::string adminToken)
@@ -105,7 +103,7 @@ void CKXRouter::dispatch(const std::string& op, const Handler& handler, const ht
 bool CKXRouter::applyFault(CKXRequest& request)
 {
     if (request.faultIs("delay")) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(request.fault().ms));
+        m_faults.delay(request.fault().ms);
         return false;
     }
     if (request.faultIs("status")) {

@@ -1,6 +1,7 @@
 #include "KXFaultInjector.h"
 
 #include <algorithm>
+#include <chrono>
 
 namespace {
 
@@ -68,4 +69,17 @@ bool CKXFaultInjector::take(const std::string& op, Fault* out)
                                   [](const Fault& f) { return f.seen >= f.nth + f.count - 1; }),
                    m_faults.end());
     return fired;
+}
+
+void CKXFaultInjector::delay(qint64 ms)
+{
+    std::unique_lock<std::mutex> lock(m_mutex);
+    m_wake.wait_for(lock, std::chrono::milliseconds(ms), [this] { return m_stopping; });
+}
+
+void CKXFaultInjector::stopDelays()
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_stopping = true;
+    m_wake.notify_all();
 }
