@@ -6,12 +6,21 @@
 //
 // Created by a test function on the test thread over that test's CKXApiFixture, which outlives it.
 
-#include "KXApiFixture.h"
+#include "KXReliabilityTest.h"
 
 #include <QJsonObject>
 
-// The expected code of a row that fails in the transport: any libcurl code, and no HTTP status.
-constexpr int kTransportFailure = -1;
+// Faults for kxserver's fault table, each on the requests of one operation `op`.
+namespace KXFault {
+// `count` requests from the `nth` on get `action` ("drop", "wrong_hash").
+QJsonObject act(const char* op, const char* action, int nth = 1, int count = 1);
+// The `nth` request is answered with `status` and the server's error `code`.
+QJsonObject refusal(const char* op, int status, const char* code, int nth = 1);
+// The `nth` request is held long enough to restart the server meanwhile, short of any client time-out.
+QJsonObject held(const char* op, int nth);
+// `count` requests are answered late, though in time.
+QJsonObject slow(const char* op, int count);
+} // namespace KXFault
 
 class CKXFaultMatrix
 {
@@ -30,11 +39,9 @@ public:
     // Fails the current test when the task hangs or reports more than once.
     void runFaulted(const SubTaskInfo& task, const QJsonObject& fault, int restartAt, int retries,
                     ApiTaskRecord* out);
-    // Compares the reported code with the row's expectation.
-    static void checkCode(const ApiTaskRecord& record, int expected);
     // Clears every fault, gives the library its usual retries and runs the same sub-task again;
     // it must now succeed.
-    void resume(const SubTaskInfo& task, ApiTaskRecord* out);
+    void resume(const SubTaskInfo& task);
 
 private:
     void setRetries(int retries);

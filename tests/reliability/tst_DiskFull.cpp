@@ -3,7 +3,7 @@
 // both cases no partial file at the destination. Mounting needs root (CAP_SYS_ADMIN); elsewhere the
 // tests skip.
 
-#include "KXApiFixture.h"
+#include "KXReliabilityTest.h"
 #include "KXUtil.h"
 
 #include <QDir>
@@ -15,7 +15,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <memory>
 
 namespace {
 
@@ -33,7 +32,9 @@ public:
         m_mounted =
             ::mount("tmpfs", QFile::encodeName(folder).constData(), "tmpfs", flags, options.constData()) == 0;
         if (!m_mounted) {
-            m_error = QString::fromLocal8Bit(std::strerror(errno));
+            m_error = QStringLiteral("cannot mount a tmpfs here (%1); the disk-full tests need root or "
+                                     "CAP_SYS_ADMIN")
+                          .arg(QString::fromLocal8Bit(std::strerror(errno)));
         }
     }
     ~TmpfsMount()
@@ -77,62 +78,21 @@ private:
     QString m_error;
 };
 
-QStringList filesIn(const QString& folder)
-{
-    return QDir(folder).entryList(QDir::Files | QDir::Hidden, QDir::Name);
-}
-
 } // namespace
 
-class TestDiskFull : public QObject
+class TestDiskFull : public CKXReliabilityTest
 {
     Q_OBJECT
 
 private slots:
-    void init();
-    void cleanup();
-
     void refusedBeforeAnyByte_data();
     void refusedBeforeAnyByte();
     void diskFillsWhileWriting_data();
     void diskFillsWhileWriting();
 
 private:
-    // Mounts a tmpfs of `bytes` on a folder of the test, or skips the test.
-    bool mountDisk(qint64 bytes, unsigned long flags = 0);
-
-    std::unique_ptr<CKXApiFixture> m_env;
-    std::unique_ptr<TmpfsMount> m_disk;
-    QString m_folder;
+    QString folder() { return env().localPath(QStringLiteral("small-disk")); }
 };
-
-void TestDiskFull::init()
-{
-    m_env = std::make_unique<CKXApiFixture>();
-    QVERIFY2(m_env->setUp(), qPrintable(m_env->errorString()));
-    m_folder = m_env->localPath(QStringLiteral("small-disk"));
-}
-
-void TestDiskFull::cleanup()
-{
-    m_disk.reset();
-    m_env.reset();
-}
-
-bool TestDiskFull::mountDisk(qint64 bytes, unsigned long flags)
-{
-    m_disk = std::make_unique<TmpfsMount>(m_folder, bytes, flags);
-    return m_disk->mounted();
-}
-
-#define KX_MOUNT_OR_SKIP(bytes, flags)                                                                       \
-    do {                                                                                                     \
-        if (!mountDisk(bytes, flags)) {                                                                      \
-            QSKIP(qPrintable(QStringLiteral("cannot mount a tmpfs here (%1); the disk-full tests need root " \
-                                            "or CAP_SYS_ADMIN")                                              \
-                                 .arg(m_disk->error())));                                                    \
-        }                                                                                                    \
-    } while (0)
 
 void TestDiskFull::refusedBeforeAnyByte_data()
 {
@@ -155,19 +115,21 @@ void TestDiskFull::refusedBeforeAnyByte()
     QFETCH(bool, readOnly);
     QFETCH(int, code);
     QFETCH(QString, text);
-    KX_MOUNT_OR_SKIP(2 * kMiB, readOnly ? MS_RDONLY : 0);
-    CKXApiFixture& env = *m_env;
-    QVERIFY(env.putRemoteFile(QStringLiteral("/big.bin"), randomBytes(size, 3)));
-    QVERIFY(env.server().resetStats());
+    TmpfsMount disk(folder(), 2 * kMiB, readOnly ? MS_RDONLY : 0);
+    if (!disk.mounted()) {
+        QSKIP(qPrintable(disk.error()));
+    }
+    QVERIFY(env().putRemoteFile(QStringLiteral("/big.bin"), randomBytes(size, 3)));
+    QVERIFY(env().server().resetStats());
 
-    const QString local = m_folder + QStringLiteral("/big.bin");
+    const QString local = folder() + QStringLiteral("/big.bin");
     ApiTaskRecord record;
-    KX_RUN_TO_END(env, CKXApiFixture::downloadTask(QStringLiteral("/big.bin"), size, local), &record, false);
-    QCOMPARE(int(record.code), code);
-    QCOMPARE(record.task.state, StateError);
+    KX_RUN_TO_END(env(), CKXApiFixture::downloadTask(QStringLiteral("/big.bin"), size, local), &record,
+                  false);
+    checkCode(record, code);
     QCOMPARE(record.task.errorInfo, text);
-    QCOMPARE(filesIn(m_folder), QStringList());
-    QCOMPARE(env.server().stats().value(QLatin1String("downloads")).toInt(), 0);
+    QCOMPARE(filesIn(folder()), QStringList());
+    QCOMPARE(env().server().stats().value(QLatin1String("downloads")).toInt(), 0);
 }
 
 void TestDiskFull::diskFillsWhileWriting_data()
@@ -189,46 +151,38 @@ void TestDiskFull::diskFillsWhileWriting()
     QFETCH(qint64, disk);
     QFETCH(qint64, size);
     QFETCH(int, requests);
-    KX_MOUNT_OR_SKIP(disk, 0);
-    CKXApiFixture& env = *m_env;
+    TmpfsMount small(folder(), disk, 0);
+    if (!small.mounted()) {
+        QSKIP(qPrintable(small.error()));
+    }
+    CKXServerProcess& server = env().server();
     const QByteArray content = randomBytes(size, int(size));
-    QVERIFY(env.putRemoteFile(QStringLiteral("/big.bin"), content));
-    QVERIFY(env.server().resetStats());
+    QVERIFY(env().putRemoteFile(QStringLiteral("/big.bin"), content));
+    QVERIFY(server.resetStats());
     // The answers are held until the filler has taken the space the checks saw.
-    QVERIFY(
-        env.server().armFault({{"op", "download"}, {"action", "delay"}, {"ms", 1500}, {"count", requests}}));
+    QVERIFY(server.armFault({{"op", "download"}, {"action", "delay"}, {"ms", 1500}, {"count", requests}}));
 
-    const QString local = m_folder + QStringLiteral("/big.bin");
+    const QString local = folder() + QStringLiteral("/big.bin");
     const SubTaskInfo task = CKXApiFixture::downloadTask(QStringLiteral("/big.bin"), size, local);
     const long long handle = CKXApiFixture::start(task);
-    QVERIFY(handle != 0);
     // Every request has passed its space check once the server holds all of them.
-    QTRY_VERIFY_WITH_TIMEOUT(env.server().stats().value(QLatin1String("requests")).toInt() >= requests,
-                             kFinishMs);
+    QTRY_VERIFY_WITH_TIMEOUT(server.stats().value(QLatin1String("requests")).toInt() >= requests, kFinishMs);
     QVERIFY(QFile::exists(KXUtil::tmpFile(local, task.subTaskId)));
-    QVERIFY(m_disk->fillLeaving(kMiB));
-
-    QTRY_VERIFY_WITH_TIMEOUT(CKXApiFixture::record(handle).finals > 0, kFinishMs);
-    QTRY_COMPARE_WITH_TIMEOUT(Transfer::transferCount(), 0, kFinishMs);
-    const ApiTaskRecord failed = CKXApiFixture::record(handle);
-    QCOMPARE(failed.finals, 1);
-    QVERIFY2(
-        failed.code == NoSpace,
-        qPrintable(QStringLiteral("code %1: %2").arg(QString::number(failed.code), failed.task.errorInfo)));
-    QCOMPARE(failed.task.errorInfo, QStringLiteral("空间不足 请释放空间后再尝试下载"));
+    QVERIFY(small.fillLeaving(kMiB));
+    ApiTaskRecord record;
+    waitForEnd(handle, &record);
+    checkCode(record, NoSpace);
+    QCOMPARE(record.task.errorInfo, QStringLiteral("空间不足 请释放空间后再尝试下载"));
     QVERIFY(!QFile::exists(local));
 
     // With the space back the same task completes the file.
-    QVERIFY(m_disk->removeFiller());
-    ApiTaskRecord resumed;
-    KX_RUN_TO_END(env, task, &resumed, false);
-    QVERIFY2(
-        resumed.code == NoError,
-        qPrintable(QStringLiteral("code %1: %2").arg(QString::number(resumed.code), resumed.task.errorInfo)));
+    QVERIFY(small.removeFiller());
+    KX_RUN_TO_END(env(), task, &record, false);
+    checkCode(record, NoError);
     const QByteArray got = readFile(local);
     QCOMPARE(got.size(), content.size());
     QCOMPARE(sha256Hex(got), sha256Hex(content));
-    QCOMPARE(filesIn(m_folder).join(QLatin1Char(' ')), QStringLiteral("big.bin"));
+    QCOMPARE(filesIn(folder()), QStringList{QStringLiteral("big.bin")});
 }
 
 QTEST_GUILESS_MAIN(TestDiskFull)
