@@ -81,12 +81,6 @@ void readAll(const ResponseData& response, unsigned pick)
 
 } // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***)
-{
-    kxFuzzPrivateHome();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     if (size < 3) {

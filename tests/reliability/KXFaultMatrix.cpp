@@ -25,7 +25,7 @@ QJsonObject KXFault::slow(const char* op, int count)
     return {{"op", op}, {"action", "delay"}, {"ms", 1500}, {"count", count}};
 }
 
-void CKXFaultMatrix::addColumns()
+void KXFault::addColumns()
 {
     QTest::addColumn<bool>("chunked");
     QTest::addColumn<QJsonObject>("fault");
@@ -34,9 +34,9 @@ void CKXFaultMatrix::addColumns()
     QTest::addColumn<int>("retries");
 }
 
-void CKXFaultMatrix::addRow(const char* name, bool chunked, const QJsonObject& fault, int expected,
-                            int restartAt, int retries)
+void KXFault::row(const char* name, const QJsonObject& fault, int expected, int restartAt, int retries)
 {
+    const bool chunked = QByteArray(name).startsWith("chunked");
     QTest::newRow(name) << chunked << fault << expected << restartAt << retries;
 }
 

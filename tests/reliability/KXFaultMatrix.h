@@ -20,20 +20,19 @@ QJsonObject refusal(const char* op, int status, const char* code, int nth = 1);
 QJsonObject held(const char* op, int nth);
 // `count` requests are answered late, though in time.
 QJsonObject slow(const char* op, int count);
+
+// The columns every row of a table fills: chunked (bool, the rows whose name starts with
+// "chunked"), fault (QJsonObject, empty for none), restartAt (int: 0, or the request count at which
+// the held request is in flight and the server is killed and started again), retries (int, the
+// library's transport retries) and expected (int: an ErrorCode, an HTTP status or kTransportFailure).
+void addColumns();
+void row(const char* name, const QJsonObject& fault, int expected, int restartAt = 0, int retries = 3);
 } // namespace KXFault
 
 class CKXFaultMatrix
 {
 public:
     explicit CKXFaultMatrix(CKXApiFixture& env) : m_env(env) {}
-
-    // The columns every row fills: chunked (bool), fault (QJsonObject, empty for none),
-    // restartAt (int: 0, or the request count at which the held request is in flight and the
-    // server is killed and started again), retries (int, the library's transport retries) and
-    // expected (int: an ErrorCode, an HTTP status or kTransportFailure).
-    static void addColumns();
-    static void addRow(const char* name, bool chunked, const QJsonObject& fault, int expected,
-                       int restartAt = 0, int retries = 3);
 
     // Starts the task under the row's fault and waits for its end; `out` gets what was reported.
     // Fails the current test when the task hangs or reports more than once.

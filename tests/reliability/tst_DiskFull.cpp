@@ -8,18 +8,18 @@
 
 #include <QDir>
 #include <QFile>
+#include <QStorageInfo>
 #include <QTest>
 
+#include <fcntl.h>
 #include <sys/mount.h>
-#include <sys/statvfs.h>
 
 #include <cerrno>
 #include <cstring>
 
 namespace {
 
-const qint64 kKiB = 1024;
-const qint64 kMiB = 1024 * kKiB;
+const qint64 kMiB = 1024 * 1024;
 
 // A tmpfs of a given size on an empty folder, unmounted again by the destructor.
 class TmpfsMount
@@ -29,9 +29,8 @@ public:
     {
         QDir().mkpath(folder);
         const QByteArray options = "size=" + QByteArray::number(bytes);
-        m_mounted =
-            ::mount("tmpfs", QFile::encodeName(folder).constData(), "tmpfs", flags, options.constData()) == 0;
-        if (!m_mounted) {
+        if (::mount("tmpfs", QFile::encodeName(folder).constData(), "tmpfs", flags, options.constData()) !=
+            0) {
             m_error = QStringLiteral("cannot mount a tmpfs here (%1); the disk-full tests need root or "
                                      "CAP_SYS_ADMIN")
                           .arg(QString::fromLocal8Bit(std::strerror(errno)));
@@ -39,42 +38,24 @@ public:
     }
     ~TmpfsMount()
     {
-        if (m_mounted) {
+        if (mounted()) {
             ::umount2(QFile::encodeName(m_folder).constData(), MNT_DETACH);
         }
     }
-    bool mounted() const { return m_mounted; }
+    bool mounted() const { return m_error.isEmpty(); }
     QString error() const { return m_error; }
-
-    qint64 available() const
-    {
-        struct statvfs info;
-        if (::statvfs(QFile::encodeName(m_folder).constData(), &info) != 0) {
-            return -1;
-        }
-        return qint64(info.f_bavail) * qint64(info.f_frsize);
-    }
 
     // Takes all but `leave` bytes of the free space with a file of its own.
     bool fillLeaving(qint64 leave)
     {
         QFile filler(m_folder + QStringLiteral("/filler"));
-        if (!filler.open(QIODevice::WriteOnly | QIODevice::Append)) {
-            return false;
-        }
-        const QByteArray piece(int(64 * kKiB), 'f');
-        for (qint64 want = available() - leave; want > 0; want -= piece.size()) {
-            if (filler.write(piece.constData(), qMin<qint64>(want, piece.size())) < 0) {
-                return false;
-            }
-        }
-        return filler.flush();
+        const qint64 take = QStorageInfo(m_folder).bytesAvailable() - leave;
+        return filler.open(QIODevice::WriteOnly) && ::posix_fallocate(filler.handle(), 0, take) == 0;
     }
     bool removeFiller() { return QFile::remove(m_folder + QStringLiteral("/filler")); }
 
 private:
     QString m_folder;
-    bool m_mounted = false;
     QString m_error;
 };
 

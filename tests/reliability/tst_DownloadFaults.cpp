@@ -21,33 +21,24 @@ private slots:
 
 void TestDownloadFaults::download_data()
 {
-    CKXFaultMatrix::addColumns();
-    const bool whole = false;
-    const bool chunked = true;
+    addColumns();
     const char* op = "download";
     // A whole-file download reports the HTTP status of an error answer as its code.
-    CKXFaultMatrix::addRow("whole: answered 500", whole, refusal(op, 500, "internal"), 500);
-    CKXFaultMatrix::addRow("whole: answered 403, virus", whole, refusal(op, 403, "download_file_VirusF"),
-                           403);
+    row("whole: answered 500", refusal(op, 500, "internal"), 500);
+    row("whole: answered 403, virus", refusal(op, 403, "download_file_VirusF"), 403);
     // Half of the body arrives: the library cannot repeat a download it has handed bytes on from.
-    CKXFaultMatrix::addRow("whole: connection dropped mid-body", whole, act(op, "drop"), kTransportFailure);
-    CKXFaultMatrix::addRow("whole: slow answer", whole, slow(op, 1), NoError);
-    CKXFaultMatrix::addRow("whole: server restarted, no retries", whole, held(op, 1), kTransportFailure, 1,
-                           0);
-    CKXFaultMatrix::addRow("whole: server restarted, retries bridge it", whole, held(op, 1), NoError, 1, 8);
+    row("whole: connection dropped mid-body", act(op, "drop"), kTransportFailure);
+    row("whole: slow answer", slow(op, 1), NoError);
+    row("whole: server restarted, no retries", held(op, 1), kTransportFailure, 1, 0);
+    row("whole: server restarted, retries bridge it", held(op, 1), NoError, 1, 8);
 
     // A chunked download fetches its three blocks at once, each with a ranged request.
-    CKXFaultMatrix::addRow("chunked: block answered 500", chunked, refusal(op, 500, "internal", 2),
-                           ServerError);
-    CKXFaultMatrix::addRow("chunked: block answered 404", chunked, refusal(op, 404, "nameentry_not_exist", 3),
-                           SourceNotFound);
-    CKXFaultMatrix::addRow("chunked: block connection dropped mid-body", chunked, act(op, "drop", 2),
-                           kTransportFailure);
-    CKXFaultMatrix::addRow("chunked: slow block answers", chunked, slow(op, 3), NoError);
-    CKXFaultMatrix::addRow("chunked: server restarted, no retries", chunked, held(op, 2), kTransportFailure,
-                           2, 0);
-    CKXFaultMatrix::addRow("chunked: server restarted, retries bridge it", chunked, held(op, 2), NoError, 2,
-                           8);
+    row("chunked: block answered 500", refusal(op, 500, "internal", 2), ServerError);
+    row("chunked: block answered 404", refusal(op, 404, "nameentry_not_exist", 3), SourceNotFound);
+    row("chunked: block connection dropped mid-body", act(op, "drop", 2), kTransportFailure);
+    row("chunked: slow block answers", slow(op, 3), NoError);
+    row("chunked: server restarted, no retries", held(op, 2), kTransportFailure, 2, 0);
+    row("chunked: server restarted, retries bridge it", held(op, 2), NoError, 2, 8);
 }
 
 void TestDownloadFaults::download()

@@ -7,8 +7,8 @@
 #include "ServerApiConfig.h"
 
 #include <QDir>
-#include <QFile>
 #include <QRandomGenerator>
+#include <QRegularExpression>
 #include <QTest>
 
 #include <malloc.h>
@@ -43,16 +43,9 @@ int threadCount()
 
 qint64 residentBytes()
 {
-    QFile status(QStringLiteral("/proc/self/status"));
-    if (!status.open(QIODevice::ReadOnly)) {
-        return -1;
-    }
-    for (const QByteArray& line : status.readAll().split('\n')) {
-        if (line.startsWith("VmRSS:")) {
-            return line.mid(6).trimmed().split(' ').first().toLongLong() * 1024;
-        }
-    }
-    return -1;
+    const QRegularExpression vmRss(QStringLiteral("VmRSS:\\s*(\\d+) kB"));
+    const QRegularExpressionMatch match = vmRss.match(QString::fromLatin1(readFile("/proc/self/status")));
+    return match.hasMatch() ? match.captured(1).toLongLong() * 1024 : -1;
 }
 
 // Memory the process has freed but the allocator still holds is given back before measuring.

@@ -19,51 +19,34 @@ private slots:
 
 void TestUploadFaults::upload_data()
 {
-    CKXFaultMatrix::addColumns();
-    const bool whole = false;
-    const bool chunked = true;
+    addColumns();
     // Requests of a whole-file upload: authorisation, then the file.
-    CKXFaultMatrix::addRow("whole: file answered 500", whole, refusal("file_upload", 500, "internal"),
-                           ServerError);
-    CKXFaultMatrix::addRow("whole: quota refused", whole, refusal("file_upload", 507, "space limit"),
-                           NoSpace);
-    CKXFaultMatrix::addRow("whole: authorisation refused, file locked", whole,
-                           refusal("auth", 423, "file is locked"), FileLocked);
+    row("whole: file answered 500", refusal("file_upload", 500, "internal"), ServerError);
+    row("whole: quota refused", refusal("file_upload", 507, "space limit"), NoSpace);
+    row("whole: authorisation refused, file locked", refusal("auth", 423, "file is locked"), FileLocked);
     // The library never repeats a whole-file upload, but libcurl sends a request again when a kept
     // connection dies before any answer, once per kept connection: enough drops reach the engine.
-    CKXFaultMatrix::addRow("whole: connection dropped mid-body", whole, act("file_upload", "drop", 1, 20),
-                           kTransportFailure);
-    CKXFaultMatrix::addRow("whole: slow answer", whole, slow("file_upload", 1), NoError);
-    CKXFaultMatrix::addRow("whole: server restarted", whole, held("file_upload", 1), kTransportFailure, 2);
+    row("whole: connection dropped mid-body", act("file_upload", "drop", 1, 20), kTransportFailure);
+    row("whole: slow answer", slow("file_upload", 1), NoError);
+    row("whole: server restarted", held("file_upload", 1), kTransportFailure, 2);
 
     // Requests of a chunked upload: authorisation, one hash query and one block upload per block
     // (three blocks at once), then the commit.
-    CKXFaultMatrix::addRow("chunked: block answered 500", chunked,
-                           refusal("block_upload", 500, "internal", 2), ServerError);
-    CKXFaultMatrix::addRow("chunked: hash query answered 500", chunked, refusal("hash", 500, "internal", 3),
-                           ServerError);
+    row("chunked: block answered 500", refusal("block_upload", 500, "internal", 2), ServerError);
+    row("chunked: hash query answered 500", refusal("hash", 500, "internal", 3), ServerError);
     // Block uploads are safe to repeat: one drop is absorbed by a retry, endless drops are not.
-    CKXFaultMatrix::addRow("chunked: one block connection dropped", chunked, act("block_upload", "drop", 2),
-                           NoError);
-    CKXFaultMatrix::addRow("chunked: every block connection dropped", chunked,
-                           act("block_upload", "drop", 1, 100), kTransportFailure);
-    CKXFaultMatrix::addRow("chunked: slow block answers", chunked, slow("block_upload", 3), NoError);
-    CKXFaultMatrix::addRow("chunked: wrong block hash", chunked, act("block_upload", "wrong_hash", 2),
-                           UploadHashError);
-    CKXFaultMatrix::addRow("chunked: commit refused, target exists", chunked,
-                           refusal("commit", 409, "target name exists"), TargetExists);
-    CKXFaultMatrix::addRow("chunked: commit refused, 500", chunked, refusal("commit", 500, "internal"),
-                           ServerError);
-    CKXFaultMatrix::addRow("chunked: commit connection dropped", chunked, act("commit", "drop", 1, 20),
-                           kTransportFailure);
+    row("chunked: one block connection dropped", act("block_upload", "drop", 2), NoError);
+    row("chunked: every block connection dropped", act("block_upload", "drop", 1, 100), kTransportFailure);
+    row("chunked: slow block answers", slow("block_upload", 3), NoError);
+    row("chunked: wrong block hash", act("block_upload", "wrong_hash", 2), UploadHashError);
+    row("chunked: commit refused, target exists", refusal("commit", 409, "target name exists"), TargetExists);
+    row("chunked: commit refused, 500", refusal("commit", 500, "internal"), ServerError);
+    row("chunked: commit connection dropped", act("commit", "drop", 1, 20), kTransportFailure);
     // The sixth request is the second block upload: auth, three hash queries and the first block
     // have all been sent by then.
-    CKXFaultMatrix::addRow("chunked: server restarted, no retries", chunked, held("block_upload", 2),
-                           kTransportFailure, 6, 0);
-    CKXFaultMatrix::addRow("chunked: server restarted, retries bridge it", chunked, held("block_upload", 2),
-                           NoError, 6, 8);
-    CKXFaultMatrix::addRow("chunked: server restarted during commit", chunked, held("commit", 1),
-                           kTransportFailure, 8);
+    row("chunked: server restarted, no retries", held("block_upload", 2), kTransportFailure, 6, 0);
+    row("chunked: server restarted, retries bridge it", held("block_upload", 2), NoError, 6, 8);
+    row("chunked: server restarted during commit", held("commit", 1), kTransportFailure, 8);
 }
 
 void TestUploadFaults::upload()
