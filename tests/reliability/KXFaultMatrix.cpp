@@ -40,37 +40,19 @@ void KXFault::row(const char* name, const QJsonObject& fault, int expected, int 
     QTest::newRow(name) << chunked << fault << expected << restartAt << retries;
 }
 
-void CKXFaultMatrix::setRetries(int retries)
+namespace {
+
+void setRetries(CKXApiFixture& env, int retries)
 {
     ServerApi::Config config = ServerApi::config();
-    config.baseUrl = m_env.server().baseUrl();
+    config.baseUrl = env.server().baseUrl();
     config.maxRetries = retries;
     ServerApi::configure(config);
 }
 
-void CKXFaultMatrix::runFaulted(const SubTaskInfo& task, const QJsonObject& fault, int restartAt, int retries,
-                                ApiTaskRecord* out)
+void restartWhenHeld(CKXApiFixture& env, int requests)
 {
-    CKXServerProcess& server = m_env.server();
-    QVERIFY(server.resetStats());
-    if (!fault.isEmpty()) {
-        QVERIFY(server.armFault(fault));
-    }
-    setRetries(retries);
-    const long long handle = CKXApiFixture::start(task);
-    QVERIFY(handle != 0);
-    if (restartAt > 0) {
-        restartWhenHeld(restartAt);
-        if (QTest::currentTestFailed()) {
-            return;
-        }
-    }
-    waitForEnd(handle, out);
-}
-
-void CKXFaultMatrix::restartWhenHeld(int requests)
-{
-    CKXServerProcess& server = m_env.server();
+    CKXServerProcess& server = env.server();
     // The held request has arrived once the server has seen `requests` requests; it stays in flight
     // for as long as its delay lasts, far longer than this wait.
     QTRY_VERIFY_WITH_TIMEOUT(server.stats().value(QLatin1String("requests")).toInt() >= requests &&
@@ -79,16 +61,45 @@ void CKXFaultMatrix::restartWhenHeld(int requests)
     server.kill9();
     QVERIFY2(server.restart(), qPrintable(server.errorString()));
     // The port stays unless another process took it meanwhile.
-    setRetries(ServerApi::config().maxRetries);
+    setRetries(env, ServerApi::config().maxRetries);
 }
 
-void CKXFaultMatrix::resume(const SubTaskInfo& task)
+void run(CKXApiFixture& env, const SubTaskInfo& task, const QJsonObject& fault, int restartAt, int retries,
+         int expected)
 {
-    QVERIFY(m_env.server().clearFaults());
-    ApiTaskRecord record;
-    runFaulted(task, QJsonObject(), 0, ServerApi::Config().maxRetries, &record);
-    if (QTest::currentTestFailed()) {
-        return;
+    QVERIFY(env.server().resetStats());
+    if (!fault.isEmpty()) {
+        QVERIFY(env.server().armFault(fault));
     }
-    checkCode(record, NoError);
+    setRetries(env, retries);
+    const long long handle = CKXApiFixture::start(task);
+    QVERIFY(handle != 0);
+    if (restartAt > 0) {
+        restartWhenHeld(env, restartAt);
+        if (QTest::currentTestFailed()) {
+            return;
+        }
+    }
+    ApiTaskRecord record;
+    waitForEnd(handle, &record);
+    if (!QTest::currentTestFailed()) {
+        checkCode(record, expected);
+    }
+}
+
+} // namespace
+
+void KXFault::runRow(CKXApiFixture& env, const SubTaskInfo& task)
+{
+    QFETCH(QJsonObject, fault);
+    QFETCH(int, expected);
+    QFETCH(int, restartAt);
+    QFETCH(int, retries);
+    run(env, task, fault, restartAt, retries, expected);
+}
+
+void KXFault::resume(CKXApiFixture& env, const SubTaskInfo& task)
+{
+    QVERIFY(env.server().clearFaults());
+    run(env, task, QJsonObject(), 0, ServerApi::Config().maxRetries, NoError);
 }

@@ -3,8 +3,7 @@
 // The rows of a fault table and the steps every row takes: arm a fault on kxserver (or restart the
 // server while one request is held there), run the task through the public API to its one final
 // callback, check the code it reported, and later run the same sub-task again with the fault gone.
-//
-// Created by a test function on the test thread over that test's CKXApiFixture, which outlives it.
+// Called on the test thread by a table's test function, over that test's CKXApiFixture.
 
 #include "KXReliabilityTest.h"
 
@@ -27,24 +26,11 @@ QJsonObject slow(const char* op, int count);
 // library's transport retries) and expected (int: an ErrorCode, an HTTP status or kTransportFailure).
 void addColumns();
 void row(const char* name, const QJsonObject& fault, int expected, int restartAt = 0, int retries = 3);
+
+// Runs the task under the current row's fault to its one final callback and checks the code the
+// row expects; fails the current test when the task hangs, reports twice or reports another code.
+void runRow(CKXApiFixture& env, const SubTaskInfo& task);
+// Clears every fault, gives the library its usual retries and runs the same sub-task again; it
+// must now succeed.
+void resume(CKXApiFixture& env, const SubTaskInfo& task);
 } // namespace KXFault
-
-class CKXFaultMatrix
-{
-public:
-    explicit CKXFaultMatrix(CKXApiFixture& env) : m_env(env) {}
-
-    // Starts the task under the row's fault and waits for its end; `out` gets what was reported.
-    // Fails the current test when the task hangs or reports more than once.
-    void runFaulted(const SubTaskInfo& task, const QJsonObject& fault, int restartAt, int retries,
-                    ApiTaskRecord* out);
-    // Clears every fault, gives the library its usual retries and runs the same sub-task again;
-    // it must now succeed.
-    void resume(const SubTaskInfo& task);
-
-private:
-    void setRetries(int retries);
-    void restartWhenHeld(int requests);
-
-    CKXApiFixture& m_env;
-};

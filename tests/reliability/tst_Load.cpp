@@ -41,18 +41,13 @@ int threadCount()
     return QDir(QStringLiteral("/proc/self/task")).entryList(QDir::Dirs | QDir::NoDotAndDotDot).size();
 }
 
-qint64 residentBytes()
-{
-    const QRegularExpression vmRss(QStringLiteral("VmRSS:\\s*(\\d+) kB"));
-    const QRegularExpressionMatch match = vmRss.match(QString::fromLatin1(readFile("/proc/self/status")));
-    return match.hasMatch() ? match.captured(1).toLongLong() * 1024 : -1;
-}
-
 // Memory the process has freed but the allocator still holds is given back before measuring.
 qint64 settledResidentBytes()
 {
     ::malloc_trim(0);
-    return residentBytes();
+    const QRegularExpression vmRss(QStringLiteral("VmRSS:\\s*(\\d+) kB"));
+    const QRegularExpressionMatch match = vmRss.match(QString::fromLatin1(readFile("/proc/self/status")));
+    return match.hasMatch() ? match.captured(1).toLongLong() * 1024 : -1;
 }
 
 qint64 allocatedBytes()
@@ -88,27 +83,19 @@ QList<LoadTask> TestLoad::prepare()
     QRandomGenerator random(4242);
     QList<LoadTask> tasks;
     for (int i = 0; i < kTasks; ++i) {
-        const bool chunked = i < kChunked;
-        const bool upload = i % 2 == 0;
-        const qint64 size =
-            chunked ? 5 * kMiB + qint64(random.bounded(4 * int(kMiB))) : qint64(random.bounded(256 * 1024));
+        const qint64 size = i < kChunked ? 5 * kMiB + qint64(random.bounded(4 * int(kMiB)))
+                                         : qint64(random.bounded(256 * 1024));
         const QByteArray content = randomBytes(size, 1000 + i);
         const QString name = QStringLiteral("load-%1.bin").arg(i);
         const QString remote = QStringLiteral("/load/") + name;
         LoadTask load;
         load.sha = sha256Hex(content);
-        if (upload) {
-            const QString local = env().localPath(QStringLiteral("up/") + name);
-            if (!writeFile(local, content)) {
-                return {};
-            }
-            load.task = CKXApiFixture::uploadTask(local, remote);
-        } else {
-            if (!env().putRemoteFile(remote, content)) {
-                return {};
-            }
-            load.task =
-                CKXApiFixture::downloadTask(remote, size, env().localPath(QStringLiteral("down/") + name));
+        const QString local = env().localPath(QStringLiteral("local/") + name);
+        const bool upload = i % 2 == 0;
+        load.task = upload ? CKXApiFixture::uploadTask(local, remote)
+                           : CKXApiFixture::downloadTask(remote, size, local);
+        if (!(upload ? writeFile(local, content) : env().putRemoteFile(remote, content))) {
+            return {};
         }
         tasks << load;
     }
