@@ -109,8 +109,7 @@ void TestLoad::checkOutcomes(const QList<LoadTask>& tasks)
         const QString what = load.task.remoteFile.path;
         QVERIFY2(record.finals == 1,
                  qPrintable(QStringLiteral("%1: %2 final callbacks").arg(what).arg(record.finals)));
-        QVERIFY2(record.code == NoError,
-                 qPrintable(QStringLiteral("%1: code %2").arg(what).arg(record.code)));
+        checkCode(record, NoError);
         QByteArray content;
         if (load.task.isUpload) {
             QVERIFY(env().readRemoteFile(what, &content));
