@@ -53,16 +53,12 @@ void readAll(const ResponseData& response, unsigned pick)
         parser.uploadId();
         break;
     }
-    case 4: {
-        const CKXUploadParse parser = parsed<CKXUploadParse>(response);
-        parser.path();
+    case 4:
+        parsed<CKXUploadParse>(response).path();
         break;
-    }
-    case 5: {
-        const CKXAuthUplaodParse parser = parsed<CKXAuthUplaodParse>(response);
-        parser.getDataServerHost();
+    case 5:
+        parsed<CKXAuthUplaodParse>(response).getDataServerHost();
         break;
-    }
     case 6: {
         const CKXDeliveryAuthUploadParse parser = parsed<CKXDeliveryAuthUploadParse>(response);
         parser.deliverySessionId();

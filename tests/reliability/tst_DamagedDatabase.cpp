@@ -11,8 +11,6 @@
 #include <QFile>
 #include <QTest>
 
-#include <memory>
-
 namespace {
 
 const qint64 kChunkedSize = 2 * 4194304 + 777;
