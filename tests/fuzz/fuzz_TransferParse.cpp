@@ -53,16 +53,12 @@ void readAll(const ResponseData& response, unsigned pick)
         parser.uploadId();
         break;
     }
-    case 4: {
-        const CKXUploadParse parser = parsed<CKXUploadParse>(response);
-        parser.path();
+    case 4:
+        parsed<CKXUploadParse>(response).path();
         break;
-    }
-    case 5: {
-        const CKXAuthUplaodParse parser = parsed<CKXAuthUplaodParse>(response);
-        parser.getDataServerHost();
+    case 5:
+        parsed<CKXAuthUplaodParse>(response).getDataServerHost();
         break;
-    }
     case 6: {
         const CKXDeliveryAuthUploadParse parser = parsed<CKXDeliveryAuthUploadParse>(response);
         parser.deliverySessionId();
@@ -80,12 +76,6 @@ void readAll(const ResponseData& response, unsigned pick)
 }
 
 } // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***)
-{
-    kxFuzzPrivateHome();
-    return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {

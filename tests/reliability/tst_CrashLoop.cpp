@@ -4,14 +4,11 @@
 // is identical to its source, and the server never receives much more than the file: each kill
 // costs at most the blocks that were in flight.
 
-#include "KXApiFixture.h"
-#include "KXServerProcess.h"
-#include "KXTestHttp.h"
+#include "KXReliabilityTest.h"
 #include "KXUtil.h"
 
 #include <QProcess>
 #include <QRandomGenerator>
-#include <QTemporaryDir>
 #include <QTest>
 
 namespace {
@@ -25,13 +22,38 @@ const quint32 kSeed = 20260522;
 // The server holds every block request this long, so that a run lasts long enough to be cut.
 const int kBlockDelayMs = 300;
 
-// One run of the runner executable.
+// One task of the loop: a file that goes up, or comes down, under a sub-task id of its own.
+struct Job
+{
+    bool download;
+    QString id;
+    QString local;
+    QString remote;
+    QString sha;
+};
+
+// One run of the runner executable on `job`, with a home of its own for its database.
 class Runner
 {
 public:
-    explicit Runner(const QStringList& args)
+    Runner(CKXApiFixture& env, const Job& job)
     {
+        const QString home = env.localPath(QStringLiteral("runner-home"));
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert(QStringLiteral("HOME"), home);
+        environment.insert(QStringLiteral("XDG_DATA_HOME"), home + QStringLiteral("/data"));
+        m_process.setProcessEnvironment(environment);
         m_process.setProgram(QStringLiteral(KX_BIN_DIR "/kx_chunked_runner"));
+        QStringList args{QStringLiteral("--base"),        env.server().baseUrl(),
+                         QStringLiteral("--token"),       env.server().token(),
+                         QStringLiteral("--id"),          job.id,
+                         QStringLiteral("--local"),       job.local,
+                         QStringLiteral("--remote"),      job.remote,
+                         QStringLiteral("--size"),        QString::number(kSize),
+                         QStringLiteral("--concurrency"), QString::number(kConcurrency)};
+        if (job.download) {
+            args << QStringLiteral("--download");
+        }
         m_process.setArguments(args);
         m_process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
         m_process.start();
@@ -47,125 +69,62 @@ public:
     }
     void kill9()
     {
-        if (m_process.state() != QProcess::NotRunning) {
-            m_process.kill(); // SIGKILL: no handler, no clean-up
-            m_process.waitForFinished();
-        }
+        m_process.kill(); // SIGKILL: no handler, no clean-up; a no-op once the process has ended
+        m_process.waitForFinished();
     }
     // The runner's last line: "done <code> <state>" after a final callback.
     QString lastLine()
     {
-        QString last;
-        for (const QByteArray& line : m_process.readAll().split('\n')) {
-            if (!line.trimmed().isEmpty()) {
-                last = QString::fromUtf8(line.trimmed());
-            }
-        }
-        return last;
+        return QString::fromUtf8(m_process.readAll().trimmed().split('\n').last().trimmed());
     }
 
 private:
     QProcess m_process;
 };
 
-// One task of the loop: a file that goes up, or comes down, under a sub-task id of its own.
-struct Job
-{
-    QString id;
-    QString local;
-    QString remote;
-    QString sha;
-};
-
 } // namespace
 
-class TestCrashLoop : public QObject
+class TestCrashLoop : public CKXReliabilityTest
 {
     Q_OBJECT
 
 private slots:
-    void initTestCase();
-    void init();
-
     void killedAgainAndAgain_data();
     void killedAgainAndAgain();
     void killedWhileFinishingDownload();
 
 private:
     Job newJob(bool download, int n);
-    QStringList runnerArgs(const Job& job, bool download) const;
     // The job's file is complete and identical at its destination.
-    void checkDone(const Job& job, bool download);
-    qint64 stat(const char* name) { return qint64(m_server.stats().value(QLatin1String(name)).toDouble()); }
-
-    QTemporaryDir m_home;
-    QTemporaryDir m_work;
-    CKXServerProcess m_server;
+    void checkDone(const Job& job);
+    qint64 stat(const char* name)
+    {
+        return qint64(env().server().stats().value(QLatin1String(name)).toDouble());
+    }
 };
-
-void TestCrashLoop::initTestCase()
-{
-    QVERIFY(m_home.isValid() && m_work.isValid());
-    // The runners keep their databases here.
-    qputenv("XDG_DATA_HOME", m_home.path().toUtf8() + "/data");
-    qputenv("HOME", m_home.path().toUtf8());
-    QVERIFY2(m_server.start(), qPrintable(m_server.errorString()));
-}
-
-void TestCrashLoop::init()
-{
-    QVERIFY(m_server.clearFaults());
-    QVERIFY(m_server.resetStats());
-}
 
 Job TestCrashLoop::newJob(bool download, int n)
 {
     const QString name = QStringLiteral("%1-%2.bin").arg(download ? "down" : "up").arg(n);
     const QByteArray content = randomBytes(kSize, int(kSeed) + n * 2 + (download ? 1 : 0));
-    Job job{QStringLiteral("crash-") + name, m_work.filePath(name), QStringLiteral("/crash/") + name,
-            sha256Hex(content)};
-    if (!download) {
-        return writeFile(job.local, content) ? job : Job();
-    }
-    const TestHttpReply put =
-        CKXTestHttp::put(m_server.baseUrl() + QStringLiteral("/v1/files?overwrite=true&path=") +
-                             CKXTestHttp::encode(job.remote),
-                         content, m_server.sessionHeader());
-    return put.status == 200 ? job : Job();
+    const Job job{download, QStringLiteral("crash-") + name, env().localPath(name),
+                  QStringLiteral("/crash/") + name, sha256Hex(content)};
+    const bool stored = download ? env().putRemoteFile(job.remote, content) : writeFile(job.local, content);
+    return stored ? job : Job();
 }
 
-QStringList TestCrashLoop::runnerArgs(const Job& job, bool download) const
-{
-    QStringList args = {QStringLiteral("--base"),        m_server.baseUrl(),
-                        QStringLiteral("--token"),       m_server.token(),
-                        QStringLiteral("--id"),          job.id,
-                        QStringLiteral("--local"),       job.local,
-                        QStringLiteral("--remote"),      job.remote,
-                        QStringLiteral("--size"),        QString::number(kSize),
-                        QStringLiteral("--concurrency"), QString::number(kConcurrency)};
-    if (download) {
-        args << QStringLiteral("--download");
-    }
-    return args;
-}
-
-void TestCrashLoop::checkDone(const Job& job, bool download)
+void TestCrashLoop::checkDone(const Job& job)
 {
     QByteArray content;
-    if (download) {
+    if (job.download) {
         content = readFile(job.local);
         QVERIFY(!QFile::exists(KXUtil::tmpFile(job.local, job.id)));
     } else {
-        const TestHttpReply got = CKXTestHttp::get(m_server.baseUrl() + QStringLiteral("/v1/files?path=") +
-                                                       CKXTestHttp::encode(job.remote),
-                                                   m_server.sessionHeader());
-        QCOMPARE(got.status, 200);
-        content = got.body;
+        QVERIFY(env().readRemoteFile(job.remote, &content));
     }
     QCOMPARE(qint64(content.size()), kSize);
     QCOMPARE(sha256Hex(content), job.sha);
 }
-
 void TestCrashLoop::killedAgainAndAgain_data()
 {
     QTest::addColumn<bool>("download");
@@ -178,8 +137,8 @@ void TestCrashLoop::killedAgainAndAgain()
     QFETCH(bool, download);
     const char* blockOp = download ? "download" : "block_upload";
     const char* bytesStat = download ? "download_bytes" : "block_bytes";
-    QVERIFY(
-        m_server.armFault({{"op", blockOp}, {"action", "delay"}, {"ms", kBlockDelayMs}, {"count", 100000}}));
+    QVERIFY(env().server().armFault(
+        {{"op", blockOp}, {"action", "delay"}, {"ms", kBlockDelayMs}, {"count", 100000}}));
     QRandomGenerator random(kSeed);
     int kills = 0;
     int completed = 0;
@@ -191,7 +150,7 @@ void TestCrashLoop::killedAgainAndAgain()
     // A job that completes between two kills is checked and replaced by a new one, so that every
     // round is killed during some chunked transfer; after the last kill the job runs to its end.
     for (;;) {
-        Runner runner(runnerArgs(job, download));
+        Runner runner(env(), job);
         QVERIFY(runner.started(kWaitMs));
         // Anywhere from hashing the first blocks to committing or moving the file into place.
         if (kills < kKills && !runner.finished(int(random.bounded(20, 900)))) {
@@ -201,7 +160,7 @@ void TestCrashLoop::killedAgainAndAgain()
         }
         QVERIFY(runner.finished(kWaitMs));
         QCOMPARE(runner.lastLine(), QStringLiteral("done 0 64"));
-        checkDone(job, download);
+        checkDone(job);
         if (QTest::currentTestFailed()) {
             return;
         }
@@ -227,26 +186,27 @@ void TestCrashLoop::killedWhileFinishingDownload()
 {
     const Job job = newJob(true, 1000);
     QVERIFY(!job.id.isEmpty());
-    QVERIFY(m_server.resetStats());
+    QVERIFY(env().server().resetStats());
     // The download reports itself to the server after the file is in place; that report, the
     // request after the seven blocks, is held until the client is gone.
-    QVERIFY(m_server.armFault({{"op", "log"}, {"action", "delay"}, {"ms", 30000}}));
+    QVERIFY(env().server().armFault({{"op", "log"}, {"action", "delay"}, {"ms", 30000}}));
     {
-        Runner runner(runnerArgs(job, true));
+        Runner runner(env(), job);
         QTRY_VERIFY_WITH_TIMEOUT(stat("requests") >= 8, kWaitMs);
         QVERIFY(QFile::exists(job.local));
         runner.kill9();
     }
     QVERIFY(!QFile::exists(KXUtil::tmpFile(job.local, job.id)));
-    QVERIFY(m_server.clearFaults());
-    QVERIFY(m_server.resetStats());
+    // The held report no longer matters; a server started again has no faults and fresh counts.
+    env().server().kill9();
+    QVERIFY2(env().server().restart(), qPrintable(env().server().errorString()));
 
     // The next run finds the task complete and moves nothing again.
-    Runner again(runnerArgs(job, true));
+    Runner again(env(), job);
     QVERIFY(again.finished(kWaitMs));
     QCOMPARE(again.lastLine(), QStringLiteral("done 0 64"));
     QCOMPARE(stat("downloads"), qint64(0));
-    checkDone(job, true);
+    checkDone(job);
 }
 
 QTEST_GUILESS_MAIN(TestCrashLoop)

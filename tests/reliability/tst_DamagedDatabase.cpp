@@ -11,8 +11,6 @@
 #include <QFile>
 #include <QTest>
 
-#include <memory>
-
 namespace {
 
 const qint64 kChunkedSize = 2 * 4194304 + 777;
@@ -51,16 +49,18 @@ void TestDamagedDatabase::garbageInPlaceOfTheDatabase()
     QVERIFY2(env.setUp(), qPrintable(env.errorString()));
     const QString home = QString::fromLocal8Bit(qgetenv("HOME"));
     const QString database = home + QStringLiteral("/data/Transfer/transfer.db");
+    const auto local = [&env](const char* name) {
+        return env.localPath(QLatin1String(name));
+    };
 
     // A first task leaves a good database behind; a copy of it is kept aside.
-    const QString first = env.localPath(QStringLiteral("first.txt"));
-    QVERIFY(writeFile(first, "first"));
+    QVERIFY(writeFile(local("first.txt"), "first"));
     ApiTaskRecord record;
-    KX_RUN_TO_END(env, CKXApiFixture::uploadTask(first, QStringLiteral("/db/first.txt")), &record, false);
+    KX_RUN_TO_END(env, CKXApiFixture::uploadTask(local("first.txt"), QStringLiteral("/db/first.txt")),
+                  &record, false);
     QCOMPARE(record.code, NoError);
     QVERIFY(QFile::exists(database));
-    const QString good = env.localPath(QStringLiteral("good.db"));
-    QVERIFY(QFile::copy(database, good));
+    QVERIFY(QFile::copy(database, local("good.db")));
 
     const QByteArray garbage = randomBytes(64 * 1024, 99);
     QVERIFY(replaceFile(database, garbage));
@@ -68,14 +68,12 @@ void TestDamagedDatabase::garbageInPlaceOfTheDatabase()
     // Nothing can be stored, but files still move, whole and in blocks, both ways.
     const QByteArray small = randomBytes(5000, 1);
     const QByteArray big = randomBytes(kChunkedSize, 2);
-    QVERIFY(writeFile(env.localPath(QStringLiteral("small.bin")), small));
-    QVERIFY(writeFile(env.localPath(QStringLiteral("big.bin")), big));
+    QVERIFY(writeFile(local("small.bin"), small));
+    QVERIFY(writeFile(local("big.bin"), big));
     const SubTaskInfo tasks[] = {
-        CKXApiFixture::uploadTask(env.localPath(QStringLiteral("small.bin")),
-                                  QStringLiteral("/db/small.bin")),
-        CKXApiFixture::uploadTask(env.localPath(QStringLiteral("big.bin")), QStringLiteral("/db/big.bin")),
-        CKXApiFixture::downloadTask(QStringLiteral("/db/big.bin"), kChunkedSize,
-                                    env.localPath(QStringLiteral("back/big.bin"))),
+        CKXApiFixture::uploadTask(local("small.bin"), QStringLiteral("/db/small.bin")),
+        CKXApiFixture::uploadTask(local("big.bin"), QStringLiteral("/db/big.bin")),
+        CKXApiFixture::downloadTask(QStringLiteral("/db/big.bin"), kChunkedSize, local("back/big.bin")),
     };
     for (const SubTaskInfo& task : tasks) {
         KX_RUN_TO_END(env, task, &record, false);
@@ -85,7 +83,7 @@ void TestDamagedDatabase::garbageInPlaceOfTheDatabase()
     QByteArray stored;
     QVERIFY(env.readRemoteFile(QStringLiteral("/db/small.bin"), &stored));
     QCOMPARE(stored, small);
-    QCOMPARE(sha256Hex(readFile(env.localPath(QStringLiteral("back/big.bin")))), sha256Hex(big));
+    QCOMPARE(sha256Hex(readFile(local("back/big.bin"))), sha256Hex(big));
     // The engine neither repaired nor removed the file it could not read; it said so in its log.
     QCOMPARE(readFile(database), garbage);
     const QString log = findFile(home, QStringLiteral("DB.log"));
@@ -94,13 +92,12 @@ void TestDamagedDatabase::garbageInPlaceOfTheDatabase()
 
     // With the good database back, a task that fails is stored and resumes from its blocks (new
     // bytes, so that no block is on the server yet).
-    QVERIFY(replaceFile(database, readFile(good)));
+    QVERIFY(replaceFile(database, readFile(local("good.db"))));
     const QByteArray other = randomBytes(kChunkedSize, 3);
-    QVERIFY(writeFile(env.localPath(QStringLiteral("other.bin")), other));
+    QVERIFY(writeFile(local("other.bin"), other));
     QVERIFY(
         env.server().armFault({{"op", "block_upload"}, {"action", "status"}, {"status", 500}, {"nth", 2}}));
-    const SubTaskInfo again = CKXApiFixture::uploadTask(env.localPath(QStringLiteral("other.bin")),
-                                                        QStringLiteral("/db/again.bin"));
+    const SubTaskInfo again = CKXApiFixture::uploadTask(local("other.bin"), QStringLiteral("/db/again.bin"));
     KX_RUN_TO_END(env, again, &record, false);
     QCOMPARE(int(record.code), int(ServerError));
     QCOMPARE(env.dbRowState(again.subTaskId), int(StateError));

@@ -6,135 +6,69 @@
 #include "KXFaultMatrix.h"
 #include "KXUtil.h"
 
-#include <QDir>
-#include <QFile>
 #include <QTest>
 
-#include <memory>
+using namespace KXFault;
 
-namespace {
-
-const qint64 kWholeSize = (1 << 20) + 123;
-const qint64 kChunkedSize = 2 * 4194304 + 4321; // three blocks
-const int kHeldMs = 30000;
-const QByteArray kOldVersion("the previous version of the file\n");
-
-QJsonObject fault(const char* op, const char* action, int nth = 1, int count = 1)
-{
-    return {{"op", op}, {"action", action}, {"nth", nth}, {"count", count}};
-}
-
-QJsonObject refusal(int status, const char* code, int nth = 1)
-{
-    return {{"op", "download"}, {"action", "status"}, {"status", status}, {"code", code}, {"nth", nth}};
-}
-
-QJsonObject held(int nth)
-{
-    return {{"op", "download"}, {"action", "delay"}, {"ms", kHeldMs}, {"nth", nth}};
-}
-
-QJsonObject slow(int count)
-{
-    return {{"op", "download"}, {"action", "delay"}, {"ms", 1500}, {"count", count}};
-}
-
-QStringList filesIn(const QString& folder)
-{
-    return QDir(folder).entryList(QDir::Files | QDir::Hidden, QDir::Name);
-}
-
-} // namespace
-
-class TestDownloadFaults : public QObject
+class TestDownloadFaults : public CKXReliabilityTest
 {
     Q_OBJECT
 
 private slots:
-    void init();
-    void cleanup();
-
     void download_data();
     void download();
-
-private:
-    std::unique_ptr<CKXApiFixture> m_env;
 };
-
-void TestDownloadFaults::init()
-{
-    m_env = std::make_unique<CKXApiFixture>();
-    QVERIFY2(m_env->setUp(), qPrintable(m_env->errorString()));
-}
-
-void TestDownloadFaults::cleanup()
-{
-    m_env.reset();
-}
 
 void TestDownloadFaults::download_data()
 {
-    CKXFaultMatrix::addColumns();
-    const bool whole = false;
-    const bool chunked = true;
+    addColumns();
+    const char* op = "download";
     // A whole-file download reports the HTTP status of an error answer as its code.
-    CKXFaultMatrix::addRow("whole: answered 500", whole, refusal(500, "internal"), 500);
-    CKXFaultMatrix::addRow("whole: answered 403, virus", whole, refusal(403, "download_file_VirusF"), 403);
+    row("whole: answered 500", refusal(op, 500, "internal"), 500);
+    row("whole: answered 403, virus", refusal(op, 403, "download_file_VirusF"), 403);
     // Half of the body arrives: the library cannot repeat a download it has handed bytes on from.
-    CKXFaultMatrix::addRow("whole: connection dropped mid-body", whole, fault("download", "drop"),
-                           kTransportFailure);
-    CKXFaultMatrix::addRow("whole: slow answer", whole, slow(1), NoError);
-    CKXFaultMatrix::addRow("whole: server restarted, no retries", whole, held(1), kTransportFailure, 1, 0);
-    CKXFaultMatrix::addRow("whole: server restarted, retries bridge it", whole, held(1), NoError, 1, 8);
+    row("whole: connection dropped mid-body", act(op, "drop"), kTransportFailure);
+    row("whole: slow answer", slow(op, 1), NoError);
+    row("whole: server restarted, no retries", held(op, 1), kTransportFailure, 1, 0);
+    row("whole: server restarted, retries bridge it", held(op, 1), NoError, 1, 8);
 
     // A chunked download fetches its three blocks at once, each with a ranged request.
-    CKXFaultMatrix::addRow("chunked: block answered 500", chunked, refusal(500, "internal", 2), ServerError);
-    CKXFaultMatrix::addRow("chunked: block answered 404", chunked, refusal(404, "nameentry_not_exist", 3),
-                           SourceNotFound);
-    CKXFaultMatrix::addRow("chunked: block connection dropped mid-body", chunked,
-                           fault("download", "drop", 2), kTransportFailure);
-    CKXFaultMatrix::addRow("chunked: slow block answers", chunked, slow(3), NoError);
-    CKXFaultMatrix::addRow("chunked: server restarted, no retries", chunked, held(2), kTransportFailure, 2,
-                           0);
-    CKXFaultMatrix::addRow("chunked: server restarted, retries bridge it", chunked, held(2), NoError, 2, 8);
+    row("chunked: block answered 500", refusal(op, 500, "internal", 2), ServerError);
+    row("chunked: block answered 404", refusal(op, 404, "nameentry_not_exist", 3), SourceNotFound);
+    row("chunked: block connection dropped mid-body", act(op, "drop", 2), kTransportFailure);
+    row("chunked: slow block answers", slow(op, 3), NoError);
+    row("chunked: server restarted, no retries", held(op, 2), kTransportFailure, 2, 0);
+    row("chunked: server restarted, retries bridge it", held(op, 2), NoError, 2, 8);
 }
 
 void TestDownloadFaults::download()
 {
     QFETCH(bool, chunked);
-    QFETCH(QJsonObject, fault);
     QFETCH(int, expected);
-    QFETCH(int, restartAt);
-    QFETCH(int, retries);
-    CKXApiFixture& env = *m_env;
-    const qint64 size = chunked ? kChunkedSize : kWholeSize;
+    const qint64 size = chunked ? 2 * 4194304 + 4321 : (1 << 20) + 123; // three blocks, or one
     const QByteArray content = randomBytes(size, QTest::currentDataTag()[0] + int(size));
     const QString remote = QStringLiteral("/faults/down.bin");
-    QVERIFY(env.putRemoteFile(remote, content));
-    const QString folder = env.localPath(QStringLiteral("into"));
+    QVERIFY(env().putRemoteFile(remote, content));
+    const QString folder = env().localPath(QStringLiteral("into"));
     const QString local = folder + QStringLiteral("/down.bin");
-    QVERIFY(writeFile(local, kOldVersion));
+    const QByteArray oldVersion("the previous version of the file\n");
+    QVERIFY(writeFile(local, oldVersion));
     SubTaskInfo task = CKXApiFixture::downloadTask(remote, size, local);
     task.remoteFile.syncOverwrite = true;
 
-    CKXFaultMatrix matrix(env);
-    ApiTaskRecord first;
-    matrix.runFaulted(task, fault, restartAt, retries, &first);
+    runRow(env(), task);
     if (QTest::currentTestFailed()) {
         return;
     }
-    CKXFaultMatrix::checkCode(first, expected);
     if (expected != NoError) {
         // The old file stands untouched; the part that arrived is only ever in the temporary file.
-        QCOMPARE(readFile(local), kOldVersion);
+        QCOMPARE(readFile(local), oldVersion);
         const QStringList left = filesIn(folder);
         QVERIFY2(left.size() <= 2, qPrintable(left.join(QLatin1Char(' '))));
         if (left.size() == 2) {
             QCOMPARE(left.last(), KXUtil::fileName(KXUtil::tmpFile(local, task.subTaskId)));
         }
-
-        ApiTaskRecord second;
-        matrix.resume(task, &second);
+        resume(env(), task);
         if (QTest::currentTestFailed()) {
             return;
         }

@@ -3,17 +3,15 @@
 // right file, the manager empties, and once the engine and the server library are shut down no
 // thread is left and the memory is back near where it started.
 
-#include "KXApiFixture.h"
+#include "KXReliabilityTest.h"
 #include "ServerApiConfig.h"
 
 #include <QDir>
-#include <QFile>
 #include <QRandomGenerator>
+#include <QRegularExpression>
 #include <QTest>
 
 #include <malloc.h>
-
-#include <memory>
 
 namespace {
 
@@ -27,16 +25,15 @@ const qint64 kRssSlack = 128 * kMiB;
 const qint64 kHeapSlack = 4 * kMiB;
 const int kLoadMs = 300000;
 
-#if defined(__SANITIZE_ADDRESS__)
-constexpr bool kAddressSanitizer = true;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-constexpr bool kAddressSanitizer = true;
-#else
-constexpr bool kAddressSanitizer = false;
+// gcc says so with a macro, clang with a feature test.
+#ifndef __has_feature
+#define __has_feature(feature) 0
 #endif
+constexpr bool kAddressSanitizer =
+#if defined(__SANITIZE_ADDRESS__) || __has_feature(address_sanitizer)
+    true;
 #else
-constexpr bool kAddressSanitizer = false;
+    false;
 #endif
 
 int threadCount()
@@ -44,25 +41,13 @@ int threadCount()
     return QDir(QStringLiteral("/proc/self/task")).entryList(QDir::Dirs | QDir::NoDotAndDotDot).size();
 }
 
-qint64 residentBytes()
-{
-    QFile status(QStringLiteral("/proc/self/status"));
-    if (!status.open(QIODevice::ReadOnly)) {
-        return -1;
-    }
-    for (const QByteArray& line : status.readAll().split('\n')) {
-        if (line.startsWith("VmRSS:")) {
-            return line.mid(6).trimmed().split(' ').first().toLongLong() * 1024;
-        }
-    }
-    return -1;
-}
-
 // Memory the process has freed but the allocator still holds is given back before measuring.
 qint64 settledResidentBytes()
 {
     ::malloc_trim(0);
-    return residentBytes();
+    const QRegularExpression vmRss(QStringLiteral("VmRSS:\\s*(\\d+) kB"));
+    const QRegularExpressionMatch match = vmRss.match(QString::fromLatin1(readFile("/proc/self/status")));
+    return match.hasMatch() ? match.captured(1).toLongLong() * 1024 : -1;
 }
 
 qint64 allocatedBytes()
@@ -80,70 +65,37 @@ struct LoadTask
 
 } // namespace
 
-class TestLoad : public QObject
+class TestLoad : public CKXReliabilityTest
 {
     Q_OBJECT
 
 private slots:
-    void init();
-    void cleanup();
-
     void twoHundredAtOnce();
 
 private:
     QList<LoadTask> prepare();
-    void restartEngine();
     // Each task reported once, with code 0, and its file arrived intact.
     void checkOutcomes(const QList<LoadTask>& tasks);
-
-    std::unique_ptr<CKXApiFixture> m_env;
 };
-
-void TestLoad::init()
-{
-    m_env = std::make_unique<CKXApiFixture>();
-    QVERIFY2(m_env->setUp(), qPrintable(m_env->errorString()));
-}
-
-void TestLoad::cleanup()
-{
-    m_env.reset();
-}
-
-void TestLoad::restartEngine()
-{
-    Transfer::setConfig(TransferConfigUserPath, QString());
-    Transfer::setConfig(TransferConfigMaxConcurrentCount, QStringLiteral("4"));
-    m_env->configureServerApi(m_env->server().token());
-}
 
 QList<LoadTask> TestLoad::prepare()
 {
-    CKXApiFixture& env = *m_env;
     QRandomGenerator random(4242);
     QList<LoadTask> tasks;
     for (int i = 0; i < kTasks; ++i) {
-        const bool chunked = i < kChunked;
-        const bool upload = i % 2 == 0;
-        const qint64 size =
-            chunked ? 5 * kMiB + qint64(random.bounded(4 * int(kMiB))) : qint64(random.bounded(256 * 1024));
+        const qint64 size = i < kChunked ? 5 * kMiB + qint64(random.bounded(4 * int(kMiB)))
+                                         : qint64(random.bounded(256 * 1024));
         const QByteArray content = randomBytes(size, 1000 + i);
         const QString name = QStringLiteral("load-%1.bin").arg(i);
         const QString remote = QStringLiteral("/load/") + name;
         LoadTask load;
         load.sha = sha256Hex(content);
-        if (upload) {
-            const QString local = env.localPath(QStringLiteral("up/") + name);
-            if (!writeFile(local, content)) {
-                return {};
-            }
-            load.task = CKXApiFixture::uploadTask(local, remote);
-        } else {
-            if (!env.putRemoteFile(remote, content)) {
-                return {};
-            }
-            load.task =
-                CKXApiFixture::downloadTask(remote, size, env.localPath(QStringLiteral("down/") + name));
+        const QString local = env().localPath(QStringLiteral("local/") + name);
+        const bool upload = i % 2 == 0;
+        load.task = upload ? CKXApiFixture::uploadTask(local, remote)
+                           : CKXApiFixture::downloadTask(remote, size, local);
+        if (!(upload ? writeFile(local, content) : env().putRemoteFile(remote, content))) {
+            return {};
         }
         tasks << load;
     }
@@ -157,11 +109,10 @@ void TestLoad::checkOutcomes(const QList<LoadTask>& tasks)
         const QString what = load.task.remoteFile.path;
         QVERIFY2(record.finals == 1,
                  qPrintable(QStringLiteral("%1: %2 final callbacks").arg(what).arg(record.finals)));
-        QVERIFY2(record.code == NoError,
-                 qPrintable(QStringLiteral("%1: code %2").arg(what).arg(record.code)));
+        checkCode(record, NoError);
         QByteArray content;
         if (load.task.isUpload) {
-            QVERIFY(m_env->readRemoteFile(what, &content));
+            QVERIFY(env().readRemoteFile(what, &content));
         } else {
             content = readFile(load.task.localFile.path);
         }
@@ -171,22 +122,23 @@ void TestLoad::checkOutcomes(const QList<LoadTask>& tasks)
 
 void TestLoad::twoHundredAtOnce()
 {
-    CKXApiFixture& env = *m_env;
     QList<LoadTask> tasks = prepare();
     QCOMPARE(tasks.size(), kTasks);
 
     // One task first, so that what the engine and Qt set up once for good is in the baseline.
-    const QString warm = env.localPath(QStringLiteral("warm.bin"));
+    const QString warm = env().localPath(QStringLiteral("warm.bin"));
     QVERIFY(writeFile(warm, randomBytes(5 * kMiB, 7)));
     ApiTaskRecord warmed;
-    KX_RUN_TO_END(env, CKXApiFixture::uploadTask(warm, QStringLiteral("/warm.bin")), &warmed, false);
+    KX_RUN_TO_END(env(), CKXApiFixture::uploadTask(warm, QStringLiteral("/warm.bin")), &warmed, false);
     QCOMPARE(warmed.code, NoError);
     Transfer::deinit();
     ServerApi::shutdown();
     const int threadsBefore = threadCount();
     const qint64 rssBefore = settledResidentBytes();
     const qint64 heapBefore = allocatedBytes();
-    restartEngine();
+    Transfer::setConfig(TransferConfigUserPath, QString());
+    Transfer::setConfig(TransferConfigMaxConcurrentCount, QStringLiteral("4"));
+    env().configureServerApi(env().server().token());
 
     for (LoadTask& load : tasks) {
         load.handle = CKXApiFixture::init(load.task);

@@ -3,14 +3,11 @@
 // from the stored row, the file comes back down under its odd name, and a server error naming the
 // path reaches the client unchanged.
 
-#include "KXApiFixture.h"
+#include "KXReliabilityTest.h"
 #include "KXUtil.h"
 
-#include <QDir>
 #include <QFile>
 #include <QTest>
-
-#include <memory>
 
 namespace {
 
@@ -19,34 +16,18 @@ const qint64 kChunkedSize = 4194304 + 4321;
 
 } // namespace
 
-class TestOddNames : public QObject
+class TestOddNames : public CKXReliabilityTest
 {
     Q_OBJECT
 
 private slots:
-    void init();
-    void cleanup();
-
     void roundTrip_data();
     void roundTrip();
 
 private:
     void runFailingThenResumed(const SubTaskInfo& task, const QJsonObject& fault);
     void missingFileNamed(const QString& missing, const QString& id, bool chunked, const QString& local);
-
-    std::unique_ptr<CKXApiFixture> m_env;
 };
-
-void TestOddNames::init()
-{
-    m_env = std::make_unique<CKXApiFixture>();
-    QVERIFY2(m_env->setUp(), qPrintable(m_env->errorString()));
-}
-
-void TestOddNames::cleanup()
-{
-    m_env.reset();
-}
 
 void TestOddNames::roundTrip_data()
 {
@@ -75,16 +56,15 @@ void TestOddNames::roundTrip_data()
 
 void TestOddNames::runFailingThenResumed(const SubTaskInfo& task, const QJsonObject& fault)
 {
-    CKXApiFixture& env = *m_env;
-    QVERIFY(env.server().armFault(fault));
+    QVERIFY(env().server().armFault(fault));
     ApiTaskRecord failed;
-    KX_RUN_TO_END(env, task, &failed, false);
+    KX_RUN_TO_END(env(), task, &failed, false);
     QCOMPARE(int(failed.code), int(ServerError));
-    QCOMPARE(env.dbRowState(task.subTaskId), int(StateError));
-    QVERIFY(env.server().clearFaults());
+    QCOMPARE(env().dbRowState(task.subTaskId), int(StateError));
+    QVERIFY(env().server().clearFaults());
 
     ApiTaskRecord resumed;
-    KX_RUN_TO_END(env, task, &resumed, false);
+    KX_RUN_TO_END(env(), task, &resumed, false);
     QCOMPARE(resumed.code, NoError);
     QCOMPARE(resumed.task.subTaskId, task.subTaskId);
     QCOMPARE(resumed.task.localFile.path, task.localFile.path);
@@ -99,17 +79,16 @@ void TestOddNames::missingFileNamed(const QString& missing, const QString& id, b
                                     const QString& local)
 {
     // The server's message names the odd path; it reaches the client and the store unchanged.
-    CKXApiFixture& env = *m_env;
     SubTaskInfo lost = CKXApiFixture::downloadTask(missing, chunked ? kChunkedSize : kWholeSize, local);
     lost.subTaskId = id;
     ApiTaskRecord record;
-    KX_RUN_TO_END(env, lost, &record, false);
+    KX_RUN_TO_END(env(), lost, &record, false);
     QCOMPARE(int(record.code), chunked ? int(SourceNotFound) : 404);
     QVERIFY2(record.task.errorInfo.contains(missing), qPrintable(record.task.errorInfo));
     SubTaskInfo failedInfo;
     QVERIFY(Transfer::taskInfo(id, failedInfo));
     QCOMPARE(failedInfo.errorInfo, record.task.errorInfo);
-    QCOMPARE(env.dbRowState(id), int(StateError));
+    QCOMPARE(env().dbRowState(id), int(StateError));
     QVERIFY(!QFile::exists(local));
 }
 
@@ -119,9 +98,8 @@ void TestOddNames::roundTrip()
     QFETCH(QString, name);
     QFETCH(QString, id);
     QFETCH(bool, chunked);
-    CKXApiFixture& env = *m_env;
     const QByteArray content = randomBytes(chunked ? kChunkedSize : kWholeSize, int(qHash(id)));
-    const QString local = env.localPath(folder + QLatin1Char('/') + name);
+    const QString local = env().localPath(folder + QLatin1Char('/') + name);
     QVERIFY(writeFile(local, content));
     const QString remote = QLatin1Char('/') + folder + QLatin1Char('/') + name;
 
@@ -135,15 +113,15 @@ void TestOddNames::roundTrip()
         return;
     }
     QByteArray stored;
-    QVERIFY(env.readRemoteFile(remote, &stored));
+    QVERIFY(env().readRemoteFile(remote, &stored));
     QCOMPARE(sha256Hex(stored), sha256Hex(content));
 
     // Down again into another odd folder.
-    const QString back = env.localPath(QStringLiteral("back ") + folder + QLatin1Char('/') + name);
+    const QString back = env().localPath(QStringLiteral("back ") + folder + QLatin1Char('/') + name);
     SubTaskInfo down = CKXApiFixture::downloadTask(remote, content.size(), back);
     down.subTaskId = id + QStringLiteral("-down");
     ApiTaskRecord record;
-    KX_RUN_TO_END(env, down, &record, false);
+    KX_RUN_TO_END(env(), down, &record, false);
     QCOMPARE(record.code, NoError);
     QCOMPARE(sha256Hex(readFile(back)), sha256Hex(content));
     QVERIFY(!QFile::exists(KXUtil::tmpFile(back, down.subTaskId)));

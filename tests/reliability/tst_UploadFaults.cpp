@@ -6,152 +6,77 @@
 
 #include <QTest>
 
-#include <memory>
+using namespace KXFault;
 
-namespace {
-
-const qint64 kWholeSize = (1 << 20) + 123;
-const qint64 kChunkedSize = 2 * 4194304 + 4321; // three blocks
-// Long enough to restart the server while the request is held, short of any client time-out.
-const int kHeldMs = 30000;
-
-QJsonObject fault(const char* op, const char* action, int nth = 1, int count = 1)
-{
-    return {{"op", op}, {"action", action}, {"nth", nth}, {"count", count}};
-}
-
-QJsonObject refusal(const char* op, int status, const char* code, int nth = 1)
-{
-    return {{"op", op}, {"action", "status"}, {"status", status}, {"code", code}, {"nth", nth}};
-}
-
-QJsonObject held(const char* op, int nth)
-{
-    return {{"op", op}, {"action", "delay"}, {"ms", kHeldMs}, {"nth", nth}};
-}
-
-QJsonObject slow(const char* op, int count)
-{
-    return {{"op", op}, {"action", "delay"}, {"ms", 1500}, {"count", count}};
-}
-
-} // namespace
-
-class TestUploadFaults : public QObject
+class TestUploadFaults : public CKXReliabilityTest
 {
     Q_OBJECT
 
 private slots:
-    void init();
-    void cleanup();
-
     void upload_data();
     void upload();
-
-private:
-    std::unique_ptr<CKXApiFixture> m_env;
 };
-
-void TestUploadFaults::init()
-{
-    m_env = std::make_unique<CKXApiFixture>();
-    QVERIFY2(m_env->setUp(), qPrintable(m_env->errorString()));
-}
-
-void TestUploadFaults::cleanup()
-{
-    m_env.reset();
-}
 
 void TestUploadFaults::upload_data()
 {
-    CKXFaultMatrix::addColumns();
-    const bool whole = false;
-    const bool chunked = true;
+    addColumns();
     // Requests of a whole-file upload: authorisation, then the file.
-    CKXFaultMatrix::addRow("whole: file answered 500", whole, refusal("file_upload", 500, "internal"),
-                           ServerError);
-    CKXFaultMatrix::addRow("whole: quota refused", whole, refusal("file_upload", 507, "space limit"),
-                           NoSpace);
-    CKXFaultMatrix::addRow("whole: authorisation refused, file locked", whole,
-                           refusal("auth", 423, "file is locked"), FileLocked);
+    row("whole: file answered 500", refusal("file_upload", 500, "internal"), ServerError);
+    row("whole: quota refused", refusal("file_upload", 507, "space limit"), NoSpace);
+    row("whole: authorisation refused, file locked", refusal("auth", 423, "file is locked"), FileLocked);
     // The library never repeats a whole-file upload, but libcurl sends a request again when a kept
     // connection dies before any answer, once per kept connection: enough drops reach the engine.
-    CKXFaultMatrix::addRow("whole: connection dropped mid-body", whole, fault("file_upload", "drop", 1, 20),
-                           kTransportFailure);
-    CKXFaultMatrix::addRow("whole: slow answer", whole, slow("file_upload", 1), NoError);
-    CKXFaultMatrix::addRow("whole: server restarted", whole, held("file_upload", 1), kTransportFailure, 2);
+    row("whole: connection dropped mid-body", act("file_upload", "drop", 1, 20), kTransportFailure);
+    row("whole: slow answer", slow("file_upload", 1), NoError);
+    row("whole: server restarted", held("file_upload", 1), kTransportFailure, 2);
 
     // Requests of a chunked upload: authorisation, one hash query and one block upload per block
     // (three blocks at once), then the commit.
-    CKXFaultMatrix::addRow("chunked: block answered 500", chunked,
-                           refusal("block_upload", 500, "internal", 2), ServerError);
-    CKXFaultMatrix::addRow("chunked: hash query answered 500", chunked, refusal("hash", 500, "internal", 3),
-                           ServerError);
+    row("chunked: block answered 500", refusal("block_upload", 500, "internal", 2), ServerError);
+    row("chunked: hash query answered 500", refusal("hash", 500, "internal", 3), ServerError);
     // Block uploads are safe to repeat: one drop is absorbed by a retry, endless drops are not.
-    CKXFaultMatrix::addRow("chunked: one block connection dropped", chunked, fault("block_upload", "drop", 2),
-                           NoError);
-    CKXFaultMatrix::addRow("chunked: every block connection dropped", chunked,
-                           fault("block_upload", "drop", 1, 100), kTransportFailure);
-    CKXFaultMatrix::addRow("chunked: slow block answers", chunked, slow("block_upload", 3), NoError);
-    CKXFaultMatrix::addRow("chunked: wrong block hash", chunked, fault("block_upload", "wrong_hash", 2),
-                           UploadHashError);
-    CKXFaultMatrix::addRow("chunked: commit refused, target exists", chunked,
-                           refusal("commit", 409, "target name exists"), TargetExists);
-    CKXFaultMatrix::addRow("chunked: commit refused, 500", chunked, refusal("commit", 500, "internal"),
-                           ServerError);
-    CKXFaultMatrix::addRow("chunked: commit connection dropped", chunked, fault("commit", "drop", 1, 20),
-                           kTransportFailure);
+    row("chunked: one block connection dropped", act("block_upload", "drop", 2), NoError);
+    row("chunked: every block connection dropped", act("block_upload", "drop", 1, 100), kTransportFailure);
+    row("chunked: slow block answers", slow("block_upload", 3), NoError);
+    row("chunked: wrong block hash", act("block_upload", "wrong_hash", 2), UploadHashError);
+    row("chunked: commit refused, target exists", refusal("commit", 409, "target name exists"), TargetExists);
+    row("chunked: commit refused, 500", refusal("commit", 500, "internal"), ServerError);
+    row("chunked: commit connection dropped", act("commit", "drop", 1, 20), kTransportFailure);
     // The sixth request is the second block upload: auth, three hash queries and the first block
     // have all been sent by then.
-    CKXFaultMatrix::addRow("chunked: server restarted, no retries", chunked, held("block_upload", 2),
-                           kTransportFailure, 6, 0);
-    CKXFaultMatrix::addRow("chunked: server restarted, retries bridge it", chunked, held("block_upload", 2),
-                           NoError, 6, 8);
-    CKXFaultMatrix::addRow("chunked: server restarted during commit", chunked, held("commit", 1),
-                           kTransportFailure, 8);
+    row("chunked: server restarted, no retries", held("block_upload", 2), kTransportFailure, 6, 0);
+    row("chunked: server restarted, retries bridge it", held("block_upload", 2), NoError, 6, 8);
+    row("chunked: server restarted during commit", held("commit", 1), kTransportFailure, 8);
 }
 
 void TestUploadFaults::upload()
 {
     QFETCH(bool, chunked);
-    QFETCH(QJsonObject, fault);
     QFETCH(int, expected);
-    QFETCH(int, restartAt);
-    QFETCH(int, retries);
-    CKXApiFixture& env = *m_env;
-    const qint64 size = chunked ? kChunkedSize : kWholeSize;
+    const qint64 size = chunked ? 2 * 4194304 + 4321 : (1 << 20) + 123; // three blocks, or one
     const QByteArray content = randomBytes(size, QTest::currentDataTag()[0] + int(size));
-    const QString local = env.localPath(QStringLiteral("source.bin"));
+    const QString local = env().localPath(QStringLiteral("source.bin"));
     QVERIFY(writeFile(local, content));
     const QString remote = QStringLiteral("/faults/up.bin");
     const SubTaskInfo task = CKXApiFixture::uploadTask(local, remote);
 
-    CKXFaultMatrix matrix(env);
-    ApiTaskRecord first;
-    matrix.runFaulted(task, fault, restartAt, retries, &first);
+    runRow(env(), task);
     if (QTest::currentTestFailed()) {
         return;
     }
-    CKXFaultMatrix::checkCode(first, expected);
     QByteArray stored;
-    if (expected == NoError) {
-        QVERIFY(env.readRemoteFile(remote, &stored));
-        QCOMPARE(sha256Hex(stored), sha256Hex(content));
-        return;
+    if (expected != NoError) {
+        // A failed upload leaves nothing under the remote name, not even part of the file.
+        QVERIFY(!env().readRemoteFile(remote, &stored));
+        resume(env(), task);
+        if (QTest::currentTestFailed()) {
+            return;
+        }
+        QCOMPARE(readFile(local), content);
     }
-    // A failed upload leaves nothing under the remote name, not even part of the file.
-    QVERIFY(!env.readRemoteFile(remote, &stored));
-
-    ApiTaskRecord second;
-    matrix.resume(task, &second);
-    if (QTest::currentTestFailed()) {
-        return;
-    }
-    QVERIFY(env.readRemoteFile(remote, &stored));
+    QVERIFY(env().readRemoteFile(remote, &stored));
     QCOMPARE(stored.size(), content.size());
     QCOMPARE(sha256Hex(stored), sha256Hex(content));
-    QCOMPARE(readFile(local), content);
 }
 
 QTEST_GUILESS_MAIN(TestUploadFaults)
