@@ -1,8 +1,8 @@
 #pragma once
 
-// Shared by the end-to-end tests of chunked transfers and their runner executable: test files with
-// known content, task records for uploads and downloads against kxserver, and the final results of
-// tasks as the engine's error callback reports them.
+// Shared by the end-to-end tests of chunked transfers and their runner executable: task records
+// for uploads and downloads against kxserver, and the final results of tasks as the engine's error
+// callback reports them.
 
 #include "KXTransferDefine.h"
 
@@ -13,12 +13,6 @@
 namespace KXChunkedE2e {
 
 constexpr qint64 kBlock = 4194304;
-
-// Writes `size` pseudo-random bytes drawn from `seed`; returns their SHA-256 (lower-case hex), or ""
-// when the file cannot be written.
-QString writeRandomFile(const QString& path, qint64 size, quint32 seed);
-// SHA-256 of a file read in pieces, or "" when it cannot be read.
-QString fileSha256(const QString& path);
 
 SubTaskInfo uploadTask(const QString& id, const QString& localPath, const QString& remotePath, qint64 size);
 SubTaskInfo downloadTask(const QString& id, const QString& remotePath, const QString& localPath, qint64 size);

@@ -4,8 +4,8 @@
 #include "KXTFStoreManager.h"
 #include "KXTestHttp.h"
 #include "KXTransferDB.h"
+#include "KXUtil.h"
 
-#include <QCryptographicHash>
 #include <QUuid>
 #include <QtTest>
 
@@ -16,10 +16,10 @@ QString newId()
     return QUuid::createUuid().toString(QUuid::WithoutBraces);
 }
 
-QByteArray fileBytes(const QString& path)
+QString writeRandomFile(const QString& path, qint64 size, quint32 seed)
 {
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    const QByteArray data = randomBytes(size, seed);
+    return writeFile(path, data) ? sha256Hex(data) : QString();
 }
 
 StoredBlocks::StoredBlocks(const QString& id)
@@ -48,8 +48,7 @@ KXRunnerProcess::KXRunnerProcess(const QStringList& args)
 
 KXRunnerProcess::~KXRunnerProcess()
 {
-    if (m_process.state() != QProcess::NotRunning)
-        kill9();
+    kill9();
 }
 
 int KXRunnerProcess::blocksDone()
@@ -58,15 +57,17 @@ int KXRunnerProcess::blocksDone()
     return m_blocksDone;
 }
 
-int KXRunnerProcess::finish()
+QString KXRunnerProcess::finish()
 {
     const bool ended = m_process.waitForFinished(kWait) && m_process.exitStatus() == QProcess::NormalExit;
     readLines();
-    return ended ? m_process.exitCode() : -1;
+    return ended ? m_lastLine : QString();
 }
 
 void KXRunnerProcess::kill9()
 {
+    if (m_process.state() == QProcess::NotRunning)
+        return;
     m_process.kill(); // SIGKILL: no handler, no clean-up
     m_process.waitForFinished();
 }
@@ -84,7 +85,7 @@ void KXRunnerProcess::readLines()
 
 using namespace KXChunkedE2e;
 
-void KXE2eTest::setUpWorld()
+void KXE2eTest::initTestCase()
 {
     QVERIFY(m_home.isValid());
     // The runner inherits these, so its database is the one this engine reads.
@@ -93,14 +94,25 @@ void KXE2eTest::setUpWorld()
     QVERIFY2(m_server.start(), qPrintable(m_server.errorString()));
     configureServer(m_server.baseUrl(), m_server.token());
     Transfer::setConfig(TransferConfigUserPath, QString());
-    Transfer::setConfig(TransferConfigMaxConcurrentCount, QStringLiteral("4"));
+    CKXTFStoreManager::inst()->setDBPath(KXUtil::getUserPath(QStringLiteral("Transfer")));
 }
 
-void KXE2eTest::setUpCase()
+void KXE2eTest::init()
 {
     m_dir = std::make_unique<QTemporaryDir>();
     QVERIFY(m_dir->isValid());
     QVERIFY(m_server.resetStats());
+    setLimit(4);
+}
+
+void KXE2eTest::cleanup()
+{
+    m_server.clearFaults();
+}
+
+void KXE2eTest::setLimit(int limit)
+{
+    Transfer::setConfig(TransferConfigMaxConcurrentCount, QString::number(limit));
 }
 
 bool KXE2eTest::run(const SubTaskInfo& task, KXOutcomes::Outcome& outcome, const std::function<void()>& start)
@@ -125,9 +137,7 @@ QString KXE2eTest::serverSha256(const QString& remotePath)
     const TestHttpReply reply = CKXTestHttp::get(m_server.baseUrl() + QStringLiteral("/v1/files?path=") +
                                                      CKXTestHttp::encode(remotePath),
                                                  m_server.sessionHeader());
-    if (reply.status != 200)
-        return QStringLiteral("status %1").arg(reply.status);
-    return QString::fromLatin1(QCryptographicHash::hash(reply.body, QCryptographicHash::Sha256).toHex());
+    return reply.status == 200 ? sha256Hex(reply.body) : QStringLiteral("status %1").arg(reply.status);
 }
 
 bool KXE2eTest::putRemote(const QString& remotePath, const QByteArray& content)
