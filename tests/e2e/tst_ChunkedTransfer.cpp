@@ -3,10 +3,6 @@
 // blocks travelled and how many requests were in flight at once.
 
 #include "IKXTransfer.h"
-#include "KXBlockBuilder.h"
-#include "KXBlockHandler.h"
-#include "KXBlockMgr.h"
-#include "KXBlockOpQueue.h"
 #include "KXBlockTask.h"
 #include "KXChunkedTransfer.h"
 #include "KXE2eTest.h"
@@ -46,15 +42,13 @@ class TestChunkedTransfer : public KXE2eTest
 private slots:
     void smallestChunkedFileBothWays();
     void largeFileKeepsTheConcurrencyLimit();
-    void zeroLimitStartsNothingUntilCancelled();
     void failedBlockResumes_data();
     void failedBlockResumes();
     void serverHashMismatchFailsTheBlock();
     void unwritableTargetFailsWithoutPartialFile();
-    void commitStillNeedingBlocksFails();
+    void zeroLimitStoresBlocksThatACommitStillNeeds();
     void cancelPausesRunningBlocksAndResumes();
     void deleteDropsStoredStateAndPartialFile();
-    void opQueueFilesCancelledBlocksAsPaused();
 
 private:
     // Starts a chunked transfer of `task` through the manager; returns its handle.
@@ -68,8 +62,6 @@ private:
     // transfer to be gone (the engine's shutdown waits for them), and sets the engine up again as
     // init() left it.
     void waitUntilGone(const QString& id);
-    // A first run with no blocks allowed stores the task's blocks and is cancelled before any moves.
-    void storeBlocksOnly(const SubTaskInfo& task);
 };
 
 void TestChunkedTransfer::waitUntilGone(const QString& id)
@@ -78,16 +70,6 @@ void TestChunkedTransfer::waitUntilGone(const QString& id)
     Transfer::deinit();
     Transfer::setConfig(TransferConfigUserPath, QString());
     setLimit(4);
-}
-
-void TestChunkedTransfer::storeBlocksOnly(const SubTaskInfo& task)
-{
-    setLimit(0);
-    const long long handle = start(task);
-    // The one progress report of a chunked transfer comes as its blocks are queued.
-    QTRY_VERIFY_WITH_TIMEOUT(progressCalls(task.subTaskId) == 1, kWait);
-    Transfer::cancel(handle);
-    waitUntilGone(task.subTaskId);
 }
 
 long long TestChunkedTransfer::start(const SubTaskInfo& task)
@@ -162,27 +144,6 @@ void TestChunkedTransfer::largeFileKeepsTheConcurrencyLimit()
     }
     QCOMPARE(serverSha256(QStringLiteral("/e2e/large.bin")), sha);
     QCOMPARE(sha256Hex(readFile(target)), sha);
-}
-
-void TestChunkedTransfer::zeroLimitStartsNothingUntilCancelled()
-{
-    const qint64 size = 2 * kBlock + 7;
-    const QString source = m_dir->filePath(QStringLiteral("zero.bin"));
-    const QString sha = writeRandomFile(source, size, 4);
-    const SubTaskInfo task = uploadTask(newId(), source, QStringLiteral("/e2e/zero.bin"), size);
-    storeBlocksOnly(task);
-    KXOutcomes::Outcome outcome = KXOutcomes::get(task.subTaskId);
-    QCOMPARE(outcome.code, NoError);
-    QCOMPARE(outcome.record.state, StatePaused);
-    QCOMPARE(stat("hash_queries"), 0);
-    QCOMPARE(stat("block_uploads"), 0);
-    QCOMPARE(StoredBlocks(task.subTaskId).list.size(), 3);
-
-    // Resumed with blocks allowed, the same task goes through.
-    QVERIFY(run(task, outcome));
-    QCOMPARE(outcome.code, NoError);
-    QCOMPARE(outcome.record.state, StateCompleted);
-    QCOMPARE(serverSha256(QStringLiteral("/e2e/zero.bin")), sha);
 }
 
 void TestChunkedTransfer::failedBlockResumes_data()
@@ -283,16 +244,27 @@ void TestChunkedTransfer::unwritableTargetFailsWithoutPartialFile()
     QCOMPARE(sha256Hex(readFile(source)), sha); // the file in the way is left alone
 }
 
-void TestChunkedTransfer::commitStillNeedingBlocksFails()
+// With no blocks allowed a task stores its blocks, moves nothing and pauses when cancelled. Resumed
+// with a block that its record claims but the server never got, its commit fails.
+void TestChunkedTransfer::zeroLimitStoresBlocksThatACommitStillNeeds()
 {
     const qint64 size = 3 * kBlock;
     const QString source = m_dir->filePath(QStringLiteral("stale.bin"));
     writeRandomFile(source, size, 6);
     const SubTaskInfo task = uploadTask(newId(), source, QStringLiteral("/e2e/stale.bin"), size);
-    storeBlocksOnly(task);
+    setLimit(0);
+    const long long handle = start(task);
+    // The one progress report of a chunked transfer comes as its blocks are queued.
+    QTRY_VERIFY_WITH_TIMEOUT(progressCalls(task.subTaskId) == 1, kWait);
+    Transfer::cancel(handle);
+    waitUntilGone(task.subTaskId);
+    KXOutcomes::Outcome outcome = KXOutcomes::get(task.subTaskId);
+    QCOMPARE(outcome.code, NoError);
+    QCOMPARE(outcome.record.state, StatePaused);
+    QCOMPARE(stat("hash_queries") + stat("block_uploads"), 0);
     {
-        // The local record claims a block the server never got (with its true hash, so that the
-        // check of the file before a resume keeps it).
+        // The claimed block carries its true hash, so that the check of the file before a resume
+        // keeps it.
         StoredBlocks stored(task.subTaskId);
         QCOMPARE(stored.list.size(), 3);
         CKXBlockTask* block = stored.list[1];
@@ -300,7 +272,6 @@ void TestChunkedTransfer::commitStillNeedingBlocksFails()
         block->setHash(KXUtil::SHA256(readFile(source).mid(kBlock, kBlock)));
         QVERIFY(CKXTFStoreManager::inst()->db()->AddBlockTask(*block));
     }
-    KXOutcomes::Outcome outcome;
     QVERIFY(run(task, outcome));
     QCOMPARE(outcome.code, UploadHashError);
     QCOMPARE(outcome.record.errorInfo, QStringLiteral("上传文件hash出错，需要重传"));
@@ -352,44 +323,6 @@ void TestChunkedTransfer::deleteDropsStoredStateAndPartialFile()
     QVERIFY(!QFile::exists(target));
     CKXTransferTask stored;
     QVERIFY(!CKXTFStoreManager::inst()->db()->LoadTransferTask(task.subTaskId, stored));
-}
-
-void TestChunkedTransfer::opQueueFilesCancelledBlocksAsPaused()
-{
-    // The block engine on its own: three blocks, two at a time, both held up by the server.
-    const qint64 size = 3 * kBlock;
-    const QString source = m_dir->filePath(QStringLiteral("queue.bin"));
-    writeRandomFile(source, size, 8);
-    CKXTransferTask task(uploadTask(newId(), source, QStringLiteral("/e2e/queue.bin"), size));
-    QList<CKXBlockTask*> blocks;
-    CKXBlockBuilder(&task).createBlocks(blocks);
-    CKXBlockMgr mgr;
-    for (CKXBlockTask* block : blocks) {
-        mgr.addWaitingQueueWithMutex(block);
-    }
-    CKXBlockHandler handler(&task);
-    QSignalSpy reports(&handler, &CKXBlockHandler::completeHandler);
-    QVERIFY(m_server.armFault({{"op", "block_upload"}, {"action", "delay"}, {"ms", 10000}, {"count", 3}}));
-    {
-        CKXBlockOpQueue queue(&mgr, &handler, 2);
-        queue.start();
-        QTRY_VERIFY_WITH_TIMEOUT(stat("inflight") >= 2, kWait);
-        QCOMPARE(mgr.count(CKXBlockMgr::Running), 2);
-        queue.cancel();
-        queue.end();
-        queue.cancelTask();
-        QTRY_VERIFY_WITH_TIMEOUT(mgr.isEmpty(CKXBlockMgr::Running), kWait);
-    }
-    QCOMPARE(reports.count(), 2);
-    QCOMPARE(mgr.count(CKXBlockMgr::Pause), 2);
-    QCOMPARE(mgr.count(CKXBlockMgr::Waiting), 1);
-    QVERIFY(mgr.isEmpty(CKXBlockMgr::Complete) && mgr.isEmpty(CKXBlockMgr::Error));
-    const QList<CKXBlockTask*> paused = mgr.tasks(CKXBlockMgr::Pause);
-    QCOMPARE(QSet<CKXBlockTask*>(paused.begin(), paused.end()), (QSet<CKXBlockTask*>{blocks[0], blocks[1]}));
-    QCOMPARE(blocks[0]->state(), BlockTaskStatePaused);
-    QCOMPARE(blocks[1]->state(), BlockTaskStatePaused);
-    QCOMPARE(mgr.firstTask(CKXBlockMgr::Waiting), blocks[2]);
-    qDeleteAll(blocks);
 }
 
 QTEST_GUILESS_MAIN(TestChunkedTransfer)
