@@ -288,7 +288,8 @@ void TestChunkedTransfer::cancelPausesRunningBlocksAndResumes()
     const QString sha = writeRandomFile(source, size, 7);
     const SubTaskInfo task = uploadTask(newId(), source, QStringLiteral("/e2e/cancel.bin"), size);
     setLimit(2);
-    QVERIFY(m_server.armFault({{"op", "block_upload"}, {"action", "delay"}, {"ms", 10000}, {"count", 2}}));
+    // Held long enough that both are still in flight when the cancel comes.
+    QVERIFY(m_server.armFault({{"op", "block_upload"}, {"action", "delay"}, {"ms", 3000}, {"count", 2}}));
     const long long handle = start(task);
     QTRY_VERIFY_WITH_TIMEOUT(stat("inflight") >= 2, kWait);
     Transfer::cancel(handle);
