@@ -53,14 +53,18 @@ KXRunnerProcess::~KXRunnerProcess()
 
 int KXRunnerProcess::blocksDone()
 {
-    readLines();
+    while (m_process.canReadLine()) {
+        m_lastLine = QString::fromUtf8(m_process.readLine()).trimmed();
+        if (m_lastLine.startsWith(QLatin1String("blocks_done ")))
+            m_blocksDone = m_lastLine.mid(12).toInt();
+    }
     return m_blocksDone;
 }
 
 QString KXRunnerProcess::finish()
 {
     const bool ended = m_process.waitForFinished(kWait) && m_process.exitStatus() == QProcess::NormalExit;
-    readLines();
+    blocksDone(); // reads the last lines
     return ended ? m_lastLine : QString();
 }
 
@@ -70,15 +74,6 @@ void KXRunnerProcess::kill9()
         return;
     m_process.kill(); // SIGKILL: no handler, no clean-up
     m_process.waitForFinished();
-}
-
-void KXRunnerProcess::readLines()
-{
-    while (m_process.canReadLine()) {
-        m_lastLine = QString::fromUtf8(m_process.readLine()).trimmed();
-        if (m_lastLine.startsWith(QLatin1String("blocks_done ")))
-            m_blocksDone = m_lastLine.mid(12).toInt();
-    }
 }
 
 } // namespace KXChunkedE2e

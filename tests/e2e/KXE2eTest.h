@@ -50,8 +50,6 @@ public:
     void kill9();
 
 private:
-    void readLines();
-
     QProcess m_process;
     int m_blocksDone = 0;
     QString m_lastLine;

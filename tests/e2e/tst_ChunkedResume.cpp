@@ -39,8 +39,8 @@ void TestChunkedResume::killedRunMovesOnlyTheMissingBlocks()
     const QString code =
         link ? m_server.createShare(QStringLiteral("/resume"), true, QStringLiteral("pw")) : QString();
     // The server's path, and the task's: the path inside the link for a link's task.
-    const QString onServer = QStringLiteral("/resume/%1.bin").arg(link ? "link" : "plain");
-    const QString remote = link ? QStringLiteral("/link.bin") : onServer;
+    const QString onServer = QStringLiteral("/resume/in/%1.bin").arg(link ? "link" : "plain");
+    const QString remote = link ? QStringLiteral("/in/link.bin") : onServer;
     const QString target = m_dir->filePath(QStringLiteral("target.bin"));
     const QString id = newId();
     QStringList args = runnerArgs(id, upload ? source : target, remote, size);

@@ -204,8 +204,8 @@ void TestKXTransferTool::targetAlreadyHoldsSource()
 void TestKXTransferTool::codeNames()
 {
     const QList<QPair<int, QString>> names = {
-        {20004, "TargetExists"}, {1001, "Cancelled"},          {404, "Http404"},
-        {7, "TransportError"},   {65535, "CreateBlocksError"}, {-3, "Unknown"}};
+        {20004, "TargetExists"}, {20110, "RenameTmpFileError"}, {1001, "Cancelled"}, {404, "Http404"},
+        {7, "TransportError"},   {65535, "CreateBlocksError"},  {-3, "Unknown"}};
     for (const auto& name : names) {
         QCOMPARE(CKXTransferRunner::codeName(name.first), name.second);
     }
