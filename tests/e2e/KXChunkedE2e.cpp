@@ -1,5 +1,7 @@
 #include "KXChunkedE2e.h"
 
+#include "KXTFStoreManager.h"
+#include "KXTransferDB.h"
 #include "ServerApi.h"
 
 namespace KXChunkedE2e {
@@ -42,6 +44,24 @@ void configureServer(const QString& baseUrl, const QString& token)
     config.baseUrl = baseUrl;
     config.sessionId = token;
     ServerApi::configure(config);
+}
+
+StoredBlocks::StoredBlocks(const QString& id)
+{
+    CKXTFStoreManager::inst()->db()->LoadBlockTasks(id, list);
+}
+
+StoredBlocks::~StoredBlocks()
+{
+    qDeleteAll(list);
+}
+
+int StoredBlocks::withState(BlockTaskState state) const
+{
+    int n = 0;
+    for (CKXBlockTask* block : list)
+        n += block->state() == state ? 1 : 0;
+    return n;
 }
 
 } // namespace KXChunkedE2e

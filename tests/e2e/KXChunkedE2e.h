@@ -1,9 +1,10 @@
 #pragma once
 
 // Shared by the end-to-end tests of chunked transfers and their runner executable: task records
-// for uploads and downloads against kxserver, and the final results of tasks as the engine's error
-// callback reports them.
+// for uploads and downloads against kxserver, the blocks the engine stored for a task, and the
+// final results of tasks as the engine's error callback reports them.
 
+#include "KXBlockTask.h"
 #include "KXTransferDefine.h"
 
 #include <QMap>
@@ -21,6 +22,15 @@ SubTaskInfo throughLink(SubTaskInfo task, const QString& code, const QString& pa
 
 // Points the server-API library at kxserver with the account's token.
 void configureServer(const QString& baseUrl, const QString& token);
+
+// The task's blocks as stored in the engine's database, as a resumed run would load them.
+struct StoredBlocks
+{
+    explicit StoredBlocks(const QString& id);
+    ~StoredBlocks();
+    int withState(BlockTaskState state) const;
+    QList<CKXBlockTask*> list;
+};
 
 } // namespace KXChunkedE2e
 

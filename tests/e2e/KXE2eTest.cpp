@@ -3,7 +3,6 @@
 #include "IKXTransfer.h"
 #include "KXTFStoreManager.h"
 #include "KXTestHttp.h"
-#include "KXTransferDB.h"
 #include "KXUtil.h"
 
 #include <QUuid>
@@ -20,24 +19,6 @@ QString writeRandomFile(const QString& path, qint64 size, quint32 seed)
 {
     const QByteArray data = randomBytes(size, seed);
     return writeFile(path, data) ? sha256Hex(data) : QString();
-}
-
-StoredBlocks::StoredBlocks(const QString& id)
-{
-    CKXTFStoreManager::inst()->db()->LoadBlockTasks(id, list);
-}
-
-StoredBlocks::~StoredBlocks()
-{
-    qDeleteAll(list);
-}
-
-int StoredBlocks::withState(BlockTaskState state) const
-{
-    int n = 0;
-    for (CKXBlockTask* block : list)
-        n += block->state() == state ? 1 : 0;
-    return n;
 }
 
 KXRunnerProcess::KXRunnerProcess(const QStringList& args)

@@ -7,7 +7,6 @@
 // function and give each one a fresh folder, fresh counters, no faults and four blocks at a time;
 // everything runs on the test thread.
 
-#include "KXBlockTask.h"
 #include "KXChunkedE2e.h"
 #include "KXServerProcess.h"
 #include "KXTestData.h"
@@ -26,15 +25,6 @@ constexpr int kWait = 120000;
 QString newId();
 // Writes `size` bytes drawn from `seed` (creating the folders); their SHA-256, "" on failure.
 QString writeRandomFile(const QString& path, qint64 size, quint32 seed);
-
-// The task's blocks as stored in the engine's database, as a resumed run would load them.
-struct StoredBlocks
-{
-    explicit StoredBlocks(const QString& id);
-    ~StoredBlocks();
-    int withState(BlockTaskState state) const;
-    QList<CKXBlockTask*> list;
-};
 
 // kx_chunked_runner in a child process, so that a test can kill it with SIGKILL part-way. The
 // destructor kills a runner still going.
