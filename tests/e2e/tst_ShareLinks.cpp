@@ -39,18 +39,23 @@ private slots:
     void refusedLinksFailWithMappedCodes();
 
 private:
-    // Runs an upload of `source` into the link under a new id; its final error code.
-    ErrorCode uploadThrough(const QString& code, const QString& source, const QString& path, qint64 size,
-                            const QString& password = {}, const QString& overwrite = {});
+    // Runs an upload of `source` into the link under a new id; what its final callback reported
+    // (code -1 on a time-out).
+    KXOutcomes::Outcome uploadThrough(const QString& code, const QString& source, const QString& path,
+                                      qint64 size, const QString& password = {},
+                                      const QString& overwrite = {});
 };
 
-ErrorCode TestShareLinks::uploadThrough(const QString& code, const QString& source, const QString& path,
-                                        qint64 size, const QString& password, const QString& overwrite)
+KXOutcomes::Outcome TestShareLinks::uploadThrough(const QString& code, const QString& source,
+                                                  const QString& path, qint64 size, const QString& password,
+                                                  const QString& overwrite)
 {
     SubTaskInfo task = throughLink(uploadTask(newId(), source, path, size), code, password);
     task.remoteFile.delivery.overwrite = overwrite;
     KXOutcomes::Outcome outcome;
-    return run(task, outcome) ? outcome.code : ErrorCode(-1);
+    if (!run(task, outcome))
+        outcome.code = ErrorCode(-1);
+    return outcome;
 }
 
 // A new file, then a replacement that the link's overwrite flag allows, then one it does not.
@@ -64,10 +69,7 @@ void TestShareLinks::uploadIntoFolderLink()
     const QString source = m_dir->filePath(QStringLiteral("up.bin"));
     const QString remote = QStringLiteral("/drop/%1/in/up.bin").arg(size);
     QString sha = writeRandomFile(source, size, quint32(size) + 21);
-    KXOutcomes::Outcome outcome;
-    QVERIFY(run(throughLink(uploadTask(newId(), source, QStringLiteral("/in/up.bin"), size), code,
-                            QStringLiteral("pw")),
-                outcome));
+    const KXOutcomes::Outcome outcome = uploadThrough(code, source, "/in/up.bin", size, "pw");
     QCOMPARE(int(outcome.code), int(NoError));
     QCOMPARE(outcome.record.state, StateCompleted);
     QVERIFY(!outcome.record.remoteFile.delivery.sessionId.isEmpty());
@@ -77,10 +79,10 @@ void TestShareLinks::uploadIntoFolderLink()
     QCOMPARE(stat("commits"), chunked ? 1 : 0);
 
     sha = writeRandomFile(source, size, quint32(size) + 22);
-    QCOMPARE(int(uploadThrough(code, source, "/in/up.bin", size, "pw", "true")), int(NoError));
+    QCOMPARE(int(uploadThrough(code, source, "/in/up.bin", size, "pw", "true").code), int(NoError));
     QCOMPARE(serverSha256(remote), sha);
     writeRandomFile(source, size, quint32(size) + 23);
-    QCOMPARE(int(uploadThrough(code, source, "/in/up.bin", size, "pw", "false")), int(TargetExists));
+    QCOMPARE(int(uploadThrough(code, source, "/in/up.bin", size, "pw", "false").code), int(TargetExists));
     QCOMPARE(serverSha256(remote), sha);
 }
 
@@ -132,8 +134,7 @@ void TestShareLinks::authorisationWithoutSessionKeepsTheStoredOne()
     QVERIFY(!code.isEmpty());
     const QString first = m_dir->filePath(QStringLiteral("first.bin"));
     writeRandomFile(first, 1000, 41);
-    KXOutcomes::Outcome opened;
-    QVERIFY(run(throughLink(uploadTask(newId(), first, QStringLiteral("/first.bin"), 1000), code), opened));
+    const KXOutcomes::Outcome opened = uploadThrough(code, first, "/first.bin", 1000);
     QCOMPARE(int(opened.code), int(NoError));
     const QString session = opened.record.remoteFile.delivery.sessionId;
     QVERIFY(!session.isEmpty());
@@ -150,7 +151,7 @@ void TestShareLinks::authorisationWithoutSessionKeepsTheStoredOne()
     QCOMPARE(outcome.record.remoteFile.delivery.lbc, QStringLiteral("kxserver"));
     QCOMPARE(serverSha256(QStringLiteral("/kept/%1/second.bin").arg(size)), sha);
 
-    QCOMPARE(int(uploadThrough(code, source, "/third.bin", size)), int(SessionInvalid));
+    QCOMPARE(int(uploadThrough(code, source, "/third.bin", size).code), int(SessionInvalid));
     QVERIFY(
         serverSha256(QStringLiteral("/kept/%1/third.bin").arg(size)).startsWith(QLatin1String("status 404")));
 }
@@ -174,7 +175,7 @@ void TestShareLinks::refusedLinksFailWithMappedCodes()
     const QList<Case> uploads = {
         {"nosuchcode", "pw", SourceNotFound}, {readOnly, "pw", Forbidden}, {open, "wrong", SessionInvalid}};
     for (const Case& c : uploads) {
-        QCOMPARE(int(uploadThrough(c.code, source, "/refused.bin", size, c.password)), int(c.expected));
+        QCOMPARE(int(uploadThrough(c.code, source, "/refused.bin", size, c.password).code), int(c.expected));
     }
     // Refused at the authorisation: no hash was offered, no byte was sent.
     for (const char* counter : {"hash_queries", "block_uploads", "file_uploads", "file_upload_bytes"}) {
