@@ -1,12 +1,11 @@
 #include "KXNginxProcess.h"
 
 #include <QDir>
-#include <QElapsedTimer>
 #include <QFile>
 #include <QStandardPaths>
 #include <QTcpServer>
 #include <QTcpSocket>
-#include <QThread>
+#include <QTest>
 
 #include <unistd.h>
 
@@ -98,13 +97,12 @@ bool KXNginxProcess::start(const QString& root)
         m_process.setProcessChannelMode(QProcess::MergedChannels);
         m_process.start(binary, {QStringLiteral("-p"), prefix, QStringLiteral("-c"), conf.fileName(),
                                  QStringLiteral("-g"), QStringLiteral("daemon off;")});
-        QElapsedTimer timer;
-        timer.start();
-        while (timer.elapsed() < 10000 && m_process.state() != QProcess::NotRunning) {
-            if (portAnswers(m_port)) {
-                return true;
-            }
-            QThread::msleep(20);
+        // A port taken meanwhile ends nginx at once; the next attempt draws another.
+        const auto settled = [this] {
+            return m_process.state() == QProcess::NotRunning || portAnswers(m_port);
+        };
+        if (QTest::qWaitFor(settled, 10000) && m_process.state() != QProcess::NotRunning) {
+            return true;
         }
         m_process.waitForFinished(2000);
         m_error = QString::fromLocal8Bit(m_process.readAll());

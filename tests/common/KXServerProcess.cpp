@@ -2,20 +2,6 @@
 
 #include <QDir>
 
-namespace {
-
-QString tempBase()
-{
-    QString base = qEnvironmentVariable("KX_TEST_TMP");
-    if (base.isEmpty()) {
-        return QDir::tempPath();
-    }
-    QDir().mkpath(base);
-    return base;
-}
-
-} // namespace
-
 CKXServerProcess::CKXServerProcess(QStringList extraArgs) : m_extraArgs(std::move(extraArgs)) {}
 
 CKXServerProcess::~CKXServerProcess()
@@ -40,7 +26,9 @@ QList<QByteArray> CKXServerProcess::sessionHeader() const
 
 bool CKXServerProcess::start()
 {
-    m_dir.reset(new QTemporaryDir(tempBase() + QStringLiteral("/kxserver-XXXXXX")));
+    const QString base = qEnvironmentVariable("KX_TEST_TMP", QDir::tempPath());
+    QDir().mkpath(base);
+    m_dir.reset(new QTemporaryDir(base + QStringLiteral("/kxserver-XXXXXX")));
     if (!m_dir->isValid()) {
         m_error = QStringLiteral("cannot create a temporary folder");
         return false;

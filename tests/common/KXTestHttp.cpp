@@ -94,6 +94,17 @@ TestHttpReply perform(CURL* curl, const TestHttpRequest& request)
     return reply;
 }
 
+TestHttpRequest request(const QByteArray& method, const QString& url, const QByteArray& body,
+                        const QList<QByteArray>& headers)
+{
+    TestHttpRequest request;
+    request.method = method;
+    request.url = url;
+    request.body = body;
+    request.headers = headers;
+    return request;
+}
+
 } // namespace
 
 QJsonObject TestHttpReply::json() const
@@ -128,31 +139,18 @@ TestHttpReply CKXTestHttpSession::send(const TestHttpRequest& request)
 
 TestHttpReply CKXTestHttp::get(const QString& url, const QList<QByteArray>& headers)
 {
-    TestHttpRequest request;
-    request.url = url;
-    request.headers = headers;
-    return send(request);
+    return send(request("GET", url, {}, headers));
 }
 
 TestHttpReply CKXTestHttp::post(const QString& url, const QJsonObject& body, const QList<QByteArray>& headers)
 {
-    TestHttpRequest request;
-    request.method = "POST";
-    request.url = url;
-    request.body = QJsonDocument(body).toJson(QJsonDocument::Compact);
-    request.headers = headers;
-    request.headers.append("Content-Type: application/json");
-    return send(request);
+    return send(request("POST", url, QJsonDocument(body).toJson(QJsonDocument::Compact),
+                        headers + QList<QByteArray>{"Content-Type: application/json"}));
 }
 
 TestHttpReply CKXTestHttp::put(const QString& url, const QByteArray& body, const QList<QByteArray>& headers)
 {
-    TestHttpRequest request;
-    request.method = "PUT";
-    request.url = url;
-    request.body = body;
-    request.headers = headers;
-    return send(request);
+    return send(request("PUT", url, body, headers));
 }
 
 QString CKXTestHttp::encode(const QString& value)

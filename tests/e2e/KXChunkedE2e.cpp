@@ -1,50 +1,10 @@
 #include "KXChunkedE2e.h"
 
+#include "KXTFStoreManager.h"
+#include "KXTransferDB.h"
 #include "ServerApi.h"
 
-#include <QCryptographicHash>
-#include <QFile>
-#include <QRandomGenerator>
-
 namespace KXChunkedE2e {
-
-QString writeRandomFile(const QString& path, qint64 size, quint32 seed)
-{
-    QFile file(path);
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
-        return QString();
-    }
-    QRandomGenerator random(seed);
-    QCryptographicHash hash(QCryptographicHash::Sha256);
-    QByteArray piece;
-    for (qint64 left = size; left > 0;) {
-        const int n = int(qMin<qint64>(left, 1 << 20));
-        piece.resize(n);
-        random.fillRange(reinterpret_cast<quint32*>(piece.data()), n / 4);
-        for (int i = n - n % 4; i < n; ++i) {
-            piece[i] = char(random.generate());
-        }
-        if (file.write(piece) != n) {
-            return QString();
-        }
-        hash.addData(piece);
-        left -= n;
-    }
-    return QString::fromLatin1(hash.result().toHex());
-}
-
-QString fileSha256(const QString& path)
-{
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly)) {
-        return QString();
-    }
-    QCryptographicHash hash(QCryptographicHash::Sha256);
-    if (!hash.addData(&file)) {
-        return QString();
-    }
-    return QString::fromLatin1(hash.result().toHex());
-}
 
 SubTaskInfo uploadTask(const QString& id, const QString& localPath, const QString& remotePath, qint64 size)
 {
@@ -63,16 +23,10 @@ SubTaskInfo uploadTask(const QString& id, const QString& localPath, const QStrin
 
 SubTaskInfo downloadTask(const QString& id, const QString& remotePath, const QString& localPath, qint64 size)
 {
-    SubTaskInfo task;
-    task.subTaskId = id;
-    task.taskId = id;
+    SubTaskInfo task = uploadTask(id, localPath, remotePath, size);
     task.isUpload = false;
-    task.size = size;
-    task.localFile.path = localPath;
-    task.remoteFile.path = remotePath;
-    task.remoteFile.pathType = QStringLiteral("self");
+    task.localFile.size = 0;
     task.remoteFile.size = size;
-    task.remoteFile.syncOverwrite = true;
     return task;
 }
 
@@ -90,6 +44,24 @@ void configureServer(const QString& baseUrl, const QString& token)
     config.baseUrl = baseUrl;
     config.sessionId = token;
     ServerApi::configure(config);
+}
+
+StoredBlocks::StoredBlocks(const QString& id)
+{
+    CKXTFStoreManager::inst()->db()->LoadBlockTasks(id, list);
+}
+
+StoredBlocks::~StoredBlocks()
+{
+    qDeleteAll(list);
+}
+
+int StoredBlocks::withState(BlockTaskState state) const
+{
+    int n = 0;
+    for (CKXBlockTask* block : list)
+        n += block->state() == state ? 1 : 0;
+    return n;
 }
 
 } // namespace KXChunkedE2e

@@ -1,9 +1,10 @@
 #pragma once
 
-// Shared by the end-to-end tests of chunked transfers and their runner executable: test files with
-// known content, task records for uploads and downloads against kxserver, and the final results of
-// tasks as the engine's error callback reports them.
+// Shared by the end-to-end tests of chunked transfers and their runner executable: task records
+// for uploads and downloads against kxserver, the blocks the engine stored for a task, and the
+// final results of tasks as the engine's error callback reports them.
 
+#include "KXBlockTask.h"
 #include "KXTransferDefine.h"
 
 #include <QMap>
@@ -14,12 +15,6 @@ namespace KXChunkedE2e {
 
 constexpr qint64 kBlock = 4194304;
 
-// Writes `size` pseudo-random bytes drawn from `seed`; returns their SHA-256 (lower-case hex), or ""
-// when the file cannot be written.
-QString writeRandomFile(const QString& path, qint64 size, quint32 seed);
-// SHA-256 of a file read in pieces, or "" when it cannot be read.
-QString fileSha256(const QString& path);
-
 SubTaskInfo uploadTask(const QString& id, const QString& localPath, const QString& remotePath, qint64 size);
 SubTaskInfo downloadTask(const QString& id, const QString& remotePath, const QString& localPath, qint64 size);
 // The same task through the share link `code`; its remote path is then the path inside the share.
@@ -27,6 +22,15 @@ SubTaskInfo throughLink(SubTaskInfo task, const QString& code, const QString& pa
 
 // Points the server-API library at kxserver with the account's token.
 void configureServer(const QString& baseUrl, const QString& token);
+
+// The task's blocks as stored in the engine's database, as a resumed run would load them.
+struct StoredBlocks
+{
+    explicit StoredBlocks(const QString& id);
+    ~StoredBlocks();
+    int withState(BlockTaskState state) const;
+    QList<CKXBlockTask*> list;
+};
 
 } // namespace KXChunkedE2e
 

@@ -3,9 +3,8 @@
 #include "IKXTransfer.h"
 #include "KXTFStoreManager.h"
 #include "KXTestHttp.h"
-#include "KXTransferDB.h"
+#include "KXUtil.h"
 
-#include <QCryptographicHash>
 #include <QUuid>
 #include <QtTest>
 
@@ -16,28 +15,10 @@ QString newId()
     return QUuid::createUuid().toString(QUuid::WithoutBraces);
 }
 
-QByteArray fileBytes(const QString& path)
+QString writeRandomFile(const QString& path, qint64 size, quint32 seed)
 {
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
-StoredBlocks::StoredBlocks(const QString& id)
-{
-    CKXTFStoreManager::inst()->db()->LoadBlockTasks(id, list);
-}
-
-StoredBlocks::~StoredBlocks()
-{
-    qDeleteAll(list);
-}
-
-int StoredBlocks::withState(BlockTaskState state) const
-{
-    int n = 0;
-    for (CKXBlockTask* block : list)
-        n += block->state() == state ? 1 : 0;
-    return n;
+    const QByteArray data = randomBytes(size, seed);
+    return writeFile(path, data) ? sha256Hex(data) : QString();
 }
 
 KXRunnerProcess::KXRunnerProcess(const QStringList& args)
@@ -48,43 +29,39 @@ KXRunnerProcess::KXRunnerProcess(const QStringList& args)
 
 KXRunnerProcess::~KXRunnerProcess()
 {
-    if (m_process.state() != QProcess::NotRunning)
-        kill9();
+    kill9();
 }
 
 int KXRunnerProcess::blocksDone()
-{
-    readLines();
-    return m_blocksDone;
-}
-
-int KXRunnerProcess::finish()
-{
-    const bool ended = m_process.waitForFinished(kWait) && m_process.exitStatus() == QProcess::NormalExit;
-    readLines();
-    return ended ? m_process.exitCode() : -1;
-}
-
-void KXRunnerProcess::kill9()
-{
-    m_process.kill(); // SIGKILL: no handler, no clean-up
-    m_process.waitForFinished();
-}
-
-void KXRunnerProcess::readLines()
 {
     while (m_process.canReadLine()) {
         m_lastLine = QString::fromUtf8(m_process.readLine()).trimmed();
         if (m_lastLine.startsWith(QLatin1String("blocks_done ")))
             m_blocksDone = m_lastLine.mid(12).toInt();
     }
+    return m_blocksDone;
+}
+
+QString KXRunnerProcess::finish()
+{
+    const bool ended = m_process.waitForFinished(kWait) && m_process.exitStatus() == QProcess::NormalExit;
+    blocksDone(); // reads the last lines
+    return ended ? m_lastLine : QString();
+}
+
+void KXRunnerProcess::kill9()
+{
+    if (m_process.state() == QProcess::NotRunning)
+        return;
+    m_process.kill(); // SIGKILL: no handler, no clean-up
+    m_process.waitForFinished();
 }
 
 } // namespace KXChunkedE2e
 
 using namespace KXChunkedE2e;
 
-void KXE2eTest::setUpWorld()
+void KXE2eTest::initTestCase()
 {
     QVERIFY(m_home.isValid());
     // The runner inherits these, so its database is the one this engine reads.
@@ -93,14 +70,25 @@ void KXE2eTest::setUpWorld()
     QVERIFY2(m_server.start(), qPrintable(m_server.errorString()));
     configureServer(m_server.baseUrl(), m_server.token());
     Transfer::setConfig(TransferConfigUserPath, QString());
-    Transfer::setConfig(TransferConfigMaxConcurrentCount, QStringLiteral("4"));
+    CKXTFStoreManager::inst()->setDBPath(KXUtil::getUserPath(QStringLiteral("Transfer")));
 }
 
-void KXE2eTest::setUpCase()
+void KXE2eTest::init()
 {
     m_dir = std::make_unique<QTemporaryDir>();
     QVERIFY(m_dir->isValid());
     QVERIFY(m_server.resetStats());
+    setLimit(4);
+}
+
+void KXE2eTest::cleanup()
+{
+    m_server.clearFaults();
+}
+
+void KXE2eTest::setLimit(int limit)
+{
+    Transfer::setConfig(TransferConfigMaxConcurrentCount, QString::number(limit));
 }
 
 bool KXE2eTest::run(const SubTaskInfo& task, KXOutcomes::Outcome& outcome, const std::function<void()>& start)
@@ -125,9 +113,7 @@ QString KXE2eTest::serverSha256(const QString& remotePath)
     const TestHttpReply reply = CKXTestHttp::get(m_server.baseUrl() + QStringLiteral("/v1/files?path=") +
                                                      CKXTestHttp::encode(remotePath),
                                                  m_server.sessionHeader());
-    if (reply.status != 200)
-        return QStringLiteral("status %1").arg(reply.status);
-    return QString::fromLatin1(QCryptographicHash::hash(reply.body, QCryptographicHash::Sha256).toHex());
+    return reply.status == 200 ? sha256Hex(reply.body) : QStringLiteral("status %1").arg(reply.status);
 }
 
 bool KXE2eTest::putRemote(const QString& remotePath, const QByteArray& content)

@@ -3,12 +3,13 @@
 // The world the end-to-end tests of chunked transfers share: private XDG folders, one kxserver the
 // engine is pointed at, a work folder per test function, and what the tests ask of them (a task
 // run to its final callback, the server's copy of a file, its counters, the blocks stored for a
-// task). A test class derives from KXE2eTest, calls setUpWorld() from initTestCase() and
-// setUpCase() from init(); everything runs on the test thread.
+// task). A test class derives from KXE2eTest, whose slots set the world up before the first test
+// function and give each one a fresh folder, fresh counters, no faults and four blocks at a time;
+// everything runs on the test thread.
 
-#include "KXBlockTask.h"
 #include "KXChunkedE2e.h"
 #include "KXServerProcess.h"
+#include "KXTestData.h"
 
 #include <QObject>
 #include <QProcess>
@@ -22,16 +23,8 @@ namespace KXChunkedE2e {
 constexpr int kWait = 120000;
 
 QString newId();
-QByteArray fileBytes(const QString& path);
-
-// The task's blocks as stored in the engine's database, as a resumed run would load them.
-struct StoredBlocks
-{
-    explicit StoredBlocks(const QString& id);
-    ~StoredBlocks();
-    int withState(BlockTaskState state) const;
-    QList<CKXBlockTask*> list;
-};
+// Writes `size` bytes drawn from `seed` (creating the folders); their SHA-256, "" on failure.
+QString writeRandomFile(const QString& path, qint64 size, quint32 seed);
 
 // kx_chunked_runner in a child process, so that a test can kill it with SIGKILL part-way. The
 // destructor kills a runner still going.
@@ -42,14 +35,11 @@ public:
     ~KXRunnerProcess();
     // The last "blocks_done" count printed so far.
     int blocksDone();
-    // The exit code of a normal end within kWait, -1 otherwise.
-    int finish();
+    // The runner's last line once it ended by itself within kWait ("done <code> <state>"), else "".
+    QString finish();
     void kill9();
-    QString lastLine() const { return m_lastLine; }
 
 private:
-    void readLines();
-
     QProcess m_process;
     int m_blocksDone = 0;
     QString m_lastLine;
@@ -59,9 +49,14 @@ private:
 
 class KXE2eTest : public QObject
 {
+    Q_OBJECT
+
+protected slots:
+    void initTestCase();
+    void init();
+    void cleanup();
+
 protected:
-    void setUpWorld();
-    void setUpCase();
     // Starts the task (through the public API unless `start` is given) and waits for its next
     // final callback; false on a time-out.
     bool run(const SubTaskInfo& task, KXOutcomes::Outcome& outcome, const std::function<void()>& start = {});
@@ -69,6 +64,7 @@ protected:
     QString serverSha256(const QString& remotePath);
     bool putRemote(const QString& remotePath, const QByteArray& content);
     int stat(const char* name) { return m_server.stats().value(QLatin1String(name)).toInt(); }
+    void setLimit(int limit);
     // The runner's arguments for one task against this server.
     QStringList runnerArgs(const QString& id, const QString& local, const QString& remote, qint64 size) const;
 

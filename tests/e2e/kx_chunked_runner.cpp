@@ -10,33 +10,13 @@
 // The engine's database goes where XDG_DATA_HOME points.
 
 #include "IKXTransfer.h"
-#include "KXBlockTask.h"
 #include "KXChunkedE2e.h"
-#include "KXTFStoreManager.h"
-#include "KXTransferDB.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QThread>
 
 #include <cstdio>
-
-namespace {
-
-// Blocks of the task stored as done: what a restarted run will not move again.
-int blocksDone(const QString& id)
-{
-    QList<CKXBlockTask*> blocks;
-    CKXTFStoreManager::inst()->db()->LoadBlockTasks(id, blocks);
-    int done = 0;
-    for (CKXBlockTask* block : blocks) {
-        done += block->state() == BlockTaskStateCompleted ? 1 : 0;
-    }
-    qDeleteAll(blocks);
-    return done;
-}
-
-} // namespace
 
 int main(int argc, char** argv)
 {
@@ -87,7 +67,8 @@ int main(int argc, char** argv)
             reported = info.sendBytes;
             std::printf("sent %lld\n", static_cast<long long>(reported));
         }
-        const int done = blocksDone(id);
+        // Blocks stored as done: what a restarted run will not move again.
+        const int done = KXChunkedE2e::StoredBlocks(id).withState(BlockTaskStateCompleted);
         if (done != reportedBlocks) {
             reportedBlocks = done;
             std::printf("blocks_done %d\n", done);

@@ -1,130 +1,78 @@
-// Resumption after a crash: a client process running one chunked task is killed with SIGKILL
-// part-way and started again with the same task. The second run moves only the blocks that were
-// not stored as done, and the result is identical to the source.
+// Resumption after a crash: a client process running one chunked task, straight or through a
+// share link, is killed with SIGKILL part-way and started again with the same task. The second
+// run moves only the blocks that were not stored as done, and the result is identical to the
+// source.
 
 #include "KXE2eTest.h"
-#include "KXTFStoreManager.h"
 #include "KXUtil.h"
 
 #include <QtTest>
 
 using namespace KXChunkedE2e;
 
-namespace {
-
-const int kBlocks = 10;
-const qint64 kSize = kBlocks * kBlock - 3;
-
-QByteArray readRange(const QString& path, qint64 loc, qint64 length)
-{
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly) || !file.seek(loc)) {
-        return QByteArray();
-    }
-    return file.read(length);
-}
-
-} // namespace
-
 class TestChunkedResume : public KXE2eTest
 {
     Q_OBJECT
 
 private slots:
-    void initTestCase();
-    void init();
-    void cleanup();
-
-    void killedUploadSendsOnlyTheMissingBlocks();
-    void killedDownloadKeepsItsTemporaryFile();
-
-private:
-    QStringList taskArgs(const QString& id, const QString& local, const QString& remote, bool download) const
-    {
-        QStringList list = runnerArgs(id, local, remote, kSize);
-        return download ? list << QStringLiteral("--download") : list;
-    }
+    void killedRunMovesOnlyTheMissingBlocks_data();
+    void killedRunMovesOnlyTheMissingBlocks();
 };
 
-void TestChunkedResume::initTestCase()
+void TestChunkedResume::killedRunMovesOnlyTheMissingBlocks_data()
 {
-    setUpWorld();
-    // The runner keeps its database where the engine puts it for this XDG_DATA_HOME.
-    CKXTFStoreManager::inst()->setDBPath(KXUtil::getUserPath(QStringLiteral("Transfer")));
+    QTest::addColumn<bool>("upload");
+    QTest::addColumn<bool>("link");
+    QTest::newRow("upload") << true << false;
+    QTest::newRow("download") << false << false;
+    QTest::newRow("upload through a share link") << true << true;
 }
 
-void TestChunkedResume::init()
+void TestChunkedResume::killedRunMovesOnlyTheMissingBlocks()
 {
-    setUpCase();
-}
-
-void TestChunkedResume::cleanup()
-{
-    m_server.clearFaults();
-}
-
-void TestChunkedResume::killedUploadSendsOnlyTheMissingBlocks()
-{
-    const QString source = m_dir->filePath(QStringLiteral("resume-up.bin"));
-    const QString sha = writeRandomFile(source, kSize, 11);
-    const QString remote = QStringLiteral("/e2e/resume-up.bin");
-    const QStringList args = taskArgs(QStringLiteral("resume-upload"), source, remote, false);
+    QFETCH(bool, upload);
+    QFETCH(bool, link);
+    const int blocks = 8;
+    const qint64 size = blocks * kBlock - 3;
+    const QString source = m_dir->filePath(QStringLiteral("source.bin"));
+    const QString sha = writeRandomFile(source, size, qHash(QString(QTest::currentDataTag())));
+    const QString code =
+        link ? m_server.createShare(QStringLiteral("/resume"), true, QStringLiteral("pw")) : QString();
+    // The server's path, and the task's: the path inside the link for a link's task.
+    const QString onServer = QStringLiteral("/resume/in/%1.bin").arg(link ? "link" : "plain");
+    const QString remote = link ? QStringLiteral("/in/link.bin") : onServer;
+    const QString target = m_dir->filePath(QStringLiteral("target.bin"));
+    const QString id = newId();
+    QStringList args = runnerArgs(id, upload ? source : target, remote, size);
+    if (link) {
+        args << QStringLiteral("--share") << code << QStringLiteral("--password") << QStringLiteral("pw");
+    } else if (!upload) {
+        QVERIFY(putRemote(remote, readFile(source)));
+        args << QStringLiteral("--download");
+    }
     // Slow block answers leave time to kill the client between blocks.
-    QVERIFY(m_server.armFault({{"op", "block_upload"}, {"action", "delay"}, {"ms", 100}, {"count", 100}}));
+    QVERIFY(m_server.armFault(
+        {{"op", upload ? "block_upload" : "download"}, {"action", "delay"}, {"ms", 100}, {"count", 100}}));
     {
         KXRunnerProcess first(args);
         QTRY_VERIFY_WITH_TIMEOUT(first.blocksDone() >= 3, kWait);
         first.kill9();
     }
-    const int doneBefore = StoredBlocks(QStringLiteral("resume-upload")).withState(BlockTaskStateCompleted);
-    QVERIFY(doneBefore >= 3 && doneBefore < kBlocks);
-    QCOMPARE(stat("commits"), 0);
-
-    QVERIFY(m_server.clearFaults());
-    // The killed client's last request may still be held up by the server; let it end uncounted.
-    QTRY_VERIFY_WITH_TIMEOUT(stat("inflight") == 0, kWait);
-    QVERIFY(m_server.resetStats());
-    KXRunnerProcess second(args);
-    QCOMPARE(second.finish(), 0);
-    QCOMPARE(second.lastLine(), QStringLiteral("done 0 64"));
-    // The block in flight at the kill may have reached the server; the query then finds it there.
-    const int sent = stat("block_uploads");
-    QVERIFY2(sent <= kBlocks - doneBefore && sent >= kBlocks - doneBefore - 1,
-             qPrintable(QStringLiteral("%1 blocks sent, %2 were done").arg(sent).arg(doneBefore)));
-    QCOMPARE(stat("hash_queries"), kBlocks - doneBefore);
-    QCOMPARE(serverSha256(remote), sha);
-}
-
-void TestChunkedResume::killedDownloadKeepsItsTemporaryFile()
-{
-    const QString source = m_dir->filePath(QStringLiteral("resume-down.src"));
-    const QString sha = writeRandomFile(source, kSize, 12);
-    const QString remote = QStringLiteral("/e2e/resume-down.bin");
-    {
-        KXRunnerProcess upload(taskArgs(QStringLiteral("resume-down-upload"), source, remote, false));
-        QCOMPARE(upload.finish(), 0);
-    }
-
-    const QString target = m_dir->filePath(QStringLiteral("resume-down.bin"));
-    const QString tmp = KXUtil::tmpFile(target, QStringLiteral("resume-download"));
-    const QStringList args = taskArgs(QStringLiteral("resume-download"), target, remote, true);
-    QVERIFY(m_server.resetStats());
-    QVERIFY(m_server.armFault({{"op", "download"}, {"action", "delay"}, {"ms", 100}, {"count", 100}}));
-    {
-        KXRunnerProcess first(args);
-        QTRY_VERIFY_WITH_TIMEOUT(first.blocksDone() >= 3, kWait);
-        first.kill9();
-    }
-    QVERIFY(QFile::exists(tmp));
-    QVERIFY(!QFile::exists(target));
-    const StoredBlocks stored(QStringLiteral("resume-download"));
+    const StoredBlocks stored(id);
     const int doneBefore = stored.withState(BlockTaskStateCompleted);
-    QVERIFY(doneBefore >= 3 && doneBefore < kBlocks);
-    // What the killed run finished is in place in the temporary file.
-    for (CKXBlockTask* block : stored.list) {
-        if (block->state() == BlockTaskStateCompleted) {
-            QCOMPARE(readRange(tmp, block->loc(), block->length()),
-                     readRange(source, block->loc(), block->length()));
+    QVERIFY2(doneBefore >= 3 && doneBefore < blocks, qPrintable(QString::number(doneBefore)));
+    QCOMPARE(stat("commits"), 0);
+    const QString tmp = KXUtil::tmpFile(target, id);
+    if (!upload) {
+        QVERIFY(QFile::exists(tmp) && !QFile::exists(target));
+        // What the killed run finished is in place in the temporary file.
+        const QByteArray sourceBytes = readFile(source);
+        const QByteArray tmpBytes = readFile(tmp);
+        for (CKXBlockTask* block : stored.list) {
+            if (block->state() == BlockTaskStateCompleted) {
+                QCOMPARE(tmpBytes.mid(block->loc(), block->length()),
+                         sourceBytes.mid(block->loc(), block->length()));
+            }
         }
     }
 
@@ -133,11 +81,20 @@ void TestChunkedResume::killedDownloadKeepsItsTemporaryFile()
     QTRY_VERIFY_WITH_TIMEOUT(stat("inflight") == 0, kWait);
     QVERIFY(m_server.resetStats());
     KXRunnerProcess second(args);
-    QCOMPARE(second.finish(), 0);
-    QCOMPARE(second.lastLine(), QStringLiteral("done 0 64"));
-    QCOMPARE(stat("downloads"), kBlocks - doneBefore);
-    QCOMPARE(fileSha256(target), sha);
-    QVERIFY(!QFile::exists(tmp));
+    QCOMPARE(second.finish(), QStringLiteral("done 0 64"));
+    if (upload) {
+        // The block in flight at the kill may have reached the server; its hash query then finds it.
+        const int sent = stat("block_uploads");
+        QVERIFY2(sent <= blocks - doneBefore && sent >= blocks - doneBefore - 1,
+                 qPrintable(QStringLiteral("%1 blocks sent, %2 were done").arg(sent).arg(doneBefore)));
+        QCOMPARE(stat("hash_queries"), blocks - doneBefore);
+        QCOMPARE(stat("commits"), 1);
+        QCOMPARE(serverSha256(onServer), sha);
+    } else {
+        QCOMPARE(stat("downloads"), blocks - doneBefore);
+        QCOMPARE(sha256Hex(readFile(target)), sha);
+        QVERIFY(!QFile::exists(tmp));
+    }
 }
 
 QTEST_GUILESS_MAIN(TestChunkedResume)
