@@ -59,27 +59,15 @@ QString configText(const QString& prefix, const QString& root, quint16 port)
     return text;
 }
 
-QString nginxBinary()
-{
-    QString path = QStandardPaths::findExecutable(QStringLiteral("nginx"));
-    if (path.isEmpty()) {
-        path = QStandardPaths::findExecutable(QStringLiteral("nginx"), {QStringLiteral("/usr/sbin")});
-    }
-    return path;
-}
-
 } // namespace
-
-KXNginxProcess::KXNginxProcess() = default;
-
-KXNginxProcess::~KXNginxProcess()
-{
-    stop();
-}
 
 bool KXNginxProcess::start(const QString& root)
 {
-    const QString binary = nginxBinary();
+    // Debian keeps nginx in /usr/sbin, which a user's PATH may lack.
+    QString binary = QStandardPaths::findExecutable(QStringLiteral("nginx"));
+    if (binary.isEmpty()) {
+        binary = QStandardPaths::findExecutable(QStringLiteral("nginx"), {QStringLiteral("/usr/sbin")});
+    }
     if (binary.isEmpty()) {
         m_error = QStringLiteral("nginx is not installed (scripts/bootstrap installs nginx-light)");
         return false;
@@ -120,9 +108,4 @@ void KXNginxProcess::stop()
         m_process.kill();
         m_process.waitForFinished(2000);
     }
-}
-
-QString KXNginxProcess::baseUrl() const
-{
-    return QStringLiteral("http://127.0.0.1:%1").arg(m_port);
 }

@@ -11,14 +11,13 @@
 class KXNginxProcess
 {
 public:
-    KXNginxProcess();
-    ~KXNginxProcess();
+    ~KXNginxProcess() { stop(); }
 
     // Starts nginx serving `root`. False (with errorString()) when nginx is missing or did not come up.
     bool start(const QString& root);
     void stop();
 
-    QString baseUrl() const; // "http://127.0.0.1:PORT"
+    QString baseUrl() const { return QStringLiteral("http://127.0.0.1:%1").arg(m_port); }
     QString errorString() const { return m_error; }
 
 private:

@@ -4,11 +4,6 @@
 
 CKXServerProcess::CKXServerProcess(QStringList extraArgs) : m_extraArgs(std::move(extraArgs)) {}
 
-CKXServerProcess::~CKXServerProcess()
-{
-    stop();
-}
-
 QString CKXServerProcess::rootPath() const
 {
     return m_dir ? m_dir->filePath(QStringLiteral("root")) : QString();
@@ -52,21 +47,6 @@ bool CKXServerProcess::launch(int port)
         return false;
     }
     return true;
-}
-
-bool CKXServerProcess::isRunning() const
-{
-    return m_driver.isRunning();
-}
-
-bool CKXServerProcess::stop()
-{
-    return m_driver.stop();
-}
-
-void CKXServerProcess::kill9()
-{
-    m_driver.kill();
 }
 
 bool CKXServerProcess::restart()

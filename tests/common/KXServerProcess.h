@@ -24,23 +24,22 @@ public:
     // `extraArgs` go to kxserver as they are, e.g. {"--quota", "1000"}, {"--token", "second"},
     // {"--tls-cert", cert, "--tls-key", key} (admin calls then trust that certificate).
     explicit CKXServerProcess(QStringList extraArgs = {});
-    ~CKXServerProcess();
+    ~CKXServerProcess() { stop(); }
     CKXServerProcess(const CKXServerProcess&) = delete;
     CKXServerProcess& operator=(const CKXServerProcess&) = delete;
 
     bool start();
-    bool isRunning() const;
+    bool isRunning() const { return m_driver.isRunning(); }
     // Graceful stop (SIGTERM); true when the server exited cleanly.
-    bool stop();
-    void kill9();
+    bool stop() { return m_driver.stop(); }
+    void kill9() { m_driver.kill(); }
     // Starts again on the same root; the base URL stays the same unless its port was taken.
     bool restart();
 
     QString baseUrl() const { return m_driver.baseUrl(); } // "http://127.0.0.1:PORT"
     QString token() const { return m_token; }              // "kx-dev-token"
-    QString adminToken() const { return m_adminToken; }
-    QString rootPath() const; // the store: blocks/, meta.db, events.log
-    QString logPath() const;  // the server's request log
+    QString rootPath() const;                              // the store: blocks/, meta.db, events.log
+    QString logPath() const;                               // the server's request log
     QString errorString() const { return m_error; }
     // {"X-ORBALA-SESS-ID: <token>"}, ready for CKXTestHttp.
     QList<QByteArray> sessionHeader() const;

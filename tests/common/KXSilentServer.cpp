@@ -25,11 +25,6 @@ KXSilentServer::~KXSilentServer()
     }
 }
 
-QString KXSilentServer::baseUrl() const
-{
-    return QStringLiteral("http://127.0.0.1:%1").arg(m_port);
-}
-
 int KXSilentServer::takeConnections()
 {
     ::fcntl(m_fd, F_SETFL, O_NONBLOCK);

@@ -14,7 +14,7 @@ public:
     KXSilentServer& operator=(const KXSilentServer&) = delete;
 
     bool isListening() const { return m_port != 0; }
-    QString baseUrl() const; // "http://127.0.0.1:PORT"
+    QString baseUrl() const { return QStringLiteral("http://127.0.0.1:%1").arg(m_port); }
     // Connections made so far (each attempt of a request opens one), taken off the queue.
     int takeConnections();
 

@@ -14,15 +14,11 @@ struct Exchange
     const QByteArray* body = nullptr;
     qsizetype sent = 0;
     TestHttpReply* reply = nullptr;
-    std::function<size_t(char*, size_t)> source;
 };
 
 size_t readBody(char* buffer, size_t size, size_t count, void* user)
 {
     auto* ex = static_cast<Exchange*>(user);
-    if (ex->source) {
-        return ex->source(buffer, size * count);
-    }
     qsizetype n = qMin<qsizetype>(static_cast<qsizetype>(size * count), ex->body->size() - ex->sent);
     memcpy(buffer, ex->body->constData() + ex->sent, static_cast<size_t>(n));
     ex->sent += n;
@@ -56,7 +52,7 @@ void initCurlOnce()
 TestHttpReply perform(CURL* curl, const TestHttpRequest& request)
 {
     TestHttpReply reply;
-    Exchange ex{&request.body, 0, &reply, request.bodySource};
+    Exchange ex{&request.body, 0, &reply};
     QByteArray url = request.url.toUtf8();
     curl_easy_setopt(curl, CURLOPT_URL, url.constData());
     curl_easy_setopt(curl, CURLOPT_CUSTOMREQUEST, request.method.constData());
@@ -66,8 +62,7 @@ TestHttpReply perform(CURL* curl, const TestHttpRequest& request)
     const bool upload = request.method == "PUT" || request.method == "POST";
     curl_easy_setopt(curl, CURLOPT_UPLOAD, upload ? 1L : 0L);
     if (upload) {
-        const qint64 size = request.bodySource ? request.bodySize : request.body.size();
-        curl_easy_setopt(curl, CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(size));
+        curl_easy_setopt(curl, CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(request.body.size()));
         curl_easy_setopt(curl, CURLOPT_READFUNCTION, readBody);
         curl_easy_setopt(curl, CURLOPT_READDATA, &ex);
     }
@@ -92,17 +87,6 @@ TestHttpReply perform(CURL* curl, const TestHttpRequest& request)
     curl_easy_setopt(curl, CURLOPT_HTTPHEADER, nullptr);
     curl_slist_free_all(headers);
     return reply;
-}
-
-TestHttpRequest request(const QByteArray& method, const QString& url, const QByteArray& body,
-                        const QList<QByteArray>& headers)
-{
-    TestHttpRequest request;
-    request.method = method;
-    request.url = url;
-    request.body = body;
-    request.headers = headers;
-    return request;
 }
 
 } // namespace
@@ -139,18 +123,18 @@ TestHttpReply CKXTestHttpSession::send(const TestHttpRequest& request)
 
 TestHttpReply CKXTestHttp::get(const QString& url, const QList<QByteArray>& headers)
 {
-    return send(request("GET", url, {}, headers));
+    return send({"GET", url, {}, headers});
 }
 
 TestHttpReply CKXTestHttp::post(const QString& url, const QJsonObject& body, const QList<QByteArray>& headers)
 {
-    return send(request("POST", url, QJsonDocument(body).toJson(QJsonDocument::Compact),
-                        headers + QList<QByteArray>{"Content-Type: application/json"}));
+    return send({"POST", url, QJsonDocument(body).toJson(QJsonDocument::Compact),
+                 headers + QList<QByteArray>{"Content-Type: application/json"}});
 }
 
 TestHttpReply CKXTestHttp::put(const QString& url, const QByteArray& body, const QList<QByteArray>& headers)
 {
-    return send(request("PUT", url, body, headers));
+    return send({"PUT", url, body, headers});
 }
 
 QString CKXTestHttp::encode(const QString& value)

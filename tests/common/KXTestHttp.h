@@ -10,8 +10,6 @@
 #include <QMap>
 #include <QString>
 
-#include <functional>
-
 struct TestHttpRequest
 {
     QByteArray method = "GET";
@@ -20,10 +18,6 @@ struct TestHttpRequest
     QList<QByteArray> headers;   // "Name: value"
     QString caFile;              // PEM to trust for https; empty: the system store
     bool expectContinue = false; // send "Expect: 100-continue" (curl's habit for large bodies)
-    // Instead of `body`: `bodySize` bytes asked from the source piece by piece, on the calling
-    // thread; it fills at most `max` bytes and returns how many (it may block, e.g. to stall).
-    std::function<size_t(char* buffer, size_t max)> bodySource;
-    qint64 bodySize = 0;
 };
 
 struct TestHttpReply
