@@ -51,11 +51,6 @@ StoredBlocks::StoredBlocks(const QString& id)
     CKXTFStoreManager::inst()->db()->LoadBlockTasks(id, list);
 }
 
-StoredBlocks::~StoredBlocks()
-{
-    qDeleteAll(list);
-}
-
 int StoredBlocks::withState(BlockTaskState state) const
 {
     int n = 0;

@@ -27,7 +27,7 @@ void configureServer(const QString& baseUrl, const QString& token);
 struct StoredBlocks
 {
     explicit StoredBlocks(const QString& id);
-    ~StoredBlocks();
+    ~StoredBlocks() { qDeleteAll(list); }
     int withState(BlockTaskState state) const;
     QList<CKXBlockTask*> list;
 };

@@ -1,6 +1,5 @@
 #include "KXE2eTest.h"
 
-#include "IKXTransfer.h"
 #include "KXTFStoreManager.h"
 #include "KXTestHttp.h"
 #include "KXUtil.h"
@@ -25,11 +24,6 @@ KXRunnerProcess::KXRunnerProcess(const QStringList& args)
 {
     m_process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
     m_process.start(QStringLiteral(KX_BIN_DIR "/kx_chunked_runner"), args);
-}
-
-KXRunnerProcess::~KXRunnerProcess()
-{
-    kill9();
 }
 
 int KXRunnerProcess::blocksDone()
@@ -79,16 +73,6 @@ void KXE2eTest::init()
     QVERIFY(m_dir->isValid());
     QVERIFY(m_server.resetStats());
     setLimit(4);
-}
-
-void KXE2eTest::cleanup()
-{
-    m_server.clearFaults();
-}
-
-void KXE2eTest::setLimit(int limit)
-{
-    Transfer::setConfig(TransferConfigMaxConcurrentCount, QString::number(limit));
 }
 
 bool KXE2eTest::run(const SubTaskInfo& task, KXOutcomes::Outcome& outcome, const std::function<void()>& start)

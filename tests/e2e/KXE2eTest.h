@@ -7,6 +7,7 @@
 // function and give each one a fresh folder, fresh counters, no faults and four blocks at a time;
 // everything runs on the test thread.
 
+#include "IKXTransfer.h"
 #include "KXChunkedE2e.h"
 #include "KXServerProcess.h"
 #include "KXTestData.h"
@@ -32,7 +33,7 @@ class KXRunnerProcess
 {
 public:
     explicit KXRunnerProcess(const QStringList& args);
-    ~KXRunnerProcess();
+    ~KXRunnerProcess() { kill9(); }
     // The last "blocks_done" count printed so far.
     int blocksDone();
     // The runner's last line once it ended by itself within kWait ("done <code> <state>"), else "".
@@ -54,7 +55,7 @@ class KXE2eTest : public QObject
 protected slots:
     void initTestCase();
     void init();
-    void cleanup();
+    void cleanup() { m_server.clearFaults(); }
 
 protected:
     // Starts the task (through the public API unless `start` is given) and waits for its next
@@ -64,7 +65,10 @@ protected:
     QString serverSha256(const QString& remotePath);
     bool putRemote(const QString& remotePath, const QByteArray& content);
     int stat(const char* name) { return m_server.stats().value(QLatin1String(name)).toInt(); }
-    void setLimit(int limit);
+    void setLimit(int limit)
+    {
+        Transfer::setConfig(TransferConfigMaxConcurrentCount, QString::number(limit));
+    }
     // The runner's arguments for one task against this server.
     QStringList runnerArgs(const QString& id, const QString& local, const QString& remote, qint64 size) const;
 
