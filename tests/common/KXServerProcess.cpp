@@ -62,30 +62,7 @@ bool CKXServerProcess::restart()
 TestHttpReply CKXServerProcess::admin(const QByteArray& method, const QString& path, const QJsonObject& body)
 {
     const KXAdminReply answer = m_driver.admin(method, path, body);
-    TestHttpReply reply;
-    reply.status = answer.status;
-    reply.body = answer.body;
-    reply.headers = answer.headers;
-    return reply;
-}
-QJsonObject CKXServerProcess::stats()
-{
-    return admin("GET", QStringLiteral("/admin/stats")).json();
-}
-
-bool CKXServerProcess::resetStats()
-{
-    return admin("POST", QStringLiteral("/admin/stats/reset")).status == 200;
-}
-
-bool CKXServerProcess::armFault(const QJsonObject& fault)
-{
-    return admin("POST", QStringLiteral("/admin/faults"), fault).status == 200;
-}
-
-bool CKXServerProcess::clearFaults()
-{
-    return admin("DELETE", QStringLiteral("/admin/faults")).status == 200;
+    return {answer.status, 0, answer.body, answer.headers};
 }
 
 QString CKXServerProcess::createShare(const QString& path, bool upload, const QString& password)

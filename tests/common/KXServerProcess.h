@@ -44,10 +44,13 @@ public:
     // {"X-ORBALA-SESS-ID: <token>"}, ready for CKXTestHttp.
     QList<QByteArray> sessionHeader() const;
 
-    QJsonObject stats();
-    bool resetStats();
-    bool armFault(const QJsonObject& fault);
-    bool clearFaults();
+    QJsonObject stats() { return admin("GET", QStringLiteral("/admin/stats")).json(); }
+    bool resetStats() { return admin("POST", QStringLiteral("/admin/stats/reset")).status == 200; }
+    bool armFault(const QJsonObject& fault)
+    {
+        return admin("POST", QStringLiteral("/admin/faults"), fault).status == 200;
+    }
+    bool clearFaults() { return admin("DELETE", QStringLiteral("/admin/faults")).status == 200; }
     // The code of a new share link on `path` of the token's own space; empty on failure.
     QString createShare(const QString& path, bool upload = false, const QString& password = {});
     bool setLocked(const QString& path, bool locked);
