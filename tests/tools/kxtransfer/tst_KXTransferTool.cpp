@@ -206,12 +206,10 @@ void TestKXTransferTool::printerModes()
 
 void TestKXTransferTool::serverErrorsMapLikeTheEngine_data()
 {
-    QTest::addColumn<int>("status"); // 0: no answer, curl's code 7
+    QTest::addColumn<int>("status");
     QTest::addColumn<QString>("body");
     QTest::addColumn<int>("code");
     QTest::addColumn<QString>("message");
-    QTest::newRow("not found") << 404 << R"({"code":"nameentry_not_exist","message":"no such file: /a"})"
-                               << 20005 << "no such file: /a";
     QTest::newRow("session") << 401 << R"({"code":"Invalid session","message":"who"})" << 20003 << "who";
     QTest::newRow("session, other case")
         << 401 << R"({"code":"invalid session","message":"who"})" << 20001 << "who";
@@ -219,7 +217,6 @@ void TestKXTransferTool::serverErrorsMapLikeTheEngine_data()
     QTest::newRow("virus") << 403 << R"({"code":"download_file_VirusF","message":"virus"})" << 20031
                            << "virus";
     QTest::newRow("not json") << 500 << "not json" << 20001 << "HTTP status 500";
-    QTest::newRow("no answer") << 0 << "" << 7 << "Couldn't connect";
 }
 
 void TestKXTransferTool::serverErrorsMapLikeTheEngine()
@@ -230,9 +227,7 @@ void TestKXTransferTool::serverErrorsMapLikeTheEngine()
     QFETCH(QString, message);
     ResponseData response;
     response.statusCode = status;
-    response.errorCode = status == 0 ? 7 : 0;
     response.body = body;
-    response.errorString = status == 0 ? QStringLiteral("Couldn't connect") : QString();
     QString mapped;
     QCOMPARE(CKXRemoteMeta::mapError(response, mapped), code);
     QCOMPARE(mapped, message);
