@@ -197,8 +197,8 @@ void TestKXTransferCommand::argumentErrors_data()
     QTest::newRow("operand too many")
         << QStringList{"list", "x"} << true << "'list' takes 0 operand(s), got 1";
     QTest::newRow("no server") << QStringList{"download", "/a", "a"} << false << "no server";
-    QTest::newRow("no token") << QStringList{"upload", "a", "/a", "--server", "http://127.0.0.1:1"} << false
-                              << "no token";
+    QTest::newRow("no token, https") << QStringList{"upload", "a", "/a", "--server", "https://127.0.0.1:1"}
+                                     << false << "no token";
     QTest::newRow("not http") << QStringList{"upload", "a", "/a", "--server", "ftp://h", "--token", "t"}
                               << false << "not an http:// or https:// address";
     QTest::newRow("jobs text") << QStringList{"upload", "a", "/a", "--jobs", "many"} << true
