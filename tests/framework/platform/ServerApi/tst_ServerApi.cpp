@@ -330,16 +330,6 @@ void TestServerApi::chunkedUploadFromMemoryAndFile()
         QCOMPARE(json(block).value(QStringLiteral("hash")).toString(), model.hash);
         QCOMPARE(lastProgress(block).first, model.length);
     }
-
-    Rec commit = std::make_shared<Recorder>();
-    KXServerApiCommitHashModel model;
-    model.entry = offer.entry;
-    model.uploadId = json(query).value(QStringLiteral("upload_id")).toString();
-    model.blockHashes = offer.blockHashes;
-    model.size = content.size();
-    ServerApi::CommitHash(model, commit->onResponse(), QString());
-    QCOMPARE(await(commit), QString());
-    QCOMPARE(json(commit).value(QStringLiteral("needed_block")).toArray().size(), 0);
 }
 
 void TestServerApi::plainAddressesRoundTrip()
