@@ -328,8 +328,6 @@ void TestKXServerProtocol::shareLinks()
     TestHttpReply opened = CKXTestHttp::post(share + "/auth", auth);
     QString session = opened.json().value("session_id").toString();
     QVERIFY(!session.isEmpty());
-    QCOMPARE(opened.json().value("result").toBool(), true);
-    QCOMPARE(opened.json().value("upload_url").toString(), m_server.baseUrl());
     QVERIFY(!opened.json().value("LBC").toString().isEmpty());
     QVERIFY(opened.headers.value("set-cookie").startsWith("S=" + session.toLatin1() + ";"));
 
@@ -350,7 +348,6 @@ void TestKXServerProtocol::shareLinks()
              QStringLiteral("file/folder not found"));
     QCOMPARE(CKXTestHttp::get(share + "/files?path=/../err/file.txt", password).code(),
              QStringLiteral("forbidden"));
-    QCOMPARE(CKXTestHttp::put(share + "/files?path=/b.txt", "x").code(), QStringLiteral("Invalid session"));
     QCOMPARE(CKXTestHttp::put(share + "/files?path=/b.txt", "x", {"X-Share-Session: other-token"}).code(),
              QStringLiteral("forbidden"));
     QCOMPARE(CKXTestHttp::put(share + "/files?path=/b.txt", "x", {"X-Share-Session: kx-dev-token"}).status,
