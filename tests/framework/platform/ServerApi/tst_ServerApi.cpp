@@ -397,12 +397,6 @@ void TestServerApi::repeatedHeadersAndRedirects()
 
 void TestServerApi::errorAnswersAndBadInput()
 {
-    Rec missing = metaData(QStringLiteral("/no/such/file"));
-    QCOMPARE(await(missing, false), QString());
-    QCOMPARE(missing->seen().response.statusCode, 404);
-    QCOMPARE(missing->seen().response.errorCode, 0);
-    QCOMPARE(json(missing).value(QStringLiteral("code")).toString(), QStringLiteral("nameentry_not_exist"));
-
     // An error answer is the body of the completion, never data of the file.
     Rec outside = downloadRouter(QStringLiteral("/shared.bin"), QStringLiteral("bytes=600000-700000"));
     QCOMPARE(await(outside, false), QString());
