@@ -138,6 +138,10 @@ void TestKXServerProtocol::chunkedUploadAndCommit()
     QCOMPARE(m_http.get("/v1/metadata?path=/big.bin").code(), QStringLiteral("nameentry_not_exist"));
     QCOMPARE(needed(m_http.post("/v1/upload/hash", query)), QStringList{hashes[2]});
     QCOMPARE(m_http.putBlock(id, blocks[2]).status, 200);
+    // The upload id of the same file with another size still names the session: the sizes refuse it.
+    QJsonObject oversized = commit;
+    oversized.insert("size", 8388610);
+    QCOMPARE(m_http.post("/v1/upload/commit", oversized).code(), QStringLiteral("content_hash_error"));
 
     QJsonObject done = m_http.post("/v1/upload/commit", commit).json();
     QCOMPARE(done.value("needed_block").toArray().size(), 0);
