@@ -45,8 +45,7 @@ class TestKXServerStore : public QObject
 
 private slots:
     void concurrentUploadsOfOneBlock();
-    void refusedBodiesNeverTravel();
-    void shortBodyStoresNothing();
+    void refusedOrShortBodiesStoreNothing();
     void killDuringUploadKeepsStoreConsistent();
     void damagedBlockEndsTheDownloadNotTheServer();
     void rebootDropsOnlyUncommittedBlocks_data();
@@ -87,7 +86,7 @@ void TestKXServerStore::concurrentUploadsOfOneBlock()
     QVERIFY(server.stop()); // SIGTERM ends the server cleanly (exit code 0)
 }
 
-void TestKXServerStore::refusedBodiesNeverTravel()
+void TestKXServerStore::refusedOrShortBodiesStoreNothing()
 {
     CKXServerProcess server;
     QVERIFY2(server.start(), qPrintable(server.errorString()));
@@ -112,13 +111,8 @@ void TestKXServerStore::refusedBodiesNeverTravel()
     QCOMPARE(CKXTestHttp::send(request).code(), QStringLiteral("forbidden"));
     QCOMPARE(server.stats().value("bytes_received").toInt(), 0);
     QCOMPARE(server.stats().value("requests").toInt(), 3);
-}
 
-void TestKXServerStore::shortBodyStoresNothing()
-{
-    CKXServerProcess server;
-    QVERIFY2(server.start(), qPrintable(server.errorString()));
-    const Client http(server);
+    // A body that ends early leaves nothing under its name, and the name takes a whole one later.
     QTcpSocket socket;
     QVERIFY(sendPart(socket, server, "/short.bin", 9000000, 5000000));
     socket.abort();

@@ -5,7 +5,6 @@
 #include <QCryptographicHash>
 #include <QDir>
 #include <QFile>
-#include <QRandomGenerator>
 #include <QTemporaryDir>
 #include <QtTest>
 
@@ -28,15 +27,12 @@ class TestKXUtil : public QObject
 private slots:
     void sha256LargeBufferMatchesReference();
 
-    void userPathFollowsXdgDataHome();
     void existsCreateAndRemove();
 
     void moveFileKeepsDataOnFailure_data();
     void moveFileKeepsDataOnFailure();
     void moveFileAcrossFilesystems();
     void tmpFileLiesBesideItsFile();
-    void openEmptyStartsFromNothing_data();
-    void openEmptyStartsFromNothing();
 
     void freeBytesFromNearestParent();
 
@@ -44,7 +40,6 @@ private slots:
     void protectionRoundTrip();
     void protectionRejectsGarbage_data();
     void protectionRejectsGarbage();
-    void protectionRejectsTamperedText();
 };
 
 void TestKXUtil::sha256LargeBufferMatchesReference()
@@ -80,21 +75,6 @@ void TestKXUtil::sha256LargeBufferMatchesReference()
     QBuffer other(&changed);
     QVERIFY(other.open(QIODevice::ReadOnly));
     QVERIFY(KXUtil::fingerprint(&other, changed.size()) != print.text());
-}
-
-void TestKXUtil::userPathFollowsXdgDataHome()
-{
-    QTemporaryDir home;
-    QVERIFY(home.isValid());
-    const QByteArray saved = qgetenv("XDG_DATA_HOME");
-    qputenv("XDG_DATA_HOME", QFile::encodeName(home.path()));
-    const QString user = KXUtil::getUserPath(QStringLiteral("Transfer"));
-    const QString data = KXUtil::getDataPath();
-    qputenv("XDG_DATA_HOME", saved);
-
-    QCOMPARE(user, home.path() + "/Transfer/");
-    QCOMPARE(data, home.path() + "/");
-    QVERIFY2(!QFileInfo::exists(user), "the module folder must not be created");
 }
 
 void TestKXUtil::existsCreateAndRemove()
@@ -194,31 +174,6 @@ void TestKXUtil::moveFileAcrossFilesystems()
     QCOMPARE(QDir(home.path()).entryList(QDir::Files | QDir::Hidden), QStringList{"target.bin"});
 }
 
-void TestKXUtil::openEmptyStartsFromNothing_data()
-{
-    QTest::addColumn<QByteArray>("before"); // "-": no file
-    QTest::newRow("missing") << QByteArray("-");
-    QTest::newRow("empty") << QByteArray();
-    QTest::newRow("left over") << QByteArray("stale bytes of an earlier attempt");
-}
-
-void TestKXUtil::openEmptyStartsFromNothing()
-{
-    QFETCH(QByteArray, before);
-    QTemporaryDir dir;
-    const QString path = dir.filePath(QStringLiteral("part.kxtmp"));
-    if (before != "-") {
-        QFile old(path);
-        QVERIFY(old.open(QIODevice::WriteOnly) && old.write(before) == before.size());
-    }
-    QFile file(path);
-    QVERIFY(KXUtil::openEmpty(file));
-    QCOMPARE(file.write("new"), 3);
-    file.close();
-    QVERIFY(file.open(QIODevice::ReadOnly));
-    QCOMPARE(file.readAll(), QByteArray("new"));
-}
-
 void TestKXUtil::tmpFileLiesBesideItsFile()
 {
     QTemporaryDir dir;
@@ -280,23 +235,20 @@ void TestKXUtil::protectionRejectsGarbage_data()
     QTest::newRow("prefix and noise") << QStringLiteral("kx1.AAAAAAAAAAAA");
     QTest::newRow("bad base64") << QStringLiteral("kx1.***");
     QTest::newRow("non-latin1") << QStringLiteral("kx1.密码");
+    // Stored text that lost its end or had any one character changed.
+    const QString hidden = KXUtil::simpleEncrypt(QStringLiteral("secret text"));
+    QTest::newRow("truncated") << hidden.left(hidden.size() - 2);
+    for (int i = 0; i < hidden.size(); ++i) {
+        QString altered = hidden;
+        altered[i] = altered[i] == QLatin1Char('A') ? QLatin1Char('B') : QLatin1Char('A');
+        QTest::addRow("altered at %d", i) << altered;
+    }
 }
 
 void TestKXUtil::protectionRejectsGarbage()
 {
     QFETCH(QString, garbage);
     QCOMPARE(KXUtil::simpleDecrypt(garbage), QString());
-}
-
-void TestKXUtil::protectionRejectsTamperedText()
-{
-    const QString hidden = KXUtil::simpleEncrypt(QStringLiteral("secret text"));
-    QCOMPARE(KXUtil::simpleDecrypt(hidden.left(hidden.size() - 2)), QString());
-    for (int i = 0; i < hidden.size(); ++i) {
-        QString altered = hidden;
-        altered[i] = altered[i] == QLatin1Char('A') ? QLatin1Char('B') : QLatin1Char('A');
-        QVERIFY2(KXUtil::simpleDecrypt(altered).isEmpty(), qPrintable("accepted " + altered));
-    }
 }
 
 QTEST_GUILESS_MAIN(TestKXUtil)
