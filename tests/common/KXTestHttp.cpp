@@ -123,18 +123,22 @@ TestHttpReply CKXTestHttpSession::send(const TestHttpRequest& request)
 
 TestHttpReply CKXTestHttp::get(const QString& url, const QList<QByteArray>& headers)
 {
-    return send({"GET", url, {}, headers});
+    return send({"GET", url, {}, headers, {}, false});
 }
 
 TestHttpReply CKXTestHttp::post(const QString& url, const QJsonObject& body, const QList<QByteArray>& headers)
 {
-    return send({"POST", url, QJsonDocument(body).toJson(QJsonDocument::Compact),
-                 headers + QList<QByteArray>{"Content-Type: application/json"}});
+    return send({"POST",
+                 url,
+                 QJsonDocument(body).toJson(QJsonDocument::Compact),
+                 headers + QList<QByteArray>{"Content-Type: application/json"},
+                 {},
+                 false});
 }
 
 TestHttpReply CKXTestHttp::put(const QString& url, const QByteArray& body, const QList<QByteArray>& headers)
 {
-    return send({"PUT", url, body, headers});
+    return send({"PUT", url, body, headers, {}, false});
 }
 
 QString CKXTestHttp::encode(const QString& value)
