@@ -18,7 +18,6 @@ class TestKXTransferTask : public QObject
 private slots:
     void clearRestoresDefaults();
     void settersChangeOnlyTheirPart();
-    void fromJsonReplacesOnlyOnGoodText();
     void concurrentProgressAndSnapshots();
 };
 
@@ -52,27 +51,6 @@ void TestKXTransferTask::settersChangeOnlyTheirPart()
     QCOMPARE(task.getLocalFileInfo().size, 0LL);
     QCOMPARE(task.getLocalFileInfo().path, local.path);
     QCOMPARE(task.getLocalFileInfo().time, local.time);
-}
-
-void TestKXTransferTask::fromJsonReplacesOnlyOnGoodText()
-{
-    CKXTransferTask task(sampleSubTaskInfo());
-    const QString before = task.ToJson();
-    QVERIFY(!task.FromJson(QStringLiteral("[1,2]")));
-    QVERIFY(!task.FromJson(QStringLiteral("{\"size\":")));
-    QCOMPARE(task.getPartSize(), sampleSubTaskInfo().partSizes);
-    QCOMPARE(task.ToJson(), before);
-
-    QVERIFY(task.FromJson(QStringLiteral(R"({"subtask_id":"s2","size":10})")));
-    QCOMPARE(task.getId(), QStringLiteral("s2"));
-    QCOMPARE(task.getSize(), 10LL);
-    QCOMPARE(task.getSendBytes(), -1LL);
-    // The text is read into a fresh record, so nothing of the old one survives.
-    QVERIFY(task.getPartSize().isEmpty());
-    QCOMPARE(int(task.getTransferMethod()), 1);
-
-    QVERIFY(task.FromJson(before));
-    QCOMPARE(task.ToJson(), sampleTaskText());
 }
 
 namespace {
