@@ -1,11 +1,19 @@
-// The block queues: list and index kept apart on purpose, the moves between stages, and moves from
-// several threads at once (the fixed lock order must not deadlock or lose a block).
+// The block queues: list and index kept apart on purpose, the moves between stages, moves from
+// several threads at once (the fixed lock order must not deadlock or lose a block), and the
+// dispatcher without a server: filing of reported blocks by their state, and the end of the chunked
+// transfer's event loop when nothing is left.
 
+#include "KXBlockHandler.h"
 #include "KXBlockMgr.h"
+#include "KXBlockOpQueue.h"
 #include "KXBlockTask.h"
 #include "KXBlockTaskQueue.h"
+#include "KXTransferTask.h"
 
+#include <QEventLoop>
+#include <QTemporaryDir>
 #include <QThread>
+#include <QTimer>
 #include <QtTest>
 
 #include <atomic>
@@ -52,6 +60,8 @@ class TestKXBlockQueues : public QObject
     Q_OBJECT
 
 private slots:
+    void initTestCase();
+
     void getTaskTakesAPrefixOrEverything_data();
     void getTaskTakesAPrefixOrEverything();
     void duplicateIsListedTwiceIndexedOnce();
@@ -60,7 +70,21 @@ private slots:
     void moveOfAbsentBlockStillAdds();
     void errorsGoBackToWaitingInOrder();
     void concurrentMovesLoseNothing();
+
+    void reportIsFiledByState_data();
+    void reportIsFiledByState();
+    void lastReportEndsTheEventLoop();
+
+private:
+    QTemporaryDir m_home;
 };
+
+void TestKXBlockQueues::initTestCase()
+{
+    QVERIFY(m_home.isValid());
+    qputenv("XDG_DATA_HOME", m_home.path().toUtf8());
+    qputenv("HOME", m_home.path().toUtf8());
+}
 
 void TestKXBlockQueues::getTaskTakesAPrefixOrEverything_data()
 {
@@ -162,8 +186,8 @@ void TestKXBlockQueues::errorsGoBackToWaitingInOrder()
 
 void TestKXBlockQueues::concurrentMovesLoseNothing()
 {
-    // Each thread walks its own blocks through the stages while a reader polls every queue; all
-    // of them take the locks of two stages at once in different pairs.
+    // Each thread walks its own blocks through the stages while a reader polls every queue; all of
+    // them take the locks of two stages at once in different pairs.
     const int threads = 4;
     const int perThread = 200;
     const auto blocks = makeBlocks(threads * perThread);
@@ -217,6 +241,55 @@ void TestKXBlockQueues::concurrentMovesLoseNothing()
     for (CKXBlockTask* block : pointers(blocks)) {
         QCOMPARE(placesOf(mgr, block).count(1), 1);
     }
+}
+
+void TestKXBlockQueues::reportIsFiledByState_data()
+{
+    QTest::addColumn<int>("state");
+    QTest::addColumn<int>("stage");
+    QTest::newRow("completed") << int(BlockTaskStateCompleted) << int(CKXBlockMgr::Complete);
+    QTest::newRow("failed") << int(BlockTaskStateError) << int(CKXBlockMgr::Error);
+    QTest::newRow("paused") << int(BlockTaskStatePaused) << int(CKXBlockMgr::Pause);
+    QTest::newRow("still working") << int(BlockTaskStateWorking) << int(CKXBlockMgr::Running);
+}
+
+void TestKXBlockQueues::reportIsFiledByState()
+{
+    QFETCH(int, state);
+    QFETCH(int, stage);
+    const auto blocks = makeBlocks(2);
+    CKXTransferTask task;
+    CKXBlockHandler handler(&task);
+    CKXBlockMgr mgr;
+    mgr.addWaitingQueueWithMutex(blocks[1].get()); // keeps the loop of this thread alive
+    mgr.addRunningQueueWithMutex(blocks[0].get());
+    blocks[0]->setState(BlockTaskState(state));
+    CKXBlockOpQueue queue(&mgr, &handler, 1);
+    // A report of a block no thread is registered for is still filed.
+    queue.blockFinish(nullptr, blocks[0].get(), 0);
+    QCOMPARE(mgr.tasks(CKXBlockMgr::Stage(stage)), QList<CKXBlockTask*>{blocks[0].get()});
+    QCOMPARE(mgr.count(CKXBlockMgr::Waiting), 1);
+    QVERIFY(!queue.isCancelled());
+}
+
+void TestKXBlockQueues::lastReportEndsTheEventLoop()
+{
+    const auto blocks = makeBlocks(2);
+    CKXTransferTask task;
+    CKXBlockHandler handler(&task);
+    CKXBlockMgr mgr;
+    mgr.addCompleteQueueWithMutex(blocks[0].get());
+    mgr.addRunningQueueWithMutex(blocks[1].get());
+    blocks[1]->setState(BlockTaskStateError);
+    CKXBlockOpQueue queue(&mgr, &handler, 2);
+    // The loop stands for the chunked transfer's; only the dispatcher's exit(0) ends it with 0.
+    QEventLoop loop;
+    QTimer::singleShot(0, &queue, [&] { queue.blockFinish(nullptr, blocks[1].get(), ServerError); });
+    QTimer::singleShot(60000, &loop, [&] { loop.exit(1); });
+    QCOMPARE(loop.exec(), 0);
+    QVERIFY(queue.isCancelled());
+    QCOMPARE(mgr.tasks(CKXBlockMgr::Error), QList<CKXBlockTask*>{blocks[1].get()});
+    QVERIFY(mgr.isEmpty(CKXBlockMgr::Running));
 }
 
 QTEST_GUILESS_MAIN(TestKXBlockQueues)
