@@ -1,5 +1,5 @@
-// The transfer database on real files: round trips through both tables, per-thread connections,
-// the write thread, and files or rows that are not what they should be.
+// The transfer database on real files: round trips through both tables, per-thread connections, the
+// write thread, and files or rows that are not what they should be.
 
 #include "KXBlockJsonConvert.h"
 #include "KXBlockTask.h"
@@ -73,10 +73,9 @@ private slots:
     void concurrentWritersUseOwnConnections();
     void statementListSkipsOnlyTheFailingOne();
     void writeThreadStoresEveryQueuedStatement();
-    void replacedFileIsReopened();
 
-    void corruptFileFailsWithoutTouchingIt();
-    void uncreatableFolderFails();
+    void unusableFileFailsWithoutTouchingIt_data();
+    void unusableFileFailsWithoutTouchingIt();
     void rowWithBadJsonFails();
     void idWithQuoteIsRefusedAndOthersSurvive();
 
@@ -276,35 +275,30 @@ void TestKXTransferDB::writeThreadStoresEveryQueuedStatement()
     QCOMPARE(rows(QStringLiteral("block_v1")), count);
 }
 
-void TestKXTransferDB::replacedFileIsReopened()
+void TestKXTransferDB::unusableFileFailsWithoutTouchingIt_data()
 {
-    CKXTransferDB db(dbPath());
-    QVERIFY(db.init());
-    CKXTransferTask first = taskNamed(QStringLiteral("before-removal"));
-    QVERIFY(db.AddTransferTask(first));
-
-    // Someone removes the file; the cached connection must not keep writing into the lost inode.
-    for (const char* suffix : {"", "-wal", "-shm"}) {
-        QFile::remove(dbPath() + QLatin1String(suffix));
-    }
-    QVERIFY(db.init());
-    CKXTransferTask second = taskNamed(QStringLiteral("after-removal"));
-    QVERIFY(db.AddTransferTask(second));
-    QCOMPARE(sqlValue(dbPath(), QStringLiteral("SELECT group_concat(id) FROM transfer_v1")).toString(),
-             QStringLiteral("after-removal"));
+    QTest::addColumn<QString>("path");       // in the test's folder; none at all when empty
+    QTest::addColumn<QByteArray>("content"); // of the file the path is, or runs through
+    QTest::newRow("not a database") << QStringLiteral("transfer.db") << randomBytes(64 * 1024, 42);
+    QTest::newRow("a plain file for a folder")
+        << QStringLiteral("plain-file/sub/transfer.db") << QByteArray();
+    QTest::newRow("no name") << QString() << QByteArray();
 }
 
-void TestKXTransferDB::corruptFileFailsWithoutTouchingIt()
+void TestKXTransferDB::unusableFileFailsWithoutTouchingIt()
 {
-    const QByteArray garbage = randomBytes(64 * 1024, 42);
-    QVERIFY(writeFile(dbPath(), garbage));
+    QFETCH(QString, path);
+    QFETCH(QByteArray, content);
+    const QString file = m_dir->filePath(path.section(QLatin1Char('/'), 0, 0));
+    QVERIFY(path.isEmpty() || writeFile(file, content));
     {
-        CKXTransferDB db(dbPath());
+        CKXTransferDB db(path.isEmpty() ? QString() : m_dir->filePath(path));
         QVERIFY(!db.init());
         CKXTransferTask task(sampleSubTaskInfo());
         QVERIFY(!db.AddTransferTask(task));
         QVERIFY(!db.LoadTransferTask(task.getId(), task));
         QCOMPARE(persisted(task.getSubTaskInfo()), sampleTaskText());
+        QVERIFY(!db.DelTransferTask(task.getId()));
         BlockList blocks;
         blocks.blocks << makeBlock(QStringLiteral("x"), 0, sampleSubTaskInfo());
         QVERIFY(!db.AddBlockTaskFormList(blocks.blocks));
@@ -313,24 +307,10 @@ void TestKXTransferDB::corruptFileFailsWithoutTouchingIt()
         QVERIFY(loaded.blocks.isEmpty());
         QVERIFY(!db.DelBlockTasks(QStringLiteral("x")));
     }
-    QCOMPARE(readFile(dbPath()), garbage);
-}
-
-void TestKXTransferDB::uncreatableFolderFails()
-{
-    // A regular file where a folder of the path should be.
-    const QString blocker = m_dir->filePath(QStringLiteral("plain-file"));
-    QVERIFY(writeFile(blocker, QByteArray()));
-    CKXTransferDB db(blocker + QStringLiteral("/sub/transfer.db"));
-    QVERIFY(!db.init());
-    CKXTransferTask task(sampleSubTaskInfo());
-    QVERIFY(!db.AddTransferTask(task));
-    QVERIFY(!db.DelTransferTask(task.getId()));
-
-    CKXTransferDB unnamed{QString()};
-    QVERIFY(!unnamed.init());
-    QVERIFY(!unnamed.AddTransferTask(task));
-    QVERIFY(QFileInfo(blocker).isFile());
+    if (!path.isEmpty()) {
+        QVERIFY(QFileInfo(file).isFile());
+        QCOMPARE(readFile(file), content);
+    }
 }
 
 void TestKXTransferDB::rowWithBadJsonFails()
