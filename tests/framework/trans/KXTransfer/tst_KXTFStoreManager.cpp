@@ -61,7 +61,6 @@ private slots:
 
     void completedTaskIsReadOnceAndLosesItsRows();
     void latestRecordWins();
-    void databaseFilePathIgnoresTrailingSeparator();
     void unconfiguredStoreWritesNowhere();
     void logIsClosedWithTheStoreAndReopened();
 
@@ -150,23 +149,6 @@ void TestKXTFStoreManager::latestRecordWins()
     QVERIFY(!store->taskInfoFormJson(QStringLiteral("[1,2]"), parsed));
 }
 
-void TestKXTFStoreManager::databaseFilePathIgnoresTrailingSeparator()
-{
-    CKXTFStoreManager* store = CKXTFStoreManager::inst();
-    const QString expected = m_dir->path() + QStringLiteral("/transfer.db");
-    store->setDBPath(m_dir->path());
-    QCOMPARE(store->databaseFilePath(), expected);
-    store->setDBPath(m_dir->path() + QLatin1Char('/'));
-    QCOMPARE(store->databaseFilePath(), expected);
-    QCOMPARE(store->dbPath(), m_dir->path() + QLatin1Char('/'));
-
-    // The database is made there, with both tables.
-    QVERIFY(store->db() != nullptr);
-    QCOMPARE(countRows(expected, QStringLiteral("SELECT COUNT(*) FROM sqlite_master WHERE type='table' AND "
-                                                "name IN ('transfer_v1','block_v1')")),
-             2);
-}
-
 void TestKXTFStoreManager::unconfiguredStoreWritesNowhere()
 {
     CKXTFStoreManager::clear();
@@ -176,8 +158,10 @@ void TestKXTFStoreManager::unconfiguredStoreWritesNowhere()
     QVERIFY(!store->db()->AddTransferTask(task));
     QVERIFY(!QFile::exists(QStringLiteral("/transfer.db")));
 
-    // Configured afterwards, the next db() is the real one.
-    store->setDBPath(m_dir->path());
+    // Configured afterwards, the next db() is the real one; a trailing separator changes nothing.
+    store->setDBPath(m_dir->path() + QLatin1Char('/'));
+    QCOMPARE(store->dbPath(), m_dir->path() + QLatin1Char('/'));
+    QCOMPARE(store->databaseFilePath(), m_dir->path() + QStringLiteral("/transfer.db"));
     QVERIFY(store->db()->AddTransferTask(task));
     QCOMPARE(countRows(dbFile(), QStringLiteral("SELECT COUNT(*) FROM transfer_v1")), 1);
 }
