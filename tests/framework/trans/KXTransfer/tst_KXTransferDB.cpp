@@ -68,8 +68,7 @@ private slots:
     void init();
 
     void taskRowRoundTrips();
-    void blocksComeBackInIndexOrder();
-    void blockDeletionIsPerBlockAndPerTask();
+    void blocksComeBackInIndexOrderAndGoOneOrAll();
     void concurrentWritersUseOwnConnections();
     void statementListSkipsOnlyTheFailingOne();
     void writeThreadStoresEveryQueuedStatement();
@@ -137,7 +136,7 @@ void TestKXTransferDB::taskRowRoundTrips()
     QVERIFY(!db.LoadTransferTask(task.getId(), loaded));
 }
 
-void TestKXTransferDB::blocksComeBackInIndexOrder()
+void TestKXTransferDB::blocksComeBackInIndexOrderAndGoOneOrAll()
 {
     SubTaskInfo owner = sampleSubTaskInfo();
     owner.errorInfo = QStringLiteral("owner's %1 text");
@@ -165,26 +164,17 @@ void TestKXTransferDB::blocksComeBackInIndexOrder()
     CKXBlockTask single;
     QVERIFY(db.LoadBlockTask(QStringLiteral("%1-blk-5").arg(sub), single));
     QCOMPARE(blockText(single), blockText(*written.blocks.at(4)));
-}
 
-void TestKXTransferDB::blockDeletionIsPerBlockAndPerTask()
-{
-    const SubTaskInfo owner = sampleSubTaskInfo();
-    CKXTransferDB db(dbPath());
-    QVERIFY(db.init());
-    BlockList written;
-    for (int i = 0; i < 4; ++i) {
-        written.blocks << makeBlock(QStringLiteral("A"), i, owner)
-                       << makeBlock(QStringLiteral("B"), i, owner);
-    }
-    QVERIFY(db.AddBlockTaskFormList(written.blocks));
-    QVERIFY(db.DelBlockTask(QStringLiteral("A-blk-2")));
-    QCOMPARE(rows(QStringLiteral("block_v1"), QStringLiteral("WHERE sub_task_id='A'")), 3);
-    QVERIFY(db.DelBlockTasks(QStringLiteral("A")));
-    QCOMPARE(rows(QStringLiteral("block_v1"), QStringLiteral("WHERE sub_task_id='A'")), 0);
-    QCOMPARE(rows(QStringLiteral("block_v1"), QStringLiteral("WHERE sub_task_id='B'")), 4);
+    // Deleting one block or all of a task's leaves another task's blocks alone.
+    BlockList other;
+    other.blocks << makeBlock(QStringLiteral("B"), 0, owner);
+    QVERIFY(db.AddBlockTaskFormList(other.blocks));
+    QVERIFY(db.DelBlockTask(QStringLiteral("%1-blk-2").arg(sub)));
+    QCOMPARE(rows(QStringLiteral("block_v1"), QStringLiteral("WHERE sub_task_id='%1'").arg(sub)), 9);
+    QVERIFY(db.DelBlockTasks(sub));
+    QCOMPARE(rows(QStringLiteral("block_v1"), QStringLiteral("WHERE sub_task_id='B'")), 1);
     BlockList none;
-    QVERIFY(db.LoadBlockTasks(QStringLiteral("A"), none.blocks));
+    QVERIFY(db.LoadBlockTasks(sub, none.blocks));
     QVERIFY(none.blocks.isEmpty());
 }
 
