@@ -307,14 +307,6 @@ private slots:
         QCOMPARE(parser.upload_id(), kUploadId);
         QVERIFY(!parser.need_upload());
 
-        const QString missing =
-            QStringLiteral("{\"needed_block\":[\"%1\"],\"upload_id\":\"%2\"}").arg(kSha1, kUploadId);
-        CKXCommitHashParse incomplete;
-        incomplete.ParseResp(response(200, missing));
-        QCOMPARE(incomplete.blockHashes(), QStringList{kSha1});
-        QCOMPARE(incomplete.meta(), missing);
-        QVERIFY(incomplete.path().isEmpty());
-
         // Without a metadata object the path comes from the top level.
         CKXCommitHashParse flat;
         flat.ParseResp(response(200, kFileMeta));
@@ -349,16 +341,8 @@ private slots:
         QCOMPARE(CKXCommitHashParse::getMetaString(text), expected);
     }
 
-    void uploadAnswers()
+    void wholeUploadAnswer()
     {
-        const QString block =
-            QStringLiteral("{\"upload_id\":\"%1\",\"hash\":\"%2\",\"status\":\"ok\"}").arg(kUploadId, kSha0);
-        CKXChunkedUploadParse chunk;
-        chunk.ParseResp(response(200, block));
-        QCOMPARE(chunk.uploadId(), kUploadId);
-        QCOMPARE(chunk.hash(), kSha0);
-        QCOMPARE(chunk.status(), QStringLiteral("ok"));
-
         CKXUploadParse whole;
         whole.ParseResp(response(200, kFileMeta));
         QCOMPARE(whole.meta(), kFileMeta);
@@ -404,18 +388,9 @@ private slots:
         QVERIFY(!share.result());
     }
 
-    void deliveryAuthUpload()
+    // A granted share upload is every upload of tst_ShareLinks; these are the answers that grant none.
+    void deliveryAuthUploadRefused()
     {
-        const QString body = QStringLiteral("{\"result\":true,\"session_id\":\"sess1\","
-                                            "\"upload_url\":\"http://127.0.0.1:8080\",\"LBC\":\"lbc-3\"}");
-        CKXDeliveryAuthUploadParse parser;
-        parser.ParseResp(withCookie(response(200, body), "S=sess1; Path=/; HttpOnly"));
-        QVERIFY(parser.result());
-        QCOMPARE(parser.deliverySessionId(), QStringLiteral("sess1"));
-        QCOMPARE(parser.uploadUrl(), QStringLiteral("http://127.0.0.1:8080"));
-        QCOMPARE(parser.LBC(), QStringLiteral("lbc-3"));
-        QCOMPARE(parser.s(), QStringLiteral("sess1"));
-
         for (const char* result : {"1", "\"true\"", "false"}) {
             CKXDeliveryAuthUploadParse notGranted;
             notGranted.ParseResp(
