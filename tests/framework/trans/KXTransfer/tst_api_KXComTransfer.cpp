@@ -42,8 +42,7 @@ private slots:
     void staleSizeLeavesNoPartialFile();
     void localProblemsNeverReachServer();
     void delWaitsForFinishingThread();
-    void storedCompleteTaskSkipsServer();
-    void taskReadInFinalCallbackStaysGone();
+    void completedTaskIsNotRunAgain();
 
     void downloadsAddress();
     void failedAddressLeavesNothing_data();
@@ -246,38 +245,32 @@ void TestApiComTransfer::delWaitsForFinishingThread()
     env.server().kill9();
 }
 
-void TestApiComTransfer::storedCompleteTaskSkipsServer()
+// The stored row of a completed task alone decides: run again, the task ends at once, not even
+// noticing that its local file is gone. A task read in its final callback is gone for good: the
+// finished transfer must not write the row back afterwards.
+void TestApiComTransfer::completedTaskIsNotRunAgain()
 {
     CKXApiFixture& env = *m_env;
     const SubTaskInfo task = smallUpload(QStringLiteral("done.bin"));
-    ApiTaskRecord first;
-    KX_RUN_TO_END(env, task, &first, false);
-    QCOMPARE(first.code, NoError);
-
-    // The stored row alone decides: not even the missing local file is noticed.
-    QVERIFY(QFile::remove(task.localFile.path));
-    QVERIFY(env.server().resetStats());
-    ApiTaskRecord second;
-    KX_RUN_TO_END(env, task, &second, false);
-    QCOMPARE(second.code, NoError);
-    QCOMPARE(second.task.state, StateCompleted);
-    QCOMPARE(statOf(env.server(), "requests"), 0);
-    m_env->checkReadOnce(task.subTaskId, 1000);
-}
-
-void TestApiComTransfer::taskReadInFinalCallbackStaysGone()
-{
-    CKXApiFixture& env = *m_env;
-    const SubTaskInfo task = smallUpload(QStringLiteral("read.bin"));
-    CKXApiFixture::readTaskInFinalCallback(true);
     ApiTaskRecord record;
     KX_RUN_TO_END(env, task, &record, false);
     QCOMPARE(record.code, NoError);
+    QVERIFY(QFile::remove(task.localFile.path));
+    QVERIFY(env.server().resetStats());
+    KX_RUN_TO_END(env, task, &record, false);
+    QCOMPARE(record.code, NoError);
+    QCOMPARE(record.task.state, StateCompleted);
+    QCOMPARE(statOf(env.server(), "requests"), 0);
+    m_env->checkReadOnce(task.subTaskId, 1000);
+
+    const SubTaskInfo read = smallUpload(QStringLiteral("read.bin"));
+    CKXApiFixture::readTaskInFinalCallback(true);
+    KX_RUN_TO_END(env, read, &record, false);
+    QCOMPARE(record.code, NoError);
     QVERIFY(record.readInFinal);
-    // Read once is read once: the finished transfer must not write the row back afterwards.
-    QCOMPARE(env.dbRowState(task.subTaskId), -1);
+    QCOMPARE(env.dbRowState(read.subTaskId), -1);
     SubTaskInfo again;
-    QVERIFY(!Transfer::taskInfo(task.subTaskId, again));
+    QVERIFY(!Transfer::taskInfo(read.subTaskId, again));
 }
 
 void TestApiComTransfer::downloadsAddress()
