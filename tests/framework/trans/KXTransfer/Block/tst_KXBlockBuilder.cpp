@@ -1,18 +1,12 @@
-// Cutting a file into blocks, and the first start storing them so that a later start loads the
-// same blocks (with their progress) instead of cutting the file again.
+// Cutting a file into blocks.
 
 #include "KXBlockBuilder.h"
-#include "KXBlockJsonConvert.h"
 #include "KXBlockTask.h"
-#include "KXTFStoreManager.h"
-#include "KXTransferDB.h"
 #include "KXTransferTask.h"
 
 #include <QSet>
 #include <QTemporaryDir>
 #include <QtTest>
-
-#include <memory>
 
 namespace {
 
@@ -48,7 +42,6 @@ private slots:
 
     void blocksCoverTheFileInOrder_data();
     void blocksCoverTheFileInOrder();
-    void firstStartStoresLaterStartLoads();
 
 private:
     QTemporaryDir m_home;
@@ -59,7 +52,6 @@ void TestKXBlockBuilder::initTestCase()
     QVERIFY(m_home.isValid());
     qputenv("XDG_DATA_HOME", m_home.path().toUtf8());
     qputenv("HOME", m_home.path().toUtf8());
-    CKXTFStoreManager::inst()->setDBPath(m_home.path());
 }
 
 void TestKXBlockBuilder::blocksCoverTheFileInOrder_data()
@@ -121,36 +113,6 @@ void TestKXBlockBuilder::blocksCoverTheFileInOrder()
     }
     QCOMPARE(loc, qMax(size, 0LL));
     QCOMPARE(ids.size(), blocks.list.size());
-}
-
-void TestKXBlockBuilder::firstStartStoresLaterStartLoads()
-{
-    SubTaskInfo info = uploadOf(2 * kBlock + 5);
-    info.subTaskId = QStringLiteral("sub-resume");
-    CKXTransferTask task(info);
-    CKXBlockBuilder builder(&task);
-    QVERIFY(!builder.isExistBlocks());
-
-    Blocks first;
-    builder.init(first.list);
-    QCOMPARE(first.list.size(), 3);
-    // The middle block finishes; its row is stored again, as a block thread does.
-    first.list[1]->setState(BlockTaskStateCompleted);
-    first.list[1]->setHash(QStringLiteral("ab12"));
-    first.list[1]->setQuickTrans(true);
-    QVERIFY(CKXTFStoreManager::inst()->db()->AddBlockTask(*first.list[1]));
-
-    // The builder leaves the flag to its caller; once set, the next start loads.
-    task.setChunckComplete(true);
-    QVERIFY(builder.isExistBlocks());
-    Blocks second;
-    builder.init(second.list);
-    QCOMPARE(second.list.size(), 3);
-    for (int i = 0; i < 3; ++i) {
-        QCOMPARE(CKXBlockJsonConvert::BlockInfo2JsonString(second.list[i]->getBlockTaskInfo()),
-                 CKXBlockJsonConvert::BlockInfo2JsonString(first.list[i]->getBlockTaskInfo()));
-        QCOMPARE(second.list[i]->info().subTaskId, QStringLiteral("sub-resume"));
-    }
 }
 
 QTEST_GUILESS_MAIN(TestKXBlockBuilder)
