@@ -321,8 +321,9 @@ void TestApiCancel::cancelRacingTheEndEndsOnce()
     qInfo("%d of %d rounds completed before the cancel took hold", completed, rounds);
 }
 
-// Shutting the engine down while transfers are running stops them; started again, they finish,
-// the chunked one with the blocks it already had.
+// Shutting the engine down while transfers are running stops them: the chunked one paused with the
+// block it already had, the whole-file download without a trace. (A paused chunked task resumes as
+// in tst_ChunkedTransfer's cancel case; a failed whole-file download as in tst_DownloadFaults.)
 void TestApiCancel::deinitLeavesRunningTasksResumable()
 {
     CKXApiFixture& env = *m_env;
@@ -344,23 +345,9 @@ void TestApiCancel::deinitLeavesRunningTasksResumable()
     QCOMPARE(CKXApiFixture::record(uploadHandle).task.state, StatePaused);
     QCOMPARE(CKXApiFixture::record(downloadHandle).finals, 1);
     QCOMPARE(env.dbRowState(upload.task.subTaskId), int(StatePaused));
+    QCOMPARE(env.dbBlockRows(upload.task.subTaskId, kBlockDone), 1);
     QCOMPARE(entriesOf(download.folder), QStringList());
 
-    QVERIFY(env.server().clearFaults());
-    QVERIFY(env.server().resetStats());
-    Transfer::setConfig(TransferConfigUserPath, QString());
-    Transfer::setConfig(TransferConfigMaxConcurrentCount, QStringLiteral("4"));
-    ApiTaskRecord resumed;
-    KX_RUN_TO_END(env, upload.task, &resumed, false);
-    QCOMPARE(resumed.code, NoError);
-    QByteArray stored;
-    QVERIFY(env.readRemoteFile(upload.task.remoteFile.path, &stored));
-    QCOMPARE(sha256Hex(stored), sha256Hex(upload.content));
-    QCOMPARE(statOf(env.server(), "block_uploads"), 1);
-    ApiTaskRecord again;
-    KX_RUN_TO_END(env, download.task, &again, false);
-    QCOMPARE(again.code, NoError);
-    QCOMPARE(sha256Hex(readFile(download.target)), sha256Hex(download.content));
     // The answers held before the shutdown are still being waited out by the server.
     env.server().kill9();
 }
