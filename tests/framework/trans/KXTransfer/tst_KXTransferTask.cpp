@@ -50,8 +50,7 @@ private slots:
     void readersAcceptOtherJsonTypes();
     void badTextLeavesRecordUntouched_data();
     void badTextLeavesRecordUntouched();
-    void goodTextReplacesTheWholeRecord();
-    void clearRestoresDefaults();
+    void nothingOfTheOldRecordSurvives();
     void settersChangeOnlyTheirPart();
     void optionalKeysAreWrittenOnlyWhenMeaningful();
     void stateToText_data();
@@ -196,8 +195,9 @@ void TestKXTransferTask::badTextLeavesRecordUntouched()
     QCOMPARE(block.info().partSizes, sampleSubTaskInfo().partSizes);
 }
 
-// A good text is read into a fresh record, so nothing of the old one survives.
-void TestKXTransferTask::goodTextReplacesTheWholeRecord()
+// A record that has been in use must not carry any of it into its next use: a good text is read
+// into a fresh record, and clearing leaves a default one.
+void TestKXTransferTask::nothingOfTheOldRecordSurvives()
 {
     CKXTransferTask task(sampleSubTaskInfo());
     QVERIFY(task.FromJson(QStringLiteral(R"({"subtask_id":"s2","size":10})")));
@@ -208,6 +208,12 @@ void TestKXTransferTask::goodTextReplacesTheWholeRecord()
     QCOMPARE(int(task.getTransferMethod()), 1);
     QVERIFY(task.FromJson(sampleTaskText()));
     QCOMPARE(task.ToJson(), sampleTaskText());
+    task.clear();
+    QCOMPARE(persisted(task.getSubTaskInfo()), persisted(SubTaskInfo()));
+    SubTaskInfo info = sampleSubTaskInfo();
+    info.clear();
+    QCOMPARE(persisted(info), persisted(SubTaskInfo()));
+    QVERIFY(info.partSizes.isEmpty());
 
     // The block's task record goes too.
     CKXBlockTask block(sampleBlock());
@@ -215,18 +221,6 @@ void TestKXTransferTask::goodTextReplacesTheWholeRecord()
     QCOMPARE(block.taskId(), QStringLiteral("b2"));
     QCOMPARE(block.idx(), 7);
     QVERIFY(block.info().subTaskId.isEmpty());
-}
-
-// A record that has been in use must not carry any of it into its next use.
-void TestKXTransferTask::clearRestoresDefaults()
-{
-    SubTaskInfo info = sampleSubTaskInfo();
-    info.clear();
-    QCOMPARE(persisted(info), persisted(SubTaskInfo()));
-    CKXTransferTask task(sampleSubTaskInfo());
-    task.clear();
-    QCOMPARE(persisted(task.getSubTaskInfo()), persisted(SubTaskInfo()));
-    QVERIFY(task.getPartSize().isEmpty());
 }
 
 void TestKXTransferTask::settersChangeOnlyTheirPart()
