@@ -296,7 +296,7 @@ private slots:
         }
     }
 
-    void commitHash()
+    void metadataAnswers()
     {
         const QString body = QStringLiteral("{\"needed_block\":[],\"upload_id\":\"%1\",\"metadata\":%2}")
                                  .arg(kUploadId, kCommitMeta);
@@ -312,6 +312,15 @@ private slots:
         flat.ParseResp(response(200, kFileMeta));
         QCOMPARE(flat.meta(), kFileMeta);
         QCOMPARE(flat.path(), QStringLiteral("/docs/a.txt"));
+        // The whole-file upload's answer is read the same way, also when it is not JSON.
+        CKXUploadParse whole;
+        whole.ParseResp(response(200, kFileMeta));
+        QCOMPARE(whole.meta(), kFileMeta);
+        QCOMPARE(whole.path(), QStringLiteral("/docs/a.txt"));
+        CKXUploadParse broken;
+        broken.ParseResp(response(200, QStringLiteral("not json")));
+        QCOMPARE(broken.meta(), QStringLiteral("not json"));
+        QVERIFY(broken.path().isEmpty());
     }
 
     void metaCut_data()
@@ -339,19 +348,6 @@ private slots:
         QFETCH(QString, text);
         QFETCH(QString, expected);
         QCOMPARE(CKXCommitHashParse::getMetaString(text), expected);
-    }
-
-    void wholeUploadAnswer()
-    {
-        CKXUploadParse whole;
-        whole.ParseResp(response(200, kFileMeta));
-        QCOMPARE(whole.meta(), kFileMeta);
-        QCOMPARE(whole.path(), QStringLiteral("/docs/a.txt"));
-
-        CKXUploadParse broken;
-        broken.ParseResp(response(200, QStringLiteral("not json")));
-        QCOMPARE(broken.meta(), QStringLiteral("not json"));
-        QVERIFY(broken.path().isEmpty());
     }
 
     void authUploadUnusable_data()
