@@ -180,6 +180,10 @@ void TestKXBlockQueues::concurrentMovesLoseNothing()
     for (CKXBlockTask* block : pointers(blocks)) {
         mgr.addWaitingQueueWithMutex(block);
     }
+    // Every third block completes, the others fail or pause.
+    using Move = bool (CKXBlockMgr::*)(CKXBlockTask*);
+    const Move ends[] = {&CKXBlockMgr::moveRunningToComplete, &CKXBlockMgr::moveRunningToError,
+                         &CKXBlockMgr::moveRunningToPause};
     std::atomic<bool> stop{false};
     std::unique_ptr<QThread> reader(QThread::create([&] {
         while (!stop.load()) {
@@ -196,17 +200,7 @@ void TestKXBlockQueues::concurrentMovesLoseNothing()
             for (int i = 0; i < perThread; ++i) {
                 CKXBlockTask* block = blocks[t * perThread + i].get();
                 mgr.moveWaitingToRunning(block);
-                switch (i % 3) {
-                case 0:
-                    mgr.moveRunningToComplete(block);
-                    break;
-                case 1:
-                    mgr.moveRunningToError(block);
-                    break;
-                default:
-                    mgr.moveRunningToPause(block);
-                    break;
-                }
+                (mgr.*ends[i % 3])(block);
             }
         }));
         movers.back()->start();
