@@ -5,6 +5,7 @@
 #include "KXLoggerWrapper.h"
 #include "KXTFStoreManager.h"
 #include "KXTaskRecordSample.h"
+#include "KXTestData.h"
 #include "KXTestSql.h"
 #include "KXTransferDB.h"
 #include "KXTransferTask.h"
@@ -175,9 +176,7 @@ void TestKXTFStoreManager::logIsClosedWithTheStoreAndReopened()
     CKXTFStoreManager::clear();
     QCOMPARE(CKXLoggerWrapper::instTransfer()->handle(), 0);
 
-    QFile log(CKXLoggerWrapper::getLogPathName(CKXLoggerWrapper::Transfer));
-    QVERIFY(log.open(QIODevice::ReadOnly));
-    QVERIFY(QString::fromUtf8(log.readAll())
+    QVERIFY(QString::fromUtf8(readFile(CKXLoggerWrapper::getLogPathName(CKXLoggerWrapper::Transfer)))
                 .contains(QStringLiteral("获取不到对应的传输任务 subTaskId = no-such-task")));
 
     CKXTFStoreManager::inst()->initLog(m_dir->path(), QStringLiteral("junk"));

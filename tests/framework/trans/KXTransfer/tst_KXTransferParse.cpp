@@ -1,7 +1,7 @@
 #include "KXLoggerWrapper.h"
+#include "KXTestData.h"
 #include "KXTransferParse.h"
 
-#include <QFile>
 #include <QJsonDocument>
 #include <QJsonParseError>
 #include <QRegularExpression>
@@ -56,18 +56,11 @@ private:
     // Lines of the engine log written by `function` with `text` as their message.
     static int logCount(const QString& function, const QString& text)
     {
-        QFile log(CKXLoggerWrapper::getLogPathName(CKXLoggerWrapper::Transfer));
-        if (!log.open(QIODevice::ReadOnly)) {
-            return 0;
-        }
         const QRegularExpression line(
             QStringLiteral("\\[%1\\]\\[\\d+\\]: %2$").arg(function, QRegularExpression::escape(text)),
             QRegularExpression::MultilineOption);
-        int count = 0;
-        for (auto it = line.globalMatch(QString::fromUtf8(log.readAll())); it.hasNext(); it.next()) {
-            ++count;
-        }
-        return count;
+        return QString::fromUtf8(readFile(CKXLoggerWrapper::getLogPathName(CKXLoggerWrapper::Transfer)))
+            .count(line);
     }
 
 private slots:
