@@ -321,9 +321,8 @@ void TestApiCancel::cancelRacingTheEndEndsOnce()
     qInfo("%d of %d rounds completed before the cancel took hold", completed, rounds);
 }
 
-// Shutting the engine down while transfers are running stops them: the chunked one paused with the
-// block it already had, the whole-file download without a trace. (A paused chunked task resumes as
-// in tst_ChunkedTransfer's cancel case; a failed whole-file download as in tst_DownloadFaults.)
+// Shutting the engine down while transfers are running stops them: the whole-file download without
+// a trace, the chunked upload paused, and started again it sends only the block it did not have.
 void TestApiCancel::deinitLeavesRunningTasksResumable()
 {
     CKXApiFixture& env = *m_env;
@@ -345,8 +344,17 @@ void TestApiCancel::deinitLeavesRunningTasksResumable()
     QCOMPARE(CKXApiFixture::record(uploadHandle).task.state, StatePaused);
     QCOMPARE(CKXApiFixture::record(downloadHandle).finals, 1);
     QCOMPARE(env.dbRowState(upload.task.subTaskId), int(StatePaused));
-    QCOMPARE(env.dbBlockRows(upload.task.subTaskId, kBlockDone), 1);
     QCOMPARE(entriesOf(download.folder), QStringList());
+
+    // Started again, the upload sends only the block it did not have.
+    QVERIFY(env.server().clearFaults());
+    QVERIFY(env.server().resetStats());
+    Transfer::setConfig(TransferConfigUserPath, QString());
+    Transfer::setConfig(TransferConfigMaxConcurrentCount, QStringLiteral("4"));
+    ApiTaskRecord resumed;
+    KX_RUN_TO_END(env, upload.task, &resumed, false);
+    QCOMPARE(resumed.code, NoError);
+    QCOMPARE(statOf(env.server(), "block_uploads"), 1);
 
     // The answers held before the shutdown are still being waited out by the server.
     env.server().kill9();
