@@ -145,6 +145,7 @@ private slots:
         QCOMPARE(parser.body(), body);
         QCOMPARE(parser.hasError(), !completed);
         QCOMPARE(parser.uploadId(), completed ? QStringLiteral("u1") : QString());
+        QCOMPARE(parser.status(), completed ? QStringLiteral("ok") : QString());
         QCOMPARE(parser.errorCode(), completed ? 0 : int(Forbidden));
         QCOMPARE(parser.errorMsg().code, completed ? QString() : QStringLiteral("forbidden"));
         QCOMPARE(parser.errorMsg().message,
