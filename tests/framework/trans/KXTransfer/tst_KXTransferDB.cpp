@@ -133,6 +133,14 @@ void TestKXTransferDB::taskRowRoundTrips()
     QVERIFY(db.DelTransferTask(task.getId()));
     QCOMPARE(rows(QStringLiteral("transfer_v1")), 0);
     QVERIFY(!db.LoadTransferTask(task.getId(), loaded));
+
+    // A removed file is noticed: the cached connection must not keep writing into the lost inode.
+    for (const char* suffix : {"", "-wal", "-shm"}) {
+        QFile::remove(dbPath() + QLatin1String(suffix));
+    }
+    QVERIFY(db.init());
+    QVERIFY(db.AddTransferTask(task));
+    QCOMPARE(rows(QStringLiteral("transfer_v1")), 1);
 }
 
 void TestKXTransferDB::blocksComeBackInIndexOrderAndGoOneOrAll()
