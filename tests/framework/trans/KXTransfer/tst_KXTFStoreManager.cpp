@@ -61,7 +61,6 @@ private slots:
     void cleanup();
 
     void completedTaskIsReadOnceAndLosesItsRows();
-    void latestRecordWins();
     void unconfiguredStoreWritesNowhere();
     void logIsClosedWithTheStoreAndReopened();
 
@@ -105,15 +104,25 @@ void TestKXTFStoreManager::completedTaskIsReadOnceAndLosesItsRows()
     const SubTaskInfo neighbour = taskWithState(QStringLiteral("neighbour"), StateCompleted);
     const SubTaskInfo running =
         taskWithState(QStringLiteral("running"), TaskState(StateWorking | StatePaused));
-    for (const SubTaskInfo& info : {done, neighbour, running}) {
+    for (const SubTaskInfo& info : {running, neighbour, done}) {
         storeRows(info);
         store->addTaskInfo(info);
     }
+    // The latest record of a task wins.
+    SubTaskInfo later = running;
+    later.sendBytes = 42;
+    store->addTaskInfo(later);
     SubTaskInfo out;
     QVERIFY(store->getTaskInfo(done.subTaskId, out));
     QCOMPARE(persisted(out), persisted(done));
     QCOMPARE(rowsOf(done.subTaskId), 0);
-    QCOMPARE(store->allTasks().size(), 2);
+    const QList<SubTaskInfo> left = store->allTasks();
+    QCOMPARE(left.size(), 2);
+    QCOMPARE(left.at(0).subTaskId, neighbour.subTaskId);
+    QCOMPARE(left.at(1).sendBytes, 42LL);
+    QVERIFY(store->taskInfoFormJson(store->taskInfoJson(later), out));
+    QCOMPARE(persisted(out), persisted(later));
+    QVERIFY(!store->taskInfoFormJson(QStringLiteral("[1,2]"), out));
     out.subTaskId = QStringLiteral("untouched");
     QVERIFY(!store->getTaskInfo(done.subTaskId, out));
     QCOMPARE(out.subTaskId, QStringLiteral("untouched"));
@@ -128,26 +137,6 @@ void TestKXTFStoreManager::completedTaskIsReadOnceAndLosesItsRows()
     QVERIFY(store->destroyTaskInfo(running.subTaskId));
     QVERIFY(!store->destroyTaskInfo(running.subTaskId));
     QCOMPARE(rowsOf(running.subTaskId), 3);
-}
-
-void TestKXTFStoreManager::latestRecordWins()
-{
-    CKXTFStoreManager* store = CKXTFStoreManager::inst();
-    SubTaskInfo info = taskWithState(QStringLiteral("b"), StateWorking);
-    store->addTaskInfo(info);
-    info.sendBytes = 42;
-    store->addTaskInfo(info);
-    store->addTaskInfo(taskWithState(QStringLiteral("a"), StateWaiting));
-
-    const QList<SubTaskInfo> all = store->allTasks();
-    QCOMPARE(all.size(), 2);
-    QCOMPARE(all.at(0).subTaskId, QStringLiteral("a"));
-    QCOMPARE(all.at(1).sendBytes, 42LL);
-
-    SubTaskInfo parsed;
-    QVERIFY(store->taskInfoFormJson(store->taskInfoJson(all.at(1)), parsed));
-    QCOMPARE(persisted(parsed), persisted(all.at(1)));
-    QVERIFY(!store->taskInfoFormJson(QStringLiteral("[1,2]"), parsed));
 }
 
 void TestKXTFStoreManager::unconfiguredStoreWritesNowhere()
