@@ -39,8 +39,7 @@ private slots:
     void roundTrip_data();
     void roundTrip();
     void nameCollisions();
-    void staleSizeLeavesNoPartialFile();
-    void localProblemsNeverReachServer();
+    void failuresLeaveNothingBehind();
     void delWaitsForFinishingThread();
     void completedTaskIsNotRunAgain();
 
@@ -173,28 +172,11 @@ void TestApiComTransfer::nameCollisions()
     QCOMPARE(stored, QByteArray("local original"));
 }
 
-void TestApiComTransfer::staleSizeLeavesNoPartialFile()
+void TestApiComTransfer::failuresLeaveNothingBehind()
 {
     CKXApiFixture& env = *m_env;
-    const QByteArray content = randomBytes(1 << 20);
-    QVERIFY(env.putRemoteFile(QStringLiteral("/f/big.bin"), content));
-    const QString kept = env.localPath(QStringLiteral("kept.bin"));
-    QVERIFY(writeFile(kept, "previous version"));
-    // A body of another length than the task's (the file changed since its size was learnt) is not
-    // published.
-    SubTaskInfo stale = CKXApiFixture::downloadTask(QStringLiteral("/f/big.bin"), content.size() + 1, kept);
-    stale.remoteFile.syncOverwrite = true;
-    ApiTaskRecord wrongSize;
-    KX_RUN_TO_END(env, stale, &wrongSize, false);
-    QCOMPARE(int(wrongSize.code), int(RenameTmpFileError));
-    QCOMPARE(readFile(kept), QByteArray("previous version"));
-}
-
-void TestApiComTransfer::localProblemsNeverReachServer()
-{
-    CKXApiFixture& env = *m_env;
+    // Local problems are found before a request is made.
     QVERIFY(env.server().resetStats());
-
     ApiTaskRecord missing;
     KX_RUN_TO_END(env,
                   CKXApiFixture::uploadTask(env.localPath(QStringLiteral("nothing.bin")), "/l/nothing.bin"),
@@ -210,8 +192,20 @@ void TestApiComTransfer::localProblemsNeverReachServer()
     QCOMPARE(noSpace.code, NoSpace);
     QVERIFY(!QFile::exists(huge));
     QVERIFY(!QFile::exists(KXUtil::tmpFile(huge, hugeTask.subTaskId)));
-
     QCOMPARE(statOf(env.server(), "requests"), 0);
+
+    // A body of another length than the task's (the file changed since its size was learnt) is not
+    // published.
+    const QByteArray content = randomBytes(1 << 20);
+    QVERIFY(env.putRemoteFile(QStringLiteral("/f/big.bin"), content));
+    const QString kept = env.localPath(QStringLiteral("kept.bin"));
+    QVERIFY(writeFile(kept, "previous version"));
+    SubTaskInfo stale = CKXApiFixture::downloadTask(QStringLiteral("/f/big.bin"), content.size() + 1, kept);
+    stale.remoteFile.syncOverwrite = true;
+    ApiTaskRecord wrongSize;
+    KX_RUN_TO_END(env, stale, &wrongSize, false);
+    QCOMPARE(int(wrongSize.code), int(RenameTmpFileError));
+    QCOMPARE(readFile(kept), QByteArray("previous version"));
 }
 
 void TestApiComTransfer::delWaitsForFinishingThread()
