@@ -53,10 +53,8 @@ private slots:
     void nothingOfTheOldRecordSurvives();
     void settersChangeOnlyTheirPart();
     void optionalKeysAreWrittenOnlyWhenMeaningful();
-    void stateToText_data();
-    void stateToText();
-    void textToState_data();
-    void textToState();
+    void stateTexts_data();
+    void stateTexts();
     void concurrentProgressAndSnapshots();
 };
 
@@ -269,64 +267,56 @@ void TestKXTransferTask::optionalKeysAreWrittenOnlyWhenMeaningful()
     QCOMPARE(read.localFile.size, -1LL);
 }
 
-// Rows named "block ..." are the block record's states, the others the task record's.
-void TestKXTransferTask::stateToText_data()
+// Rows named "block ..." are the block record's states, the others the task record's; a row reads
+// one way only, from the state to its text (">") or back ("<").
+void TestKXTransferTask::stateTexts_data()
 {
+    QTest::addColumn<QString>("way");
     QTest::addColumn<int>("state");
     QTest::addColumn<QString>("text");
-    QTest::newRow("none") << 0 << "StateNone";
-    QTest::newRow("error+stop") << 160 << "StateError|StateStop";
-    QTest::newRow("only unnamed bit") << 256 << "";
-    QTest::newRow("named and unnamed") << (256 | 1) << "StateWaitPreparing";
-    QTest::newRow("all") << 255
+    QTest::newRow("none") << ">" << 0 << "StateNone";
+    QTest::newRow("error+stop") << ">" << 160 << "StateError|StateStop";
+    QTest::newRow("only unnamed bit") << ">" << 256 << "";
+    QTest::newRow("named and unnamed") << ">" << (256 | 1) << "StateWaitPreparing";
+    QTest::newRow("all") << ">" << 255
                          << "StateWaitPreparing|StatePreparing|StateWorking|StatePaused|StateWaiting|"
                             "StateError|StateCompleted|StateStop";
-    QTest::newRow("block none") << 1 << "BlockTaskStateNone";
-    QTest::newRow("block working+error") << 10 << "BlockTaskStateWorking|BlockTaskStateError";
-    QTest::newRow("block completed") << 16 << "BlockTaskStateCompleted";
-    QTest::newRow("block zero") << 0 << "";
-    QTest::newRow("block none bit in a set") << 3 << "BlockTaskStateWorking";
-    QTest::newRow("block all") << 31
+    QTest::newRow("none wins") << "<" << 0 << "StateNone|StateWorking";
+    QTest::newRow("no separator") << "<" << 160 << "StateErrorStateStop";
+    QTest::newRow("wait preparing alone") << "<" << 1 << "StateWaitPreparing";
+    QTest::newRow("waiting alone") << "<" << 16 << "StateWaiting";
+    QTest::newRow("case matters") << "<" << 0 << "stateworking";
+    QTest::newRow("empty") << "<" << 0 << "";
+    QTest::newRow("block none") << ">" << 1 << "BlockTaskStateNone";
+    QTest::newRow("block working+error") << ">" << 10 << "BlockTaskStateWorking|BlockTaskStateError";
+    QTest::newRow("block completed") << ">" << 16 << "BlockTaskStateCompleted";
+    QTest::newRow("block zero") << ">" << 0 << "";
+    QTest::newRow("block none bit in a set") << ">" << 3 << "BlockTaskStateWorking";
+    QTest::newRow("block all") << ">" << 31
                                << "BlockTaskStateWorking|BlockTaskStatePaused|BlockTaskStateError|"
                                   "BlockTaskStateCompleted";
+    QTest::newRow("block pair") << "<" << 10 << "BlockTaskStateWorking|BlockTaskStateError";
+    QTest::newRow("block none wins") << "<" << 1 << "BlockTaskStateCompleted|BlockTaskStateNone";
+    QTest::newRow("block no separator") << "<" << 20 << "BlockTaskStatePausedBlockTaskStateCompleted";
+    QTest::newRow("block from a task state text") << "<" << 0 << "StateWorking";
+    QTest::newRow("block empty") << "<" << 0 << "";
 }
 
-void TestKXTransferTask::stateToText()
+void TestKXTransferTask::stateTexts()
 {
+    QFETCH(QString, way);
     QFETCH(int, state);
     QFETCH(QString, text);
-    if (QByteArray(QTest::currentDataTag()).startsWith("block")) {
-        QCOMPARE(CKXBlockJsonConvert::taskStateToString(static_cast<BlockTaskState>(state)), text);
-    } else {
-        QCOMPARE(CKXJsonConvert::taskStateToString(static_cast<TaskState>(state)), text);
-    }
-}
-
-void TestKXTransferTask::textToState_data()
-{
-    QTest::addColumn<QString>("text");
-    QTest::addColumn<int>("state");
-    QTest::newRow("none wins") << "StateNone|StateWorking" << 0;
-    QTest::newRow("no separator") << "StateErrorStateStop" << 160;
-    QTest::newRow("wait preparing alone") << "StateWaitPreparing" << 1;
-    QTest::newRow("waiting alone") << "StateWaiting" << 16;
-    QTest::newRow("case matters") << "stateworking" << 0;
-    QTest::newRow("empty") << "" << 0;
-    QTest::newRow("block pair") << "BlockTaskStateWorking|BlockTaskStateError" << 10;
-    QTest::newRow("block none wins") << "BlockTaskStateCompleted|BlockTaskStateNone" << 1;
-    QTest::newRow("block no separator") << "BlockTaskStatePausedBlockTaskStateCompleted" << 20;
-    QTest::newRow("block from a task state text") << "StateWorking" << 0;
-    QTest::newRow("block empty") << "" << 0;
-}
-
-void TestKXTransferTask::textToState()
-{
-    QFETCH(QString, text);
-    QFETCH(int, state);
     const bool block = QByteArray(QTest::currentDataTag()).startsWith("block");
-    QCOMPARE(block ? int(CKXBlockJsonConvert::stringToTaskState(text))
-                   : int(CKXJsonConvert::stringToTaskState(text)),
-             state);
+    if (way == QLatin1String(">")) {
+        QCOMPARE(block ? CKXBlockJsonConvert::taskStateToString(static_cast<BlockTaskState>(state))
+                       : CKXJsonConvert::taskStateToString(static_cast<TaskState>(state)),
+                 text);
+    } else {
+        QCOMPARE(block ? int(CKXBlockJsonConvert::stringToTaskState(text))
+                       : int(CKXJsonConvert::stringToTaskState(text)),
+                 state);
+    }
 }
 
 namespace {
