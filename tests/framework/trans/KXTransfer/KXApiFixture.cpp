@@ -197,14 +197,9 @@ ApiTaskRecord CKXApiFixture::record(long long handle)
 
 SubTaskInfo CKXApiFixture::uploadTask(const QString& localPath, const QString& remotePath)
 {
-    SubTaskInfo task;
-    task.taskId = newId(QStringLiteral("task-"));
-    task.subTaskId = newId(QStringLiteral("sub-"));
+    SubTaskInfo task = downloadTask(remotePath, 0, localPath);
     task.isUpload = true;
-    task.localFile.path = localPath;
     task.localFile.size = QFileInfo(localPath).size();
-    task.remoteFile.path = remotePath;
-    task.remoteFile.pathType = QStringLiteral("self");
     return task;
 }
 
@@ -213,7 +208,6 @@ SubTaskInfo CKXApiFixture::downloadTask(const QString& remotePath, qint64 size, 
     SubTaskInfo task;
     task.taskId = newId(QStringLiteral("task-"));
     task.subTaskId = newId(QStringLiteral("sub-"));
-    task.isUpload = false;
     task.localFile.path = localPath;
     task.remoteFile.path = remotePath;
     task.remoteFile.pathType = QStringLiteral("self");

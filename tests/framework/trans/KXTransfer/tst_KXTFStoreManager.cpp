@@ -5,6 +5,7 @@
 #include "KXLoggerWrapper.h"
 #include "KXTFStoreManager.h"
 #include "KXTaskRecordSample.h"
+#include "KXTestData.h"
 #include "KXTestSql.h"
 #include "KXTransferDB.h"
 #include "KXTransferTask.h"
@@ -60,8 +61,6 @@ private slots:
     void cleanup();
 
     void completedTaskIsReadOnceAndLosesItsRows();
-    void latestRecordWins();
-    void databaseFilePathIgnoresTrailingSeparator();
     void unconfiguredStoreWritesNowhere();
     void logIsClosedWithTheStoreAndReopened();
 
@@ -105,15 +104,25 @@ void TestKXTFStoreManager::completedTaskIsReadOnceAndLosesItsRows()
     const SubTaskInfo neighbour = taskWithState(QStringLiteral("neighbour"), StateCompleted);
     const SubTaskInfo running =
         taskWithState(QStringLiteral("running"), TaskState(StateWorking | StatePaused));
-    for (const SubTaskInfo& info : {done, neighbour, running}) {
+    for (const SubTaskInfo& info : {running, neighbour, done}) {
         storeRows(info);
         store->addTaskInfo(info);
     }
+    // The latest record of a task wins.
+    SubTaskInfo later = running;
+    later.sendBytes = 42;
+    store->addTaskInfo(later);
     SubTaskInfo out;
     QVERIFY(store->getTaskInfo(done.subTaskId, out));
     QCOMPARE(persisted(out), persisted(done));
     QCOMPARE(rowsOf(done.subTaskId), 0);
-    QCOMPARE(store->allTasks().size(), 2);
+    const QList<SubTaskInfo> left = store->allTasks();
+    QCOMPARE(left.size(), 2);
+    QCOMPARE(left.at(0).subTaskId, neighbour.subTaskId);
+    QCOMPARE(left.at(1).sendBytes, 42LL);
+    QVERIFY(store->taskInfoFormJson(store->taskInfoJson(later), out));
+    QCOMPARE(persisted(out), persisted(later));
+    QVERIFY(!store->taskInfoFormJson(QStringLiteral("[1,2]"), out));
     out.subTaskId = QStringLiteral("untouched");
     QVERIFY(!store->getTaskInfo(done.subTaskId, out));
     QCOMPARE(out.subTaskId, QStringLiteral("untouched"));
@@ -130,43 +139,6 @@ void TestKXTFStoreManager::completedTaskIsReadOnceAndLosesItsRows()
     QCOMPARE(rowsOf(running.subTaskId), 3);
 }
 
-void TestKXTFStoreManager::latestRecordWins()
-{
-    CKXTFStoreManager* store = CKXTFStoreManager::inst();
-    SubTaskInfo info = taskWithState(QStringLiteral("b"), StateWorking);
-    store->addTaskInfo(info);
-    info.sendBytes = 42;
-    store->addTaskInfo(info);
-    store->addTaskInfo(taskWithState(QStringLiteral("a"), StateWaiting));
-
-    const QList<SubTaskInfo> all = store->allTasks();
-    QCOMPARE(all.size(), 2);
-    QCOMPARE(all.at(0).subTaskId, QStringLiteral("a"));
-    QCOMPARE(all.at(1).sendBytes, 42LL);
-
-    SubTaskInfo parsed;
-    QVERIFY(store->taskInfoFormJson(store->taskInfoJson(all.at(1)), parsed));
-    QCOMPARE(persisted(parsed), persisted(all.at(1)));
-    QVERIFY(!store->taskInfoFormJson(QStringLiteral("[1,2]"), parsed));
-}
-
-void TestKXTFStoreManager::databaseFilePathIgnoresTrailingSeparator()
-{
-    CKXTFStoreManager* store = CKXTFStoreManager::inst();
-    const QString expected = m_dir->path() + QStringLiteral("/transfer.db");
-    store->setDBPath(m_dir->path());
-    QCOMPARE(store->databaseFilePath(), expected);
-    store->setDBPath(m_dir->path() + QLatin1Char('/'));
-    QCOMPARE(store->databaseFilePath(), expected);
-    QCOMPARE(store->dbPath(), m_dir->path() + QLatin1Char('/'));
-
-    // The database is made there, with both tables.
-    QVERIFY(store->db() != nullptr);
-    QCOMPARE(countRows(expected, QStringLiteral("SELECT COUNT(*) FROM sqlite_master WHERE type='table' AND "
-                                                "name IN ('transfer_v1','block_v1')")),
-             2);
-}
-
 void TestKXTFStoreManager::unconfiguredStoreWritesNowhere()
 {
     CKXTFStoreManager::clear();
@@ -176,8 +148,10 @@ void TestKXTFStoreManager::unconfiguredStoreWritesNowhere()
     QVERIFY(!store->db()->AddTransferTask(task));
     QVERIFY(!QFile::exists(QStringLiteral("/transfer.db")));
 
-    // Configured afterwards, the next db() is the real one.
-    store->setDBPath(m_dir->path());
+    // Configured afterwards, the next db() is the real one; a trailing separator changes nothing.
+    store->setDBPath(m_dir->path() + QLatin1Char('/'));
+    QCOMPARE(store->dbPath(), m_dir->path() + QLatin1Char('/'));
+    QCOMPARE(store->databaseFilePath(), m_dir->path() + QStringLiteral("/transfer.db"));
     QVERIFY(store->db()->AddTransferTask(task));
     QCOMPARE(countRows(dbFile(), QStringLiteral("SELECT COUNT(*) FROM transfer_v1")), 1);
 }
@@ -191,9 +165,7 @@ void TestKXTFStoreManager::logIsClosedWithTheStoreAndReopened()
     CKXTFStoreManager::clear();
     QCOMPARE(CKXLoggerWrapper::instTransfer()->handle(), 0);
 
-    QFile log(CKXLoggerWrapper::getLogPathName(CKXLoggerWrapper::Transfer));
-    QVERIFY(log.open(QIODevice::ReadOnly));
-    QVERIFY(QString::fromUtf8(log.readAll())
+    QVERIFY(QString::fromUtf8(readFile(CKXLoggerWrapper::getLogPathName(CKXLoggerWrapper::Transfer)))
                 .contains(QStringLiteral("获取不到对应的传输任务 subTaskId = no-such-task")));
 
     CKXTFStoreManager::inst()->initLog(m_dir->path(), QStringLiteral("junk"));

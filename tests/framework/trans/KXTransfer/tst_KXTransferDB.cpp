@@ -1,5 +1,5 @@
-// The transfer database on real files: round trips through both tables, per-thread connections,
-// the write thread, and files or rows that are not what they should be.
+// The transfer database on real files: round trips through both tables, per-thread connections, the
+// write thread, and files or rows that are not what they should be.
 
 #include "KXBlockJsonConvert.h"
 #include "KXBlockTask.h"
@@ -68,17 +68,13 @@ private slots:
     void init();
 
     void taskRowRoundTrips();
-    void blocksComeBackInIndexOrder();
-    void blockDeletionIsPerBlockAndPerTask();
+    void blocksComeBackInIndexOrderAndGoOneOrAll();
     void concurrentWritersUseOwnConnections();
-    void statementListSkipsOnlyTheFailingOne();
-    void writeThreadStoresEveryQueuedStatement();
-    void replacedFileIsReopened();
+    void statementsAreStoredAlone();
 
-    void corruptFileFailsWithoutTouchingIt();
-    void uncreatableFolderFails();
-    void rowWithBadJsonFails();
-    void idWithQuoteIsRefusedAndOthersSurvive();
+    void unusableFileFailsWithoutTouchingIt_data();
+    void unusableFileFailsWithoutTouchingIt();
+    void badRowsAndQuotedIdsFailAlone();
 
 private:
     QString dbPath() const { return m_dir->filePath(QStringLiteral("transfer.db")); }
@@ -136,9 +132,17 @@ void TestKXTransferDB::taskRowRoundTrips()
     QVERIFY(db.DelTransferTask(task.getId()));
     QCOMPARE(rows(QStringLiteral("transfer_v1")), 0);
     QVERIFY(!db.LoadTransferTask(task.getId(), loaded));
+
+    // A removed file is noticed: the cached connection must not keep writing into the lost inode.
+    for (const char* suffix : {"", "-wal", "-shm"}) {
+        QFile::remove(dbPath() + QLatin1String(suffix));
+    }
+    QVERIFY(db.init());
+    QVERIFY(db.AddTransferTask(task));
+    QCOMPARE(rows(QStringLiteral("transfer_v1")), 1);
 }
 
-void TestKXTransferDB::blocksComeBackInIndexOrder()
+void TestKXTransferDB::blocksComeBackInIndexOrderAndGoOneOrAll()
 {
     SubTaskInfo owner = sampleSubTaskInfo();
     owner.errorInfo = QStringLiteral("owner's %1 text");
@@ -166,26 +170,17 @@ void TestKXTransferDB::blocksComeBackInIndexOrder()
     CKXBlockTask single;
     QVERIFY(db.LoadBlockTask(QStringLiteral("%1-blk-5").arg(sub), single));
     QCOMPARE(blockText(single), blockText(*written.blocks.at(4)));
-}
 
-void TestKXTransferDB::blockDeletionIsPerBlockAndPerTask()
-{
-    const SubTaskInfo owner = sampleSubTaskInfo();
-    CKXTransferDB db(dbPath());
-    QVERIFY(db.init());
-    BlockList written;
-    for (int i = 0; i < 4; ++i) {
-        written.blocks << makeBlock(QStringLiteral("A"), i, owner)
-                       << makeBlock(QStringLiteral("B"), i, owner);
-    }
-    QVERIFY(db.AddBlockTaskFormList(written.blocks));
-    QVERIFY(db.DelBlockTask(QStringLiteral("A-blk-2")));
-    QCOMPARE(rows(QStringLiteral("block_v1"), QStringLiteral("WHERE sub_task_id='A'")), 3);
-    QVERIFY(db.DelBlockTasks(QStringLiteral("A")));
-    QCOMPARE(rows(QStringLiteral("block_v1"), QStringLiteral("WHERE sub_task_id='A'")), 0);
-    QCOMPARE(rows(QStringLiteral("block_v1"), QStringLiteral("WHERE sub_task_id='B'")), 4);
+    // Deleting one block or all of a task's leaves another task's blocks alone.
+    BlockList other;
+    other.blocks << makeBlock(QStringLiteral("B"), 0, owner);
+    QVERIFY(db.AddBlockTaskFormList(other.blocks));
+    QVERIFY(db.DelBlockTask(QStringLiteral("%1-blk-2").arg(sub)));
+    QCOMPARE(rows(QStringLiteral("block_v1"), QStringLiteral("WHERE sub_task_id='%1'").arg(sub)), 9);
+    QVERIFY(db.DelBlockTasks(sub));
+    QCOMPARE(rows(QStringLiteral("block_v1"), QStringLiteral("WHERE sub_task_id='B'")), 1);
     BlockList none;
-    QVERIFY(db.LoadBlockTasks(QStringLiteral("A"), none.blocks));
+    QVERIFY(db.LoadBlockTasks(sub, none.blocks));
     QVERIFY(none.blocks.isEmpty());
 }
 
@@ -235,31 +230,10 @@ void TestKXTransferDB::concurrentWritersUseOwnConnections()
     }
 }
 
-void TestKXTransferDB::statementListSkipsOnlyTheFailingOne()
+// A list of statements skips only the failing ones; the write thread stores every statement queued,
+// also those queued just before the object goes away.
+void TestKXTransferDB::statementsAreStoredAlone()
 {
-    CKXTransferDB db(dbPath());
-    QVERIFY(db.init());
-    const QStringList sqls{QStringLiteral("INSERT INTO block_v1 (id) VALUES ('one');"),
-                           QStringLiteral("INSERT INTO no_such_table (id) VALUES ('x');"),
-                           QStringLiteral("INSERT INTO block_v1 (id) VALUES ('one');"), // duplicate key
-                           QStringLiteral("INSERT INTO block_v1 (id) VALUES ('two');")};
-    QVERIFY(!db.updateInternal(sqls));
-    QCOMPARE(rows(QStringLiteral("block_v1")), 2);
-
-    QVERIFY(!db.updateInternal(QStringList()));
-    QVERIFY(!db.updateInternal(QString()));
-    QList<CKXDbBase::Row> found;
-    QVERIFY(db.queryInternal(QStringLiteral("SELECT id, idx FROM block_v1 ORDER BY id"), found));
-    QCOMPARE(found.size(), 2);
-    QCOMPARE(found.at(1).value(QStringLiteral("id")).toString(), QStringLiteral("two"));
-    QVERIFY(found.at(1).contains(QStringLiteral("idx")));
-    QVERIFY(!db.queryInternal(QStringLiteral("SELECT * FROM no_such_table"), found));
-    QCOMPARE(found.size(), 2);
-}
-
-void TestKXTransferDB::writeThreadStoresEveryQueuedStatement()
-{
-    const int count = 40;
     const auto queue = [](CKXTransferDB& db, int from, int to) {
         for (int i = from; i < to; ++i) {
             db.asyncUpdate(QStringLiteral("INSERT INTO block_v1 (id, idx) VALUES ('q%1', %1);").arg(i));
@@ -268,43 +242,53 @@ void TestKXTransferDB::writeThreadStoresEveryQueuedStatement()
     {
         CKXTransferDB db(dbPath());
         QVERIFY(db.init());
-        queue(db, 0, count / 2);
-        QTRY_COMPARE_WITH_TIMEOUT(rows(QStringLiteral("block_v1")), count / 2, 20000);
-        // Queued just before the object goes away: still written, not dropped.
-        queue(db, count / 2, count);
+        const QStringList sqls{QStringLiteral("INSERT INTO block_v1 (id) VALUES ('one');"),
+                               QStringLiteral("INSERT INTO no_such_table (id) VALUES ('x');"),
+                               QStringLiteral("INSERT INTO block_v1 (id) VALUES ('one');"), // duplicate key
+                               QStringLiteral("INSERT INTO block_v1 (id) VALUES ('two');")};
+        QVERIFY(!db.updateInternal(sqls));
+        QCOMPARE(rows(QStringLiteral("block_v1")), 2);
+        QVERIFY(!db.updateInternal(QStringList()));
+        QVERIFY(!db.updateInternal(QString()));
+        QList<CKXDbBase::Row> found;
+        QVERIFY(db.queryInternal(QStringLiteral("SELECT id, idx FROM block_v1 ORDER BY id"), found));
+        QCOMPARE(found.size(), 2);
+        QCOMPARE(found.at(1).value(QStringLiteral("id")).toString(), QStringLiteral("two"));
+        QVERIFY(found.at(1).contains(QStringLiteral("idx")));
+        QVERIFY(!db.queryInternal(QStringLiteral("SELECT * FROM no_such_table"), found));
+        QCOMPARE(found.size(), 2);
+
+        queue(db, 0, 20);
+        QTRY_COMPARE_WITH_TIMEOUT(rows(QStringLiteral("block_v1")), 22, 20000);
+        queue(db, 20, 40);
     }
-    QCOMPARE(rows(QStringLiteral("block_v1")), count);
+    QCOMPARE(rows(QStringLiteral("block_v1")), 42);
 }
 
-void TestKXTransferDB::replacedFileIsReopened()
+void TestKXTransferDB::unusableFileFailsWithoutTouchingIt_data()
 {
-    CKXTransferDB db(dbPath());
-    QVERIFY(db.init());
-    CKXTransferTask first = taskNamed(QStringLiteral("before-removal"));
-    QVERIFY(db.AddTransferTask(first));
-
-    // Someone removes the file; the cached connection must not keep writing into the lost inode.
-    for (const char* suffix : {"", "-wal", "-shm"}) {
-        QFile::remove(dbPath() + QLatin1String(suffix));
-    }
-    QVERIFY(db.init());
-    CKXTransferTask second = taskNamed(QStringLiteral("after-removal"));
-    QVERIFY(db.AddTransferTask(second));
-    QCOMPARE(sqlValue(dbPath(), QStringLiteral("SELECT group_concat(id) FROM transfer_v1")).toString(),
-             QStringLiteral("after-removal"));
+    QTest::addColumn<QString>("path");       // in the test's folder; none at all when empty
+    QTest::addColumn<QByteArray>("content"); // of the file the path is, or runs through
+    QTest::newRow("not a database") << QStringLiteral("transfer.db") << randomBytes(64 * 1024, 42);
+    QTest::newRow("a plain file for a folder")
+        << QStringLiteral("plain-file/sub/transfer.db") << QByteArray();
+    QTest::newRow("no name") << QString() << QByteArray();
 }
 
-void TestKXTransferDB::corruptFileFailsWithoutTouchingIt()
+void TestKXTransferDB::unusableFileFailsWithoutTouchingIt()
 {
-    const QByteArray garbage = randomBytes(64 * 1024, 42);
-    QVERIFY(writeFile(dbPath(), garbage));
+    QFETCH(QString, path);
+    QFETCH(QByteArray, content);
+    const QString file = m_dir->filePath(path.section(QLatin1Char('/'), 0, 0));
+    QVERIFY(path.isEmpty() || writeFile(file, content));
     {
-        CKXTransferDB db(dbPath());
+        CKXTransferDB db(path.isEmpty() ? QString() : m_dir->filePath(path));
         QVERIFY(!db.init());
         CKXTransferTask task(sampleSubTaskInfo());
         QVERIFY(!db.AddTransferTask(task));
         QVERIFY(!db.LoadTransferTask(task.getId(), task));
         QCOMPARE(persisted(task.getSubTaskInfo()), sampleTaskText());
+        QVERIFY(!db.DelTransferTask(task.getId()));
         BlockList blocks;
         blocks.blocks << makeBlock(QStringLiteral("x"), 0, sampleSubTaskInfo());
         QVERIFY(!db.AddBlockTaskFormList(blocks.blocks));
@@ -313,27 +297,13 @@ void TestKXTransferDB::corruptFileFailsWithoutTouchingIt()
         QVERIFY(loaded.blocks.isEmpty());
         QVERIFY(!db.DelBlockTasks(QStringLiteral("x")));
     }
-    QCOMPARE(readFile(dbPath()), garbage);
+    if (!path.isEmpty()) {
+        QVERIFY(QFileInfo(file).isFile());
+        QCOMPARE(readFile(file), content);
+    }
 }
 
-void TestKXTransferDB::uncreatableFolderFails()
-{
-    // A regular file where a folder of the path should be.
-    const QString blocker = m_dir->filePath(QStringLiteral("plain-file"));
-    QVERIFY(writeFile(blocker, QByteArray()));
-    CKXTransferDB db(blocker + QStringLiteral("/sub/transfer.db"));
-    QVERIFY(!db.init());
-    CKXTransferTask task(sampleSubTaskInfo());
-    QVERIFY(!db.AddTransferTask(task));
-    QVERIFY(!db.DelTransferTask(task.getId()));
-
-    CKXTransferDB unnamed{QString()};
-    QVERIFY(!unnamed.init());
-    QVERIFY(!unnamed.AddTransferTask(task));
-    QVERIFY(QFileInfo(blocker).isFile());
-}
-
-void TestKXTransferDB::rowWithBadJsonFails()
+void TestKXTransferDB::badRowsAndQuotedIdsFailAlone()
 {
     const SubTaskInfo owner = sampleSubTaskInfo();
     CKXTransferDB db(dbPath());
@@ -364,23 +334,16 @@ void TestKXTransferDB::rowWithBadJsonFails()
     QCOMPARE(single.hash(), QStringLiteral("kept"));
     QVERIFY(db.LoadBlockTask(QStringLiteral("S-blk-2"), single));
     QCOMPARE(single.hash(), QStringLiteral("h2"));
-    QCOMPARE(rows(QStringLiteral("block_v1")), 3);
-}
 
-void TestKXTransferDB::idWithQuoteIsRefusedAndOthersSurvive()
-{
-    const SubTaskInfo owner = sampleSubTaskInfo();
-    CKXTransferDB db(dbPath());
-    QVERIFY(db.init());
+    // An id with a quote is refused; the other rows, and the good blocks of the same list, are stored.
     CKXTransferTask kept = taskNamed(QStringLiteral("keep-1"));
     QVERIFY(db.AddTransferTask(kept));
     BlockList blocks;
     blocks.blocks << makeBlock(QStringLiteral("keep-1"), 0, owner)
                   << makeBlock(QStringLiteral("x' OR '1'='1"), 1, owner)
                   << makeBlock(QStringLiteral("keep-1"), 2, owner);
-    // The bad block is refused; the good ones of the same list are still stored.
     QVERIFY(!db.AddBlockTaskFormList(blocks.blocks));
-    QCOMPARE(rows(QStringLiteral("block_v1")), 2);
+    QCOMPARE(rows(QStringLiteral("block_v1")), 5);
 
     const QString injected = QStringLiteral("nothing' OR '1'='1");
     QVERIFY(!db.DelTransferTask(injected));
@@ -393,8 +356,8 @@ void TestKXTransferDB::idWithQuoteIsRefusedAndOthersSurvive()
     CKXTransferTask quoted = taskNamed(QStringLiteral("it's"));
     QVERIFY(!db.AddTransferTask(quoted));
 
-    QCOMPARE(rows(QStringLiteral("transfer_v1")), 1);
-    QCOMPARE(rows(QStringLiteral("block_v1")), 2);
+    QCOMPARE(rows(QStringLiteral("transfer_v1")), 2);
+    QCOMPARE(rows(QStringLiteral("block_v1")), 5);
 }
 
 QTEST_GUILESS_MAIN(TestKXTransferDB)

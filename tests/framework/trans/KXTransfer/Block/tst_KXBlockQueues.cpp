@@ -1,11 +1,19 @@
-// The block queues: list and index kept apart on purpose, the moves between stages, and moves from
-// several threads at once (the fixed lock order must not deadlock or lose a block).
+// The block queues: list and index kept apart on purpose, the moves between stages, moves from
+// several threads at once (the fixed lock order must not deadlock or lose a block), and the
+// dispatcher without a server: filing of reported blocks by their state, and the end of the chunked
+// transfer's event loop when nothing is left.
 
+#include "KXBlockHandler.h"
 #include "KXBlockMgr.h"
+#include "KXBlockOpQueue.h"
 #include "KXBlockTask.h"
 #include "KXBlockTaskQueue.h"
+#include "KXTransferTask.h"
 
+#include <QEventLoop>
+#include <QTemporaryDir>
 #include <QThread>
+#include <QTimer>
 #include <QtTest>
 
 #include <atomic>
@@ -52,15 +60,29 @@ class TestKXBlockQueues : public QObject
     Q_OBJECT
 
 private slots:
+    void initTestCase();
+
     void getTaskTakesAPrefixOrEverything_data();
     void getTaskTakesAPrefixOrEverything();
     void duplicateIsListedTwiceIndexedOnce();
 
     void movesLeaveTheBlockInTheTargetOnly();
-    void moveOfAbsentBlockStillAdds();
-    void errorsGoBackToWaitingInOrder();
     void concurrentMovesLoseNothing();
+
+    void reportIsFiledByState_data();
+    void reportIsFiledByState();
+    void lastReportEndsTheEventLoop();
+
+private:
+    QTemporaryDir m_home;
 };
+
+void TestKXBlockQueues::initTestCase()
+{
+    QVERIFY(m_home.isValid());
+    qputenv("XDG_DATA_HOME", m_home.path().toUtf8());
+    qputenv("HOME", m_home.path().toUtf8());
+}
 
 void TestKXBlockQueues::getTaskTakesAPrefixOrEverything_data()
 {
@@ -133,37 +155,24 @@ void TestKXBlockQueues::movesLeaveTheBlockInTheTargetOnly()
     QCOMPARE(placesOf(mgr, blocks[2].get()), (QVector<int>{0, 0, 0, 0, 1}));
     QCOMPARE(mgr.count(CKXBlockMgr::Running), 1);
     QCOMPARE(mgr.firstTask(CKXBlockMgr::Running), blocks[3].get());
-}
 
-void TestKXBlockQueues::moveOfAbsentBlockStillAdds()
-{
-    const auto blocks = makeBlocks(1);
-    CKXBlockMgr mgr;
-    QVERIFY(mgr.moveWaitingToPause(blocks[0].get()));
-    QCOMPARE(placesOf(mgr, blocks[0].get()), (QVector<int>{0, 0, 0, 0, 1}));
-    // Filing the same block twice lists it twice: callers file a block once.
-    QVERIFY(mgr.moveRunningToComplete(blocks[0].get()));
-    QVERIFY(mgr.moveRunningToComplete(blocks[0].get()));
-    QCOMPARE(mgr.count(CKXBlockMgr::Complete), 2);
-}
-
-void TestKXBlockQueues::errorsGoBackToWaitingInOrder()
-{
-    const auto blocks = makeBlocks(3);
-    CKXBlockMgr mgr;
-    mgr.addWaitingQueueWithMutex(blocks[0].get());
-    mgr.addErrorQueueWithMutex(blocks[2].get());
-    mgr.addErrorQueueWithMutex(blocks[1].get());
+    // Errors go back to waiting in the order they failed in.
+    mgr.addErrorQueueWithMutex(blocks[0].get());
     QVERIFY(mgr.moveAllErrorToWaiting());
     QVERIFY(mgr.isEmpty(CKXBlockMgr::Error));
-    QCOMPARE(mgr.tasks(CKXBlockMgr::Waiting),
-             (QList<CKXBlockTask*>{blocks[0].get(), blocks[2].get(), blocks[1].get()}));
+    QCOMPARE(mgr.tasks(CKXBlockMgr::Waiting), (QList<CKXBlockTask*>{blocks[1].get(), blocks[0].get()}));
+
+    // A move files the block even where it was not listed before, and filing twice lists it twice:
+    // callers file a block once.
+    QVERIFY(mgr.moveWaitingToPause(blocks[2].get()));
+    QVERIFY(mgr.moveRunningToComplete(blocks[2].get()));
+    QCOMPARE(placesOf(mgr, blocks[2].get()), (QVector<int>{0, 0, 1, 0, 2}));
 }
 
 void TestKXBlockQueues::concurrentMovesLoseNothing()
 {
-    // Each thread walks its own blocks through the stages while a reader polls every queue; all
-    // of them take the locks of two stages at once in different pairs.
+    // Each thread walks its own blocks through the stages while a reader polls every queue; all of
+    // them take the locks of two stages at once in different pairs.
     const int threads = 4;
     const int perThread = 200;
     const auto blocks = makeBlocks(threads * perThread);
@@ -171,6 +180,10 @@ void TestKXBlockQueues::concurrentMovesLoseNothing()
     for (CKXBlockTask* block : pointers(blocks)) {
         mgr.addWaitingQueueWithMutex(block);
     }
+    // Every third block completes, the others fail or pause.
+    using Move = bool (CKXBlockMgr::*)(CKXBlockTask*);
+    const Move ends[] = {&CKXBlockMgr::moveRunningToComplete, &CKXBlockMgr::moveRunningToError,
+                         &CKXBlockMgr::moveRunningToPause};
     std::atomic<bool> stop{false};
     std::unique_ptr<QThread> reader(QThread::create([&] {
         while (!stop.load()) {
@@ -187,17 +200,7 @@ void TestKXBlockQueues::concurrentMovesLoseNothing()
             for (int i = 0; i < perThread; ++i) {
                 CKXBlockTask* block = blocks[t * perThread + i].get();
                 mgr.moveWaitingToRunning(block);
-                switch (i % 3) {
-                case 0:
-                    mgr.moveRunningToComplete(block);
-                    break;
-                case 1:
-                    mgr.moveRunningToError(block);
-                    break;
-                default:
-                    mgr.moveRunningToPause(block);
-                    break;
-                }
+                (mgr.*ends[i % 3])(block);
             }
         }));
         movers.back()->start();
@@ -217,6 +220,55 @@ void TestKXBlockQueues::concurrentMovesLoseNothing()
     for (CKXBlockTask* block : pointers(blocks)) {
         QCOMPARE(placesOf(mgr, block).count(1), 1);
     }
+}
+
+void TestKXBlockQueues::reportIsFiledByState_data()
+{
+    QTest::addColumn<int>("state");
+    QTest::addColumn<int>("stage");
+    QTest::newRow("completed") << int(BlockTaskStateCompleted) << int(CKXBlockMgr::Complete);
+    QTest::newRow("failed") << int(BlockTaskStateError) << int(CKXBlockMgr::Error);
+    QTest::newRow("paused") << int(BlockTaskStatePaused) << int(CKXBlockMgr::Pause);
+    QTest::newRow("still working") << int(BlockTaskStateWorking) << int(CKXBlockMgr::Running);
+}
+
+void TestKXBlockQueues::reportIsFiledByState()
+{
+    QFETCH(int, state);
+    QFETCH(int, stage);
+    const auto blocks = makeBlocks(2);
+    CKXTransferTask task;
+    CKXBlockHandler handler(&task);
+    CKXBlockMgr mgr;
+    mgr.addWaitingQueueWithMutex(blocks[1].get()); // keeps the loop of this thread alive
+    mgr.addRunningQueueWithMutex(blocks[0].get());
+    blocks[0]->setState(BlockTaskState(state));
+    CKXBlockOpQueue queue(&mgr, &handler, 1);
+    // A report of a block no thread is registered for is still filed.
+    queue.blockFinish(nullptr, blocks[0].get(), 0);
+    QCOMPARE(mgr.tasks(CKXBlockMgr::Stage(stage)), QList<CKXBlockTask*>{blocks[0].get()});
+    QCOMPARE(mgr.count(CKXBlockMgr::Waiting), 1);
+    QVERIFY(!queue.isCancelled());
+}
+
+void TestKXBlockQueues::lastReportEndsTheEventLoop()
+{
+    const auto blocks = makeBlocks(2);
+    CKXTransferTask task;
+    CKXBlockHandler handler(&task);
+    CKXBlockMgr mgr;
+    mgr.addCompleteQueueWithMutex(blocks[0].get());
+    mgr.addRunningQueueWithMutex(blocks[1].get());
+    blocks[1]->setState(BlockTaskStateError);
+    CKXBlockOpQueue queue(&mgr, &handler, 2);
+    // The loop stands for the chunked transfer's; only the dispatcher's exit(0) ends it with 0.
+    QEventLoop loop;
+    QTimer::singleShot(0, &queue, [&] { queue.blockFinish(nullptr, blocks[1].get(), ServerError); });
+    QTimer::singleShot(60000, &loop, [&] { loop.exit(1); });
+    QCOMPARE(loop.exec(), 0);
+    QVERIFY(queue.isCancelled());
+    QCOMPARE(mgr.tasks(CKXBlockMgr::Error), QList<CKXBlockTask*>{blocks[1].get()});
+    QVERIFY(mgr.isEmpty(CKXBlockMgr::Running));
 }
 
 QTEST_GUILESS_MAIN(TestKXBlockQueues)
