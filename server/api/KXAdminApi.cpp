@@ -97,28 +97,23 @@ void CKXAdminApi::clearFaults(CKXRequest& r)
 
 void CKXAdminApi::lock(CKXRequest& r)
 {
-    QJsonObject body;
-    Target file;
-    bool locked = true;
-    ServerError e = r.readJson(&body);
-    e = e.ok() ? target(body, &file) : e;
-    e = e.ok() ? KXHttp::boolean(body, "locked", &locked, true) : e;
-    e = e.ok() ? m_ctx.meta.setLocked(file, locked) : e;
-    if (!e.ok()) {
-        return r.replyError(e);
-    }
-    r.replyJson(QJsonObject{{"result", true}});
+    setFlag(r, "locked", &CKXMetaStore::setLocked);
 }
 
 void CKXAdminApi::flagVirus(CKXRequest& r)
 {
+    setFlag(r, "virus", &CKXMetaStore::setVirus);
+}
+
+void CKXAdminApi::setFlag(CKXRequest& r, const char* key, FlagSetter setter)
+{
     QJsonObject body;
     Target file;
-    bool virus = true;
+    bool value = true;
     ServerError e = r.readJson(&body);
     e = e.ok() ? target(body, &file) : e;
-    e = e.ok() ? KXHttp::boolean(body, "virus", &virus, true) : e;
-    e = e.ok() ? m_ctx.meta.setVirus(file, virus) : e;
+    e = e.ok() ? KXHttp::boolean(body, key, &value, true) : e;
+    e = e.ok() ? (m_ctx.meta.*setter)(file, value) : e;
     if (!e.ok()) {
         return r.replyError(e);
     }

@@ -32,6 +32,9 @@ private:
     void clearFaults(CKXRequest& r);
     void lock(CKXRequest& r);
     void flagVirus(CKXRequest& r);
+    // A file flag of the meta store, read from the body's boolean `key` (true when absent).
+    using FlagSetter = ServerError (CKXMetaStore::*)(const Target&, bool);
+    void setFlag(CKXRequest& r, const char* key, FlagSetter setter);
 
     ServerContext& m_ctx;
     CKXShareLinks m_links;

@@ -248,19 +248,18 @@ std::vector<BlockRef> CKXMetaStore::blocksOf(qint64 entryId)
 
 std::set<std::string> CKXMetaStore::referencedBlocks()
 {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    Statement q(m_db, "SELECT DISTINCT hash FROM file_blocks");
-    std::set<std::string> out;
-    while (q.next()) {
-        out.insert(q.text(0));
-    }
-    return out;
+    return hashSet("SELECT DISTINCT hash FROM file_blocks");
 }
 
 std::set<std::string> CKXMetaStore::liveBlocks()
 {
+    return hashSet("SELECT hash FROM file_blocks UNION SELECT hash FROM session_blocks WHERE size >= 0");
+}
+
+std::set<std::string> CKXMetaStore::hashSet(const char* sql)
+{
     std::lock_guard<std::mutex> lock(m_mutex);
-    Statement q(m_db, "SELECT hash FROM file_blocks UNION SELECT hash FROM session_blocks WHERE size >= 0");
+    Statement q(m_db, sql);
     std::set<std::string> out;
     while (q.next()) {
         out.insert(q.text(0));

@@ -69,6 +69,8 @@ public:
     bool shareSessionCode(const std::string& digest, std::string* code);
 
 private:
+    // The first column of every row `sql` selects; takes m_mutex.
+    std::set<std::string> hashSet(const char* sql);
     // Helpers named *Locked expect m_mutex to be held.
     bool execLocked(const char* sql);
     bool migrateLocked();

@@ -65,6 +65,19 @@ TestHttpReply CKXServerProcess::admin(const QByteArray& method, const QString& p
     return {answer.status, 0, answer.body, answer.headers};
 }
 
+TestHttpReply CKXServerProcess::getFile(const QString& remotePath) const
+{
+    return CKXTestHttp::get(baseUrl() + QStringLiteral("/v1/files?path=") + CKXTestHttp::encode(remotePath),
+                            sessionHeader());
+}
+
+bool CKXServerProcess::putFile(const QString& remotePath, const QByteArray& content) const
+{
+    const QString url =
+        baseUrl() + QStringLiteral("/v1/files?overwrite=true&path=") + CKXTestHttp::encode(remotePath);
+    return CKXTestHttp::put(url, content, sessionHeader()).status == 200;
+}
+
 QString CKXServerProcess::createShare(const QString& path, bool upload, const QString& password)
 {
     QJsonObject body{{"path", path}, {"upload", upload}, {"password", password}};

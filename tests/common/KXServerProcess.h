@@ -43,6 +43,10 @@ public:
     QString errorString() const { return m_error; }
     // {"X-ORBALA-SESS-ID: <token>"}, ready for CKXTestHttp.
     QList<QByteArray> sessionHeader() const;
+    // A whole file of the token's own space, read or (over)written with the session, outside the
+    // engine: setting up a download, checking what an upload left.
+    TestHttpReply getFile(const QString& remotePath) const;
+    bool putFile(const QString& remotePath, const QByteArray& content) const;
 
     QJsonObject stats() { return admin("GET", QStringLiteral("/admin/stats")).json(); }
     bool resetStats() { return admin("POST", QStringLiteral("/admin/stats/reset")).status == 200; }

@@ -94,19 +94,13 @@ bool KXE2eTest::run(const SubTaskInfo& task, KXOutcomes::Outcome& outcome, const
 
 QString KXE2eTest::serverSha256(const QString& remotePath)
 {
-    const TestHttpReply reply = CKXTestHttp::get(m_server.baseUrl() + QStringLiteral("/v1/files?path=") +
-                                                     CKXTestHttp::encode(remotePath),
-                                                 m_server.sessionHeader());
+    const TestHttpReply reply = m_server.getFile(remotePath);
     return reply.status == 200 ? sha256Hex(reply.body) : QStringLiteral("status %1").arg(reply.status);
 }
 
 bool KXE2eTest::putRemote(const QString& remotePath, const QByteArray& content)
 {
-    const TestHttpReply reply =
-        CKXTestHttp::put(m_server.baseUrl() + QStringLiteral("/v1/files?overwrite=true&path=") +
-                             CKXTestHttp::encode(remotePath),
-                         content, m_server.sessionHeader());
-    return reply.status == 200;
+    return m_server.putFile(remotePath, content);
 }
 
 QStringList KXE2eTest::runnerArgs(const QString& id, const QString& local, const QString& remote,

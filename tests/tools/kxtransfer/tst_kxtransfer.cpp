@@ -143,9 +143,7 @@ ToolRun TestKXTransferCommand::run(const QStringList& args, bool withServer) con
 
 QByteArray TestKXTransferCommand::remoteFile(const QString& path) const
 {
-    const TestHttpReply reply =
-        CKXTestHttp::get(m_server.baseUrl() + QStringLiteral("/v1/files?path=") + CKXTestHttp::encode(path),
-                         m_server.sessionHeader());
+    const TestHttpReply reply = m_server.getFile(path);
     return reply.status == 200 ? reply.body : QByteArray();
 }
 

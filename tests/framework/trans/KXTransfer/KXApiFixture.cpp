@@ -217,18 +217,12 @@ SubTaskInfo CKXApiFixture::downloadTask(const QString& remotePath, qint64 size, 
 
 bool CKXApiFixture::readRemoteFile(const QString& remotePath, QByteArray* content)
 {
-    const TestHttpReply reply = CKXTestHttp::get(m_server.baseUrl() + QStringLiteral("/v1/files?path=") +
-                                                     CKXTestHttp::encode(remotePath),
-                                                 m_server.sessionHeader());
+    const TestHttpReply reply = m_server.getFile(remotePath);
     *content = reply.body;
     return reply.status == 200;
 }
 
 bool CKXApiFixture::putRemoteFile(const QString& remotePath, const QByteArray& content)
 {
-    const TestHttpReply reply =
-        CKXTestHttp::put(m_server.baseUrl() + QStringLiteral("/v1/files?overwrite=true&path=") +
-                             CKXTestHttp::encode(remotePath),
-                         content, m_server.sessionHeader());
-    return reply.status == 200;
+    return m_server.putFile(remotePath, content);
 }
