@@ -53,17 +53,46 @@ const char* const kEntryColumns =
     "SELECT id, path, is_dir, size, rev, mtime, locked, virus,"
     " (SELECT COUNT(*) FROM file_blocks WHERE entry_id = entries.id) FROM entries ";
 
-// One prepared statement; finalised when it goes out of scope.
+// One use of a statement prepared once per connection: parsing the SQL cost more than running it
+// (a small upload runs a dozen statements). The cache entry is lent while the Statement lives; a
+// text already lent (a helper running the statement its caller is still stepping) gets a private
+// copy, finalised at the end. Created and destroyed under the store's mutex.
 class Statement
 {
 public:
-    Statement(sqlite3* db, const std::string& sql)
+    Statement(sqlite3* db, PreparedStatements& cache, const std::string& sql)
     {
-        if (sqlite3_prepare_v2(db, sql.c_str(), -1, &m_stmt, nullptr) != SQLITE_OK) {
-            m_stmt = nullptr;
+        auto found = cache.find(sql);
+        if (found == cache.end()) {
+            sqlite3_stmt* made = nullptr;
+            if (sqlite3_prepare_v3(db, sql.c_str(), -1, SQLITE_PREPARE_PERSISTENT, &made, nullptr) !=
+                SQLITE_OK) {
+                sqlite3_finalize(made);
+                return;
+            }
+            found = cache.emplace(sql, PreparedStatement{made, false}).first;
         }
+        if (found->second.lent) {
+            if (sqlite3_prepare_v2(db, sql.c_str(), -1, &m_stmt, nullptr) != SQLITE_OK) {
+                sqlite3_finalize(m_stmt);
+                m_stmt = nullptr;
+            }
+            return;
+        }
+        found->second.lent = true;
+        m_lent = &found->second;
+        m_stmt = m_lent->stmt;
     }
-    ~Statement() { sqlite3_finalize(m_stmt); }
+    ~Statement()
+    {
+        if (!m_lent) {
+            sqlite3_finalize(m_stmt);
+            return;
+        }
+        sqlite3_reset(m_stmt);
+        sqlite3_clear_bindings(m_stmt);
+        m_lent->lent = false;
+    }
     Statement(const Statement&) = delete;
     Statement& operator=(const Statement&) = delete;
 
@@ -96,6 +125,7 @@ public:
 
 private:
     sqlite3_stmt* m_stmt = nullptr;
+    PreparedStatement* m_lent = nullptr;
 };
 
 // Rolls back unless committed.
@@ -153,6 +183,9 @@ ServerError notFound(const std::string& path)
 
 CKXMetaStore::~CKXMetaStore()
 {
+    for (auto& prepared : m_prepared) {
+        sqlite3_finalize(prepared.second.stmt);
+    }
     sqlite3_close_v2(m_db);
 }
 
@@ -182,7 +215,7 @@ bool CKXMetaStore::execLocked(const char* sql)
 // Stores written before upload sessions expired lack their last-activity column.
 bool CKXMetaStore::migrateLocked()
 {
-    if (Statement(m_db, "SELECT touched FROM upload_sessions LIMIT 0").prepared()) {
+    if (Statement(m_db, m_prepared, "SELECT touched FROM upload_sessions LIMIT 0").prepared()) {
         return true;
     }
     return execLocked("ALTER TABLE upload_sessions ADD COLUMN touched INTEGER NOT NULL DEFAULT 0;"
@@ -209,7 +242,7 @@ bool CKXMetaStore::lookupLocked(const Target& target, EntryInfo* out)
         out->rev = 1;
         return true;
     }
-    Statement q(m_db, std::string(kEntryColumns) + "WHERE space = ? AND path = ?");
+    Statement q(m_db, m_prepared, std::string(kEntryColumns) + "WHERE space = ? AND path = ?");
     q.bind(1, target.space).bind(2, target.path);
     if (!q.next()) {
         return false;
@@ -225,7 +258,7 @@ std::vector<EntryInfo> CKXMetaStore::children(const Target& folder, const ListOp
                       (options.includeFiles ? "" : " AND is_dir = 1") + " ORDER BY " + column +
                       (options.descending ? " DESC" : " ASC") + ", name ASC LIMIT ? OFFSET ?";
     std::lock_guard<std::mutex> lock(m_mutex);
-    Statement q(m_db, sql);
+    Statement q(m_db, m_prepared, sql);
     q.bind(1, folder.space).bind(2, folder.path).bind(3, options.limit).bind(4, options.offset);
     std::vector<EntryInfo> out;
     while (q.next()) {
@@ -237,7 +270,7 @@ std::vector<EntryInfo> CKXMetaStore::children(const Target& folder, const ListOp
 std::vector<BlockRef> CKXMetaStore::blocksOf(qint64 entryId)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
-    Statement q(m_db, "SELECT hash, size FROM file_blocks WHERE entry_id = ? ORDER BY idx");
+    Statement q(m_db, m_prepared, "SELECT hash, size FROM file_blocks WHERE entry_id = ? ORDER BY idx");
     q.bind(1, entryId);
     std::vector<BlockRef> out;
     while (q.next()) {
@@ -259,7 +292,7 @@ std::set<std::string> CKXMetaStore::liveBlocks()
 std::set<std::string> CKXMetaStore::hashSet(const char* sql)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
-    Statement q(m_db, sql);
+    Statement q(m_db, m_prepared, sql);
     std::set<std::string> out;
     while (q.next()) {
         out.insert(q.text(0));
@@ -272,7 +305,7 @@ std::set<std::string> CKXMetaStore::provenBlocks(const Reach& reach, const std::
     std::set<std::string> out;
     for (size_t first = 0; first < hashes.size(); first += kBatch) {
         std::lock_guard<std::mutex> lock(m_mutex);
-        Statement q(m_db, kProvenQuery);
+        Statement q(m_db, m_prepared, kProvenQuery);
         for (size_t i = first; i < std::min(hashes.size(), first + kBatch); ++i) {
             for (const Target& root : reach) {
                 q.reset();
@@ -288,16 +321,18 @@ std::set<std::string> CKXMetaStore::provenBlocks(const Reach& reach, const std::
 
 qint64 CKXMetaStore::usageLocked(const std::string& space)
 {
-    Statement q(m_db, "SELECT COALESCE(SUM(size), 0) FROM entries WHERE space = ? AND is_dir = 0");
+    Statement q(m_db, m_prepared,
+                "SELECT COALESCE(SUM(size), 0) FROM entries WHERE space = ? AND is_dir = 0");
     q.bind(1, space);
     return q.next() ? q.integer(0) : 0;
 }
 
 qint64 CKXMetaStore::pendingLocked(const std::string& space, const std::string& exceptPath)
 {
-    Statement q(m_db, "SELECT COALESCE(SUM(sb.size), 0) FROM session_blocks sb"
-                      " JOIN upload_sessions us ON us.id = sb.upload_id"
-                      " WHERE us.space = ? AND us.path != ? AND sb.size > 0");
+    Statement q(m_db, m_prepared,
+                "SELECT COALESCE(SUM(sb.size), 0) FROM session_blocks sb"
+                " JOIN upload_sessions us ON us.id = sb.upload_id"
+                " WHERE us.space = ? AND us.path != ? AND sb.size > 0");
     q.bind(1, space).bind(2, exceptPath);
     return q.next() ? q.integer(0) : 0;
 }
@@ -356,7 +391,7 @@ ServerError CKXMetaStore::checkTargetLocked(const Target& target, bool overwrite
 
 bool CKXMetaStore::sameBlocksLocked(qint64 entryId, const std::vector<BlockRef>& blocks)
 {
-    Statement q(m_db, "SELECT hash, size FROM file_blocks WHERE entry_id = ? ORDER BY idx");
+    Statement q(m_db, m_prepared, "SELECT hash, size FROM file_blocks WHERE entry_id = ? ORDER BY idx");
     q.bind(1, entryId);
     size_t i = 0;
     for (; q.next(); ++i) {
@@ -369,8 +404,9 @@ bool CKXMetaStore::sameBlocksLocked(qint64 entryId, const std::vector<BlockRef>&
 
 bool CKXMetaStore::insertEntryLocked(const Target& target, bool isDir, qint64 size, qint64 mtime, qint64* id)
 {
-    Statement q(m_db, "INSERT INTO entries(space, path, parent, name, is_dir, size, rev, mtime)"
-                      " VALUES(?, ?, ?, ?, ?, ?, 1, ?)");
+    Statement q(m_db, m_prepared,
+                "INSERT INTO entries(space, path, parent, name, is_dir, size, rev, mtime)"
+                " VALUES(?, ?, ?, ?, ?, ?, 1, ?)");
     q.bind(1, target.space).bind(2, target.path).bind(3, KXServerPath::parentOf(target.path));
     q.bind(4, KXServerPath::nameOf(target.path)).bind(5, qint64(isDir ? 1 : 0)).bind(6, size).bind(7, mtime);
     if (!q.run()) {
@@ -395,12 +431,13 @@ bool CKXMetaStore::ensureParentsLocked(const Target& target, qint64 mtime)
 
 bool CKXMetaStore::writeBlocksLocked(qint64 entryId, const std::vector<BlockRef>& blocks)
 {
-    Statement clear(m_db, "DELETE FROM file_blocks WHERE entry_id = ?");
+    Statement clear(m_db, m_prepared, "DELETE FROM file_blocks WHERE entry_id = ?");
     if (!clear.bind(1, entryId).run()) {
         return false;
     }
     for (size_t i = 0; i < blocks.size(); ++i) {
-        Statement q(m_db, "INSERT INTO file_blocks(entry_id, idx, hash, size) VALUES(?, ?, ?, ?)");
+        Statement q(m_db, m_prepared,
+                    "INSERT INTO file_blocks(entry_id, idx, hash, size) VALUES(?, ?, ?, ?)");
         q.bind(1, entryId).bind(2, qint64(i)).bind(3, blocks[i].hash).bind(4, blocks[i].size);
         if (!q.run()) {
             return false;
@@ -416,7 +453,8 @@ bool CKXMetaStore::writeFileLocked(const CommitParams& params, qint64 existingId
         return false;
     }
     if (existingId != 0) {
-        Statement q(m_db, "UPDATE entries SET size = ?, rev = rev + 1, mtime = ?, virus = 0 WHERE id = ?");
+        Statement q(m_db, m_prepared,
+                    "UPDATE entries SET size = ?, rev = rev + 1, mtime = ?, virus = 0 WHERE id = ?");
         if (!q.bind(1, params.size).bind(2, params.mtime).bind(3, id).run()) {
             return false;
         }
@@ -486,7 +524,7 @@ ServerError CKXMetaStore::createFolder(const Target& target, bool makeParents, E
 
 ServerError CKXMetaStore::setFlagLocked(const Target& target, const char* sql, bool on)
 {
-    Statement q(m_db, sql);
+    Statement q(m_db, m_prepared, sql);
     if (!q.bind(1, qint64(on ? 1 : 0)).bind(2, target.space).bind(3, target.path).run()) {
         return internalLocked("cannot flag " + target.path);
     }
@@ -521,7 +559,8 @@ bool CKXMetaStore::saveUploadSession(const UploadSession& session, const std::ve
         execLocked("PRAGMA synchronous=OFF");
         Transaction tx(m_db);
         ok = tx.begun() && (first > 0 || openSessionLocked(session));
-        Statement offer(m_db, "INSERT OR IGNORE INTO session_blocks(upload_id, hash) VALUES(?, ?)");
+        Statement offer(m_db, m_prepared,
+                        "INSERT OR IGNORE INTO session_blocks(upload_id, hash) VALUES(?, ?)");
         for (size_t i = first; ok && i < std::min(offered.size(), first + kBatch); ++i) {
             offer.reset();
             ok = offer.bind(1, session.id).bind(2, std::string(offered[i])).run();
@@ -534,9 +573,10 @@ bool CKXMetaStore::saveUploadSession(const UploadSession& session, const std::ve
 
 bool CKXMetaStore::openSessionLocked(const UploadSession& session)
 {
-    Statement open(m_db, "INSERT OR IGNORE INTO upload_sessions(id, space, path, size, created, touched)"
-                         " VALUES(?1, ?2, ?3, ?4, ?5, ?5)");
-    Statement touch(m_db, "UPDATE upload_sessions SET touched = ? WHERE id = ?");
+    Statement open(m_db, m_prepared,
+                   "INSERT OR IGNORE INTO upload_sessions(id, space, path, size, created, touched)"
+                   " VALUES(?1, ?2, ?3, ?4, ?5, ?5)");
+    Statement touch(m_db, m_prepared, "UPDATE upload_sessions SET touched = ? WHERE id = ?");
     return open.bind(1, session.id)
                .bind(2, session.space)
                .bind(3, session.path)
@@ -549,7 +589,7 @@ bool CKXMetaStore::openSessionLocked(const UploadSession& session)
 bool CKXMetaStore::uploadSession(const std::string& id, UploadSession* out)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
-    Statement q(m_db, "SELECT id, space, path, size FROM upload_sessions WHERE id = ?");
+    Statement q(m_db, m_prepared, "SELECT id, space, path, size FROM upload_sessions WHERE id = ?");
     q.bind(1, id);
     if (!q.next()) {
         return false;
@@ -562,7 +602,7 @@ ServerError CKXMetaStore::admitBlock(const UploadSession& session, const std::st
                                      qint64 quota)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
-    Statement q(m_db, "SELECT size FROM session_blocks WHERE upload_id = ? AND hash = ?");
+    Statement q(m_db, m_prepared, "SELECT size FROM session_blocks WHERE upload_id = ? AND hash = ?");
     if (!q.bind(1, session.id).bind(2, hash).next()) {
         return ServerError::make(400, "bad request",
                                  "block " + hash + " was not offered by the hash query of upload " +
@@ -585,8 +625,9 @@ bool CKXMetaStore::recordBlock(const std::string& uploadId, const std::string& h
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     Transaction tx(m_db);
-    Statement received(m_db, "UPDATE session_blocks SET size = ? WHERE upload_id = ? AND hash = ?");
-    Statement touch(m_db, "UPDATE upload_sessions SET touched = ? WHERE id = ?");
+    Statement received(m_db, m_prepared,
+                       "UPDATE session_blocks SET size = ? WHERE upload_id = ? AND hash = ?");
+    Statement touch(m_db, m_prepared, "UPDATE upload_sessions SET touched = ? WHERE id = ?");
     return tx.begun() && received.bind(1, size).bind(2, uploadId).bind(3, hash).run() &&
            touch.bind(1, now()).bind(2, uploadId).run() && tx.commit();
 }
@@ -595,8 +636,8 @@ void CKXMetaStore::closeUploadSession(const std::string& id)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     Transaction tx(m_db);
-    Statement blocks(m_db, "DELETE FROM session_blocks WHERE upload_id = ?");
-    Statement session(m_db, "DELETE FROM upload_sessions WHERE id = ?");
+    Statement blocks(m_db, m_prepared, "DELETE FROM session_blocks WHERE upload_id = ?");
+    Statement session(m_db, m_prepared, "DELETE FROM upload_sessions WHERE id = ?");
     if (tx.begun() && blocks.bind(1, id).run() && session.bind(1, id).run()) {
         tx.commit();
     }
@@ -606,9 +647,10 @@ int CKXMetaStore::expireUploadSessions(qint64 idleSince)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     Transaction tx(m_db);
-    Statement blocks(m_db, "DELETE FROM session_blocks WHERE upload_id IN"
-                           " (SELECT id FROM upload_sessions WHERE touched < ?)");
-    Statement sessions(m_db, "DELETE FROM upload_sessions WHERE touched < ?");
+    Statement blocks(m_db, m_prepared,
+                     "DELETE FROM session_blocks WHERE upload_id IN"
+                     " (SELECT id FROM upload_sessions WHERE touched < ?)");
+    Statement sessions(m_db, m_prepared, "DELETE FROM upload_sessions WHERE touched < ?");
     if (!tx.begun() || !blocks.bind(1, idleSince).run() || !sessions.bind(1, idleSince).run()) {
         return 0;
     }
@@ -619,8 +661,9 @@ int CKXMetaStore::expireUploadSessions(qint64 idleSince)
 bool CKXMetaStore::saveShare(const ShareInfo& share)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
-    Statement q(m_db, "INSERT INTO shares(code, owner, space, path, upload, password, created)"
-                      " VALUES(?, ?, ?, ?, ?, ?, ?)");
+    Statement q(m_db, m_prepared,
+                "INSERT INTO shares(code, owner, space, path, upload, password, created)"
+                " VALUES(?, ?, ?, ?, ?, ?, ?)");
     q.bind(1, share.code).bind(2, share.owner).bind(3, share.space).bind(4, share.path);
     return q.bind(5, qint64(share.upload ? 1 : 0)).bind(6, share.password).bind(7, now()).run();
 }
@@ -628,7 +671,8 @@ bool CKXMetaStore::saveShare(const ShareInfo& share)
 bool CKXMetaStore::share(const std::string& code, ShareInfo* out)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
-    Statement q(m_db, "SELECT code, owner, space, path, upload, password FROM shares WHERE code = ?");
+    Statement q(m_db, m_prepared,
+                "SELECT code, owner, space, path, upload, password FROM shares WHERE code = ?");
     q.bind(1, code);
     if (!q.next()) {
         return false;
@@ -640,14 +684,15 @@ bool CKXMetaStore::share(const std::string& code, ShareInfo* out)
 bool CKXMetaStore::saveShareSession(const std::string& digest, const std::string& code)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
-    Statement q(m_db, "INSERT OR REPLACE INTO share_sessions(digest, code, created) VALUES(?, ?, ?)");
+    Statement q(m_db, m_prepared,
+                "INSERT OR REPLACE INTO share_sessions(digest, code, created) VALUES(?, ?, ?)");
     return q.bind(1, digest).bind(2, code).bind(3, now()).run();
 }
 
 bool CKXMetaStore::shareSessionCode(const std::string& digest, std::string* code)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
-    Statement q(m_db, "SELECT code FROM share_sessions WHERE digest = ?");
+    Statement q(m_db, m_prepared, "SELECT code FROM share_sessions WHERE digest = ?");
     q.bind(1, digest);
     if (!q.next()) {
         return false;

@@ -14,9 +14,19 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 struct sqlite3;
+struct sqlite3_stmt;
+
+// A statement prepared once for the store's connection, and whether a caller is using it now.
+struct PreparedStatement
+{
+    sqlite3_stmt* stmt = nullptr;
+    bool lent = false;
+};
+using PreparedStatements = std::unordered_map<std::string, PreparedStatement>;
 
 class CKXMetaStore
 {
@@ -92,5 +102,6 @@ private:
 
     std::mutex m_mutex;
     sqlite3* m_db = nullptr;                               // guarded by m_mutex
+    PreparedStatements m_prepared;                         // by SQL text; guarded by m_mutex
     const char* m_synchronous = "PRAGMA synchronous=FULL"; // set by open()
 };
