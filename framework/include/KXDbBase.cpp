@@ -7,11 +7,13 @@
 #include <QFileInfo>
 #include <QHash>
 #include <QSqlDatabase>
+#include <QSqlDriver>
 #include <QSqlError>
 #include <QSqlQuery>
 #include <QSqlRecord>
 #include <QThreadStorage>
 
+#include <sqlite3.h>
 #include <sys/stat.h>
 
 namespace {
@@ -84,8 +86,21 @@ ThreadConnections& threadConnections()
 // timeout makes a connection wait for another one's write lock instead of failing at once. The
 // size limit gives back the disk space of the log after a large batch (a big file's block rows
 // are tens of megabytes) instead of keeping it beside the database for good.
+//
+// Closing the last connection of a process would copy the log into the file, sync it and delete
+// the log while holding the file exclusively, and a thread opening its connection at that moment
+// sleeps in the busy handler (1, 2, 5 ms...). Every transfer thread closes its connection when it
+// ends, so that pause fell on the end of nearly every transfer. The log is instead left for the
+// next checkpoint, which is as safe (it is the database's own journal); the owner's destructor
+// empties it once, when the engine shuts down.
 QSqlError configureConnection(QSqlDatabase& db)
 {
+    const QVariant handle = db.driver()->handle();
+    if (handle.isValid() && qstrcmp(handle.typeName(), "sqlite3*") == 0) {
+        if (sqlite3* connection = *static_cast<sqlite3* const*>(handle.constData())) {
+            sqlite3_db_config(connection, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
+        }
+    }
     QSqlQuery query(db);
     for (const char* pragma :
          {"PRAGMA journal_mode=WAL", "PRAGMA synchronous=NORMAL", "PRAGMA journal_size_limit=4194304"}) {
@@ -118,6 +133,7 @@ CKXDbBase::~CKXDbBase()
         updateInternal(left);
     }
     DBLOG_INFO(QStringLiteral("CKXDbBase 释放了"));
+    checkpoint();
     close();
 }
 
@@ -125,6 +141,16 @@ QString CKXDbBase::getCreateTableString(const QString& table) const
 {
     Q_UNUSED(table);
     return QString();
+}
+
+void CKXDbBase::checkpoint()
+{
+    QMutexLocker lock(&m_mutex);
+    QSqlDatabase db;
+    if (!m_dbPath.isEmpty() && acquire(db).type() == QSqlError::NoError) {
+        // Best effort: a reader elsewhere only makes the log stay until the next time.
+        execOne(db, QStringLiteral("PRAGMA wal_checkpoint(TRUNCATE)"));
+    }
 }
 
 bool CKXDbBase::init()

@@ -108,6 +108,8 @@ private:
     };
 
     QSqlError acquire(QSqlDatabase& db);
+    // Copies the write-ahead log into the file and empties it (connections skip that on close).
+    void checkpoint();
     bool createMissingTables(QSqlDatabase& db);
     static QSqlError execOne(QSqlDatabase& db, const QString& sql);
 
