@@ -8,6 +8,7 @@
 #include <QJsonObject>
 #include <QMutex>
 #include <QRandomGenerator>
+#include <QSemaphore>
 #include <QTest>
 #include <QThread>
 
@@ -174,7 +175,8 @@ void TestApiCancel::cancelOrDeleteMidRequest_data()
 }
 
 // The server holds the request: only an aborted request ends with the cancelled code, and a request
-// that was not aborted would finish the task once the server lets it go.
+// that was not aborted would finish the task once the server lets it go. A deleted task's final
+// callback is held, so that its transfer certainly has not finished when it is counted.
 void TestApiCancel::cancelOrDeleteMidRequest()
 {
     QFETCH(int, kind);
@@ -184,11 +186,24 @@ void TestApiCancel::cancelOrDeleteMidRequest()
     const QString id = prepared.task.subTaskId;
     QVERIFY(
         env.server().armFault({{"op", bytesOp(kind)}, {"action", "delay"}, {"ms", kHeldMs}, {"count", 10}}));
+    QSemaphore finalHeld;
+    QSemaphore release;
+    CKXApiFixture::setCallbackHook([&](long long, bool final) {
+        if (final && del) {
+            finalHeld.release();
+            release.acquire();
+        }
+    });
     const long long handle = CKXApiFixture::start(prepared.task, prepared.isUrl);
     QTRY_VERIFY_WITH_TIMEOUT(statOf(env.server(), "inflight") > 0, kFinishMs);
 
     if (del) {
         Transfer::del(handle);
+        QVERIFY(finalHeld.tryAcquire(1, kFinishMs));
+        // Unlike cancel(), del() leaves the handle to the finishing thread.
+        const int running = Transfer::transferCount();
+        release.release();
+        QCOMPARE(running, 1);
     } else {
         Transfer::cancel(handle);
         QCOMPARE(Transfer::transferCount(), 0);

@@ -9,7 +9,6 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonObject>
-#include <QSemaphore>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -40,7 +39,6 @@ private slots:
     void roundTrip();
     void nameCollisions();
     void failuresLeaveNothingBehind();
-    void delWaitsForFinishingThread();
     void completedTaskIsNotRunAgain();
 
     void downloadsAddress();
@@ -206,37 +204,6 @@ void TestApiComTransfer::failuresLeaveNothingBehind()
     KX_RUN_TO_END(env, stale, &wrongSize, false);
     QCOMPARE(int(wrongSize.code), int(RenameTmpFileError));
     QCOMPARE(readFile(kept), QByteArray("previous version"));
-}
-
-void TestApiComTransfer::delWaitsForFinishingThread()
-{
-    CKXApiFixture& env = *m_env;
-    // The authorisation is held back, so the transfer is certainly still running at del(); the
-    // final callback is held too, so the transfer certainly has not finished when it is counted.
-    QVERIFY(env.server().armFault({{"op", "auth"}, {"action", "delay"}, {"ms", 2000}}));
-    QSemaphore finalHeld;
-    QSemaphore release;
-    CKXApiFixture::setCallbackHook([&](long long, bool final) {
-        if (final) {
-            finalHeld.release();
-            release.acquire();
-        }
-    });
-    const SubTaskInfo task = smallUpload(QStringLiteral("del.bin"));
-    const long long handle = CKXApiFixture::start(task);
-    QTRY_VERIFY_WITH_TIMEOUT(statOf(env.server(), "inflight") > 0, kFinishMs);
-
-    Transfer::del(handle);
-    QVERIFY(finalHeld.tryAcquire(1, kFinishMs));
-    // Unlike cancel(), del() leaves the handle to the finishing thread.
-    QCOMPARE(Transfer::transferCount(), 1);
-    release.release();
-    QTRY_COMPARE_WITH_TIMEOUT(Transfer::transferCount(), 0, kFinishMs);
-    CKXApiFixture::setCallbackHook(nullptr);
-    QCOMPARE(CKXApiFixture::record(handle).finals, 1);
-    QCOMPARE(env.dbRowState(task.subTaskId), -1);
-    // A graceful stop would wait out the held authorisation, which nobody reads any more.
-    env.server().kill9();
 }
 
 // The stored row of a completed task alone decides: run again, the task ends at once, not even
