@@ -1,8 +1,12 @@
 // The transfer database on real files: round trips through both tables, per-thread connections, the
-// write thread, and files or rows that are not what they should be.
+// write thread, and files or rows that are not what they should be; and the task store over it: the
+// read-once rule of completed tasks and its rows, the database path, and the transfer log it opens
+// and closes.
 
 #include "KXBlockJsonConvert.h"
 #include "KXBlockTask.h"
+#include "KXLoggerWrapper.h"
+#include "KXTFStoreManager.h"
 #include "KXTaskRecordSample.h"
 #include "KXTestData.h"
 #include "KXTestSql.h"
@@ -50,11 +54,23 @@ struct BlockList
     ~BlockList() { qDeleteAll(blocks); }
 };
 
-CKXTransferTask taskNamed(const QString& subTaskId)
+SubTaskInfo taskNamed(const QString& id, TaskState state = TaskState(StateWorking | StatePaused))
 {
     SubTaskInfo info = sampleSubTaskInfo();
-    info.subTaskId = subTaskId;
-    return CKXTransferTask(info);
+    info.subTaskId = id;
+    info.state = state;
+    return info;
+}
+
+// Puts the task's row and two block rows into the store's database.
+void storeRows(const SubTaskInfo& info)
+{
+    CKXTransferDB* db = CKXTFStoreManager::inst()->db();
+    CKXTransferTask task(info);
+    QVERIFY(db->AddTransferTask(task));
+    BlockList blocks;
+    blocks.blocks << makeBlock(info.subTaskId, 0, info) << makeBlock(info.subTaskId, 1, info);
+    QVERIFY(db->AddBlockTaskFormList(blocks.blocks));
 }
 
 } // namespace
@@ -66,6 +82,7 @@ class TestKXTransferDB : public QObject
 private slots:
     void initTestCase();
     void init();
+    void cleanup();
 
     void taskRowRoundTrips();
     void blocksComeBackInIndexOrderAndGoOneOrAll();
@@ -76,12 +93,23 @@ private slots:
     void unusableFileFailsWithoutTouchingIt();
     void badRowsAndQuotedIdsFailAlone();
 
+    void completedTaskIsReadOnceAndLosesItsRows();
+    void unconfiguredStoreWritesNowhere();
+    void logIsClosedWithTheStoreAndReopened();
+
 private:
+    // Also the store's database file.
     QString dbPath() const { return m_dir->filePath(QStringLiteral("transfer.db")); }
     int rows(const QString& table, const QString& where = QString()) const
     {
         const QVariant v = sqlValue(dbPath(), QStringLiteral("SELECT COUNT(*) FROM %1 %2").arg(table, where));
         return v.isValid() ? v.toInt() : -1;
+    }
+    // The task's row and its block rows.
+    int rowsOf(const QString& id) const
+    {
+        return rows(QStringLiteral("transfer_v1"), QStringLiteral("WHERE id='%1'").arg(id)) +
+               rows(QStringLiteral("block_v1"), QStringLiteral("WHERE sub_task_id='%1'").arg(id));
     }
 
     QTemporaryDir m_home;
@@ -99,6 +127,13 @@ void TestKXTransferDB::init()
 {
     m_dir = std::make_unique<QTemporaryDir>();
     QVERIFY(m_dir->isValid());
+    CKXTFStoreManager::inst()->setDBPath(m_dir->path());
+}
+
+void TestKXTransferDB::cleanup()
+{
+    CKXTFStoreManager::clear();
+    m_dir.reset();
 }
 
 void TestKXTransferDB::taskRowRoundTrips()
@@ -199,7 +234,7 @@ void TestKXTransferDB::concurrentWritersUseOwnConnections()
     for (int t = 0; t < threadCount; ++t) {
         threads.emplace_back(QThread::create([&, t] {
             for (int i = 0; i < tasksPerThread; ++i) {
-                CKXTransferTask task = taskNamed(QStringLiteral("t%1-%2").arg(t).arg(i));
+                CKXTransferTask task(taskNamed(QStringLiteral("t%1-%2").arg(t).arg(i)));
                 failures[t] += db.AddTransferTask(task) ? 0 : 1;
             }
             names[t] = db.getCurrentConnectionName();
@@ -336,7 +371,7 @@ void TestKXTransferDB::badRowsAndQuotedIdsFailAlone()
     QCOMPARE(single.hash(), QStringLiteral("h2"));
 
     // An id with a quote is refused; the other rows, and the good blocks of the same list, are stored.
-    CKXTransferTask kept = taskNamed(QStringLiteral("keep-1"));
+    CKXTransferTask kept(taskNamed(QStringLiteral("keep-1")));
     QVERIFY(db.AddTransferTask(kept));
     BlockList blocks;
     blocks.blocks << makeBlock(QStringLiteral("keep-1"), 0, owner)
@@ -353,11 +388,85 @@ void TestKXTransferDB::badRowsAndQuotedIdsFailAlone()
     QVERIFY(!db.LoadTransferTask(injected, probe));
     BlockList none;
     QVERIFY(!db.LoadBlockTasks(injected, none.blocks));
-    CKXTransferTask quoted = taskNamed(QStringLiteral("it's"));
+    CKXTransferTask quoted(taskNamed(QStringLiteral("it's")));
     QVERIFY(!db.AddTransferTask(quoted));
 
     QCOMPARE(rows(QStringLiteral("transfer_v1")), 2);
     QCOMPARE(rows(QStringLiteral("block_v1")), 5);
+}
+
+void TestKXTransferDB::completedTaskIsReadOnceAndLosesItsRows()
+{
+    CKXTFStoreManager* store = CKXTFStoreManager::inst();
+    const SubTaskInfo done = taskNamed(QStringLiteral("done"), TaskState(StateCompleted | StateWorking));
+    const SubTaskInfo neighbour = taskNamed(QStringLiteral("neighbour"), StateCompleted);
+    const SubTaskInfo running = taskNamed(QStringLiteral("running"), TaskState(StateWorking | StatePaused));
+    for (const SubTaskInfo& info : {running, neighbour, done}) {
+        storeRows(info);
+        store->addTaskInfo(info);
+    }
+    // The latest record of a task wins.
+    SubTaskInfo later = running;
+    later.sendBytes = 42;
+    store->addTaskInfo(later);
+    SubTaskInfo out;
+    QVERIFY(store->getTaskInfo(done.subTaskId, out));
+    QCOMPARE(persisted(out), persisted(done));
+    QCOMPARE(rowsOf(done.subTaskId), 0);
+    const QList<SubTaskInfo> left = store->allTasks();
+    QCOMPARE(left.size(), 2);
+    QCOMPARE(left.at(0).subTaskId, neighbour.subTaskId);
+    QCOMPARE(left.at(1).sendBytes, 42LL);
+    QVERIFY(store->taskInfoFormJson(store->taskInfoJson(later), out));
+    QCOMPARE(persisted(out), persisted(later));
+    QVERIFY(!store->taskInfoFormJson(QStringLiteral("[1,2]"), out));
+    out.subTaskId = QStringLiteral("untouched");
+    QVERIFY(!store->getTaskInfo(done.subTaskId, out));
+    QCOMPARE(out.subTaskId, QStringLiteral("untouched"));
+    // Another completed task's rows are not part of it.
+    QCOMPARE(rowsOf(neighbour.subTaskId), 3);
+
+    // An unfinished task is read as often as asked and keeps its rows, also when dropped from memory.
+    for (int i = 0; i < 2; ++i) {
+        QVERIFY(store->getTaskInfo(running.subTaskId, out));
+        QCOMPARE(out.state, running.state);
+    }
+    QVERIFY(store->destroyTaskInfo(running.subTaskId));
+    QVERIFY(!store->destroyTaskInfo(running.subTaskId));
+    QCOMPARE(rowsOf(running.subTaskId), 3);
+}
+
+void TestKXTransferDB::unconfiguredStoreWritesNowhere()
+{
+    CKXTFStoreManager::clear();
+    CKXTFStoreManager* store = CKXTFStoreManager::inst();
+    QCOMPARE(store->databaseFilePath(), QString());
+    CKXTransferTask task(sampleSubTaskInfo());
+    QVERIFY(!store->db()->AddTransferTask(task));
+    QVERIFY(!QFile::exists(QStringLiteral("/transfer.db")));
+
+    // Configured afterwards, the next db() is the real one; a trailing separator changes nothing.
+    store->setDBPath(m_dir->path() + QLatin1Char('/'));
+    QCOMPARE(store->dbPath(), m_dir->path() + QLatin1Char('/'));
+    QCOMPARE(store->databaseFilePath(), m_dir->path() + QStringLiteral("/transfer.db"));
+    QVERIFY(store->db()->AddTransferTask(task));
+    QCOMPARE(rows(QStringLiteral("transfer_v1")), 1);
+}
+
+void TestKXTransferDB::logIsClosedWithTheStoreAndReopened()
+{
+    CKXTFStoreManager::inst()->initLog(m_dir->path(), QStringLiteral("0"));
+    QVERIFY(CKXLoggerWrapper::instTransfer()->handle() != 0);
+    SubTaskInfo out;
+    QVERIFY(!CKXTFStoreManager::inst()->getTaskInfo(QStringLiteral("no-such-task"), out));
+    CKXTFStoreManager::clear();
+    QCOMPARE(CKXLoggerWrapper::instTransfer()->handle(), 0);
+
+    QVERIFY(QString::fromUtf8(readFile(CKXLoggerWrapper::getLogPathName(CKXLoggerWrapper::Transfer)))
+                .contains(QStringLiteral("获取不到对应的传输任务 subTaskId = no-such-task")));
+
+    CKXTFStoreManager::inst()->initLog(m_dir->path(), QStringLiteral("junk"));
+    QVERIFY(CKXLoggerWrapper::instTransfer()->handle() != 0);
 }
 
 QTEST_GUILESS_MAIN(TestKXTransferDB)
