@@ -85,7 +85,10 @@ ThreadConnections& threadConnections()
 // process and never corrupts the file, and a power cut can only lose the newest commits. The busy
 // timeout makes a connection wait for another one's write lock instead of failing at once. The
 // size limit gives back the disk space of the log after a large batch (a big file's block rows
-// are tens of megabytes) instead of keeping it beside the database for good.
+// are tens of megabytes) instead of keeping it beside the database for good. The page cache of a
+// connection grows to 2 MiB by default as a large file's block rows are written, on each thread
+// that writes them; rows are read and written by key, so 256 KiB serves as well and keeps the
+// engine's memory from growing with the size of the file.
 //
 // Closing the last connection of a process would copy the log into the file, sync it and delete
 // the log while holding the file exclusively, and a thread opening its connection at that moment
@@ -102,8 +105,8 @@ QSqlError configureConnection(QSqlDatabase& db)
         }
     }
     QSqlQuery query(db);
-    for (const char* pragma :
-         {"PRAGMA journal_mode=WAL", "PRAGMA synchronous=NORMAL", "PRAGMA journal_size_limit=4194304"}) {
+    for (const char* pragma : {"PRAGMA journal_mode=WAL", "PRAGMA synchronous=NORMAL",
+                               "PRAGMA journal_size_limit=4194304", "PRAGMA cache_size=-256"}) {
         if (!query.exec(QString::fromLatin1(pragma))) {
             return query.lastError();
         }
