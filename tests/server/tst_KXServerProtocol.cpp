@@ -123,7 +123,6 @@ void TestKXServerProtocol::chunkedUploadAndCommit()
     QString id = answer.json().value("upload_id").toString();
     QCOMPARE(id.size(), 32);
     QCOMPARE(needed(answer), hashes);
-    QCOMPARE(m_http.open(query), id);
 
     for (int i = 0; i < 2; ++i)
         QCOMPARE(m_http.putBlock(id, blocks[i]).json(),
@@ -136,7 +135,6 @@ void TestKXServerProtocol::chunkedUploadAndCommit()
     QCOMPARE(partial.status, 200);
     QCOMPARE(needed(partial), QStringList{hashes[2]});
     QCOMPARE(m_http.get("/v1/metadata?path=/big.bin").code(), QStringLiteral("nameentry_not_exist"));
-    QCOMPARE(needed(m_http.post("/v1/upload/hash", query)), QStringList{hashes[2]});
     QCOMPARE(m_http.putBlock(id, blocks[2]).status, 200);
     // The upload id of the same file with another size still names the session: the sizes refuse it.
     QJsonObject oversized = commit;
