@@ -201,8 +201,7 @@ private slots:
 
     void listingRangesAndEvents();
     void chunkedUploadFromMemoryAndFile();
-    void plainAddressesRoundTrip();
-    void repeatedHeadersAndRedirects();
+    void plainAddressesAndRedirects();
     void errorAnswersAndBadInput();
     void cancelInTheMiddleOfALargeDownload();
     void faultsAndRetries_data();
@@ -337,13 +336,13 @@ void TestServerApi::chunkedUploadFromMemoryAndFile()
     }
 }
 
-void TestServerApi::plainAddressesRoundTrip()
+void TestServerApi::plainAddressesAndRedirects()
 {
     const QByteArray content = randomBytes(1024 * 1024 + 3, 4);
     const QString local = m_dir.filePath(QStringLiteral("plain.bin"));
     QVERIFY(writeFile(local, content));
-    const QString address = m_server.baseUrl() + QStringLiteral("/v1/raw/self/plain/p%20q.bin");
-    const QString withSession = address + QStringLiteral("?session=") + m_server.token();
+    const QString withSession =
+        m_server.baseUrl() + QStringLiteral("/v1/raw/self/plain/p%20q.bin?session=") + m_server.token();
 
     Rec put = std::make_shared<Recorder>();
     ServerApi::Upload(local, withSession, put->onResponse(), put->onUploadProgress());
@@ -354,20 +353,13 @@ void TestServerApi::plainAddressesRoundTrip()
     ServerApi::Download(withSession, get->onData(), get->onResponse(), get->onDownloadProgress());
     QCOMPARE(await(get), QString());
     QVERIFY(get->seen().data == content);
-}
 
-void TestServerApi::repeatedHeadersAndRedirects()
-{
-    QCOMPARE(await(uploadFile(fileModel(QStringLiteral("/moved/target.txt"), "moved here"))), QString());
-    const QByteArray target =
-        (m_server.baseUrl() + QStringLiteral("/v1/raw/self/moved/target.txt?session=") + m_server.token())
-            .toUtf8();
     // A scripted server on the test thread: two Set-Cookie lines, or a redirect to the real one.
     QTcpServer scripted;
     QVERIFY(scripted.listen(QHostAddress::LocalHost));
     connect(&scripted, &QTcpServer::newConnection, &scripted, [&] {
         QTcpSocket* socket = scripted.nextPendingConnection();
-        connect(socket, &QTcpSocket::readyRead, socket, [socket, target] {
+        connect(socket, &QTcpSocket::readyRead, socket, [socket, target = withSession.toUtf8()] {
             const QByteArray request = socket->peek(socket->bytesAvailable());
             if (!request.contains("\r\n\r\n"))
                 return;
@@ -395,9 +387,9 @@ void TestServerApi::repeatedHeadersAndRedirects()
     ServerApi::Download(base + QStringLiteral("/elsewhere"), moved->onData(), moved->onResponse(),
                         moved->onDownloadProgress());
     QCOMPARE(await(moved), QString());
-    QCOMPARE(moved->seen().data, QByteArray("moved here")); // the redirect's own body is not handed on
+    QVERIFY(moved->seen().data == content); // the redirect's own body is not handed on
     QVERIFY(!moved->seen().response.headers.contains("Location"));
-    QCOMPARE(lastProgress(moved), qMakePair(qint64(10), qint64(10)));
+    QCOMPARE(lastProgress(moved), qMakePair(qint64(content.size()), qint64(content.size())));
 }
 
 void TestServerApi::errorAnswersAndBadInput()
