@@ -72,8 +72,8 @@ private slots:
     void concurrentWriters();
     void rotationKeepsNewestLines_data();
     void rotationKeepsNewestLines();
-    void errorLinesReachFileBeforeDestroy();
-    void levelsBelowThresholdAreDropped();
+    void levelsAndFlushing_data();
+    void levelsAndFlushing();
     void handlesAndInvalidUse();
 
 private:
@@ -196,50 +196,41 @@ void TestQtKXLogger::rotationKeepsNewestLines()
         QCOMPARE(numbers[i], numbers[i - 1] + 1);
 }
 
-void TestQtKXLogger::errorLinesReachFileBeforeDestroy()
+void TestQtKXLogger::levelsAndFlushing_data()
 {
-    const QString path = m_dir.filePath(QStringLiteral("crash.log"));
-    const int handle = opened(path);
-    QVERIFY(handle > 0);
-
-    QtKXLogger::information(handle, QStringLiteral("before the fatal one"));
-    QtKXLogger::fatal(handle, QStringLiteral("致命错误\nsecond\r\nthird"));
-    QList<Line> lines = parseFile(path);
-    QCOMPARE(lines.size(), 2);
-    QCOMPARE(lines[0].text, QStringLiteral("before the fatal one"));
-    QCOMPARE(lines[1].level, QStringLiteral("FATAL"));
-    // Line breaks inside the text keep the entry on one line.
-    QCOMPARE(lines[1].text, QStringLiteral("致命错误\\nsecond\\r\\nthird"));
-
-    QtKXLogger::error(handle, QStringLiteral("an error"));
-    QCOMPARE(parseFile(path).size(), 3);
-
-    QtKXLogger::debug(handle, QStringLiteral("written at the latest by destroy"));
-    QtKXLogger::destroy(handle);
-    lines = parseFile(path);
-    QCOMPARE(lines.size(), 4);
-    QCOMPARE(lines[3].level, QStringLiteral("DEBUG"));
+    QTest::addColumn<int>("threshold");
+    for (int level = QtKXLogger::LevelDebug; level <= QtKXLogger::LevelFatal; ++level)
+        QTest::addRow("from %s", kLevelNames[level]) << level;
 }
 
-void TestQtKXLogger::levelsBelowThresholdAreDropped()
+// Lines below the threshold are dropped. An error or fatal line reaches the file at once, with the
+// lines before it, so that it survives a crash; the others at the latest at destroy. Line breaks
+// inside the text keep the entry on one line.
+void TestQtKXLogger::levelsAndFlushing()
 {
-    for (int threshold = QtKXLogger::LevelDebug; threshold <= QtKXLogger::LevelFatal; ++threshold) {
-        const QString path = m_dir.filePath(QStringLiteral("level-%1.log").arg(threshold));
-        const int handle = opened(path);
-        QVERIFY(handle > 0);
-        QtKXLogger::setLevel(handle, static_cast<QtKXLogger::Level>(threshold));
-        for (int level = QtKXLogger::LevelDebug; level <= QtKXLogger::LevelFatal; ++level)
-            writeAt(handle, level, QStringLiteral("at %1").arg(level));
-        QtKXLogger::destroy(handle);
-
-        QStringList written;
+    QFETCH(int, threshold);
+    const QString path = m_dir.filePath(QStringLiteral("level-%1.log").arg(threshold));
+    const int handle = opened(path);
+    QVERIFY(handle > 0);
+    QtKXLogger::setLevel(handle, static_cast<QtKXLogger::Level>(threshold));
+    const auto written = [&path] {
+        QStringList lines;
         for (const Line& line : parseFile(path))
-            written.append(line.level);
-        QStringList expected;
-        for (int level = threshold; level <= QtKXLogger::LevelFatal; ++level)
-            expected.append(QString::fromLatin1(kLevelNames[level]));
-        QCOMPARE(written, expected);
+            lines << line.level + QLatin1Char(' ') + line.text;
+        return lines;
+    };
+    QStringList expected;
+    for (const int level : {QtKXLogger::LevelInformation, QtKXLogger::LevelFatal, QtKXLogger::LevelError,
+                            QtKXLogger::LevelDebug}) {
+        writeAt(handle, level, QStringLiteral("致命错误\nsecond\r\nthird"));
+        if (level >= threshold)
+            expected << QString::fromLatin1(kLevelNames[level]) +
+                            QStringLiteral(" 致命错误\\nsecond\\r\\nthird");
+        if (level >= QtKXLogger::LevelError)
+            QCOMPARE(written(), expected);
     }
+    QtKXLogger::destroy(handle);
+    QCOMPARE(written(), expected);
 }
 
 void TestQtKXLogger::handlesAndInvalidUse()
