@@ -310,7 +310,6 @@ void TestKXServerProtocol::shareLinks()
     TestHttpReply opened = CKXTestHttp::post(share + "/auth", auth);
     QString session = opened.json().value("session_id").toString();
     QVERIFY(!session.isEmpty());
-    QVERIFY(!opened.json().value("LBC").toString().isEmpty());
     QVERIFY(opened.headers.value("set-cookie").startsWith("S=" + session.toLatin1() + ";"));
 
     // The session travels in a header or the cookie; the link is the root of the paths.
@@ -334,9 +333,6 @@ void TestKXServerProtocol::shareLinks()
              QStringLiteral("forbidden"));
     QCOMPARE(CKXTestHttp::put(share + "/files?path=/b.txt", "x", {"X-Share-Session: kx-dev-token"}).status,
              200);
-
-    QString readOnly = m_http.url("/v1/share/" + m_server.createShare("/shared", false));
-    QCOMPARE(CKXTestHttp::get(readOnly + "/files?path=/sub/a.txt").body, QByteArray("hello"));
 
     // The offline command writes a link into the running server's store.
     QProcess command;
