@@ -1,3 +1,4 @@
+#include "KXTestData.h"
 #include "QtKXLogger.h"
 
 #include <QDir>
@@ -20,12 +21,6 @@ struct Line
     QString text;
 };
 
-QByteArray readBytes(const QString& path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
 // The lines of a log file; empty, with a warning, when one lacks the logger's exact shape.
 QList<Line> parseFile(const QString& path)
 {
@@ -33,7 +28,7 @@ QList<Line> parseFile(const QString& path)
         R"(^\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\.\d{3} \[(DEBUG|INFO|ERROR|FATAL)\] \[tid (\d+)\] (.*)$)"));
     QList<Line> parsed;
     for (const QString& raw :
-         QString::fromUtf8(readBytes(path)).split(QLatin1Char('\n'), Qt::SkipEmptyParts)) {
+         QString::fromUtf8(readFile(path)).split(QLatin1Char('\n'), Qt::SkipEmptyParts)) {
         const QRegularExpressionMatch match = shape.match(raw);
         if (!match.hasMatch()) {
             qWarning("malformed line: %s", qPrintable(raw));
@@ -119,15 +114,15 @@ void TestQtKXLogger::concurrentWriters()
     go = true;
     QByteArray atDestroy;
     if (destroyMidway) {
-        QTRY_VERIFY_WITH_TIMEOUT(readBytes(path).count('\n') > 100, 10000);
+        QTRY_VERIFY_WITH_TIMEOUT(readFile(path).count('\n') > 100, 10000);
         QtKXLogger::destroy(handle);
         destroyed = true;
-        atDestroy = readBytes(path);
+        atDestroy = readFile(path);
     }
     for (std::thread& thread : threads)
         thread.join();
     if (destroyMidway)
-        QCOMPARE(readBytes(path), atDestroy);
+        QCOMPARE(readFile(path), atDestroy);
     else
         QtKXLogger::destroy(handle);
 
