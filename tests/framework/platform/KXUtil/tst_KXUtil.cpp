@@ -5,20 +5,9 @@
 #include <QCryptographicHash>
 #include <QDir>
 #include <QFile>
+#include <QStorageInfo>
 #include <QTemporaryDir>
 #include <QtTest>
-
-#include <sys/stat.h>
-
-namespace {
-
-dev_t deviceOf(const QString& path)
-{
-    struct stat info;
-    return ::stat(QFile::encodeName(path).constData(), &info) == 0 ? info.st_dev : dev_t(-1);
-}
-
-} // namespace
 
 class TestKXUtil : public QObject
 {
@@ -133,7 +122,8 @@ void TestKXUtil::moveFileKeepsDataOnFailure()
     QTemporaryDir dir;
     QTemporaryDir shm(QStringLiteral("/dev/shm/kxutil-test-XXXXXX"));
     const bool across = source.startsWith(QLatin1String("shm:"));
-    if (across && (!shm.isValid() || deviceOf(shm.path()) == deviceOf(dir.path())))
+    if (across &&
+        (!shm.isValid() || QStorageInfo(shm.path()).rootPath() == QStorageInfo(dir.path()).rootPath()))
         QSKIP("no second filesystem at /dev/shm: the copying path cannot be reached");
     const QString src = source.isEmpty() ? QString()
                         : across         ? shm.filePath(source.mid(4))
