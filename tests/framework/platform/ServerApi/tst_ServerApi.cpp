@@ -298,10 +298,8 @@ void TestServerApi::listingRangesAndEvents()
                                 QStringLiteral("self"), QString(), QString(), QString(), log->onResponse());
     QCOMPARE(await(log), QString());
     QCOMPARE(json(log).value(QStringLiteral("result")).toBool(), true);
-    QFile events(m_server.rootPath() + QStringLiteral("/events.log"));
-    QVERIFY(events.open(QIODevice::ReadOnly));
-    const QJsonObject logged =
-        QJsonDocument::fromJson(events.readAll().trimmed().split('\n').last()).object();
+    const QByteArray events = readFile(m_server.rootPath() + QStringLiteral("/events.log"));
+    const QJsonObject logged = QJsonDocument::fromJson(events.trimmed().split('\n').last()).object();
     QCOMPARE(logged.value(QStringLiteral("event")).toString(), QStringLiteral("15"));
     QCOMPARE(logged.value(QStringLiteral("name")).toString(), QStringLiteral("shared.bin"));
 }
