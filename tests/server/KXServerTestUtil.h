@@ -29,10 +29,7 @@ inline QStringList hashesOf(const QList<QByteArray>& blocks)
 
 inline QStringList needed(const TestHttpReply& reply)
 {
-    QStringList out;
-    for (const QJsonValue& value : reply.json().value("needed_block").toArray())
-        out << value.toString();
-    return out;
+    return reply.json().value("needed_block").toVariant().toStringList();
 }
 
 // The body of a hash query or commit of `blocks` as the file at `path`.

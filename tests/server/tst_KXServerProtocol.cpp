@@ -367,9 +367,7 @@ void TestKXServerProtocol::sharePasswordGuessesAreLimited()
             QCOMPARE(attempt("guess", source).status, 401);
     }
     QCOMPARE(attempt("secret", "127.0.0.5").status, 429);
-    QFile log(m_server.logPath());
-    QVERIFY(log.open(QIODevice::ReadOnly));
-    QByteArray lines = log.readAll();
+    const QByteArray lines = readFile(m_server.logPath());
     QVERIFY(lines.contains("share " + code.toLatin1() + ": wrong password from 127.0.0.4"));
     QVERIFY(lines.contains("share " + code.toLatin1() + ": password attempt from 127.0.0.5 refused"));
 }

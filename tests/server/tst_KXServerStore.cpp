@@ -76,9 +76,7 @@ void TestKXServerStore::concurrentUploadsOfOneBlock()
     QCOMPARE(stats.value("block_uploads").toInt(), kClients);
     QCOMPARE(stats.value("blocks_stored").toInt(), 1);
     QCOMPARE(stats.value("blocks_deduplicated").toInt(), kClients - 1);
-    QFile stored(server.rootPath() + "/blocks/" + hash.left(2) + "/" + hash.mid(2));
-    QVERIFY(stored.open(QIODevice::ReadOnly));
-    QCOMPARE(sha256Hex(stored.readAll()), hash);
+    QCOMPARE(sha256Hex(readFile(server.rootPath() + "/blocks/" + hash.left(2) + "/" + hash.mid(2))), hash);
     QCOMPARE(QDir(server.rootPath() + "/tmp").entryList(QDir::Files).size(), 0);
     query.insert("upload_id", id);
     QCOMPARE(http.post("/v1/upload/commit", query).status, 200);
@@ -144,12 +142,9 @@ void TestKXServerStore::killDuringUploadKeepsStoreConsistent()
     // kept.bin's two blocks, the resumed block, and what the doomed upload completed: each whole.
     int blockFiles = 0;
     for (QDirIterator it(server.rootPath() + "/blocks", QDir::Files, QDirIterator::Subdirectories);
-         it.hasNext();) {
-        QFile file(it.next());
-        QVERIFY(file.open(QIODevice::ReadOnly));
-        QFileInfo info(file.fileName());
-        QCOMPARE(sha256Hex(file.readAll()), info.dir().dirName() + info.fileName());
-        ++blockFiles;
+         it.hasNext(); ++blockFiles) {
+        const QFileInfo info(it.next());
+        QCOMPARE(sha256Hex(readFile(info.filePath())), info.dir().dirName() + info.fileName());
     }
     QVERIFY(blockFiles >= 3);
     QCOMPARE(QDir(server.rootPath() + "/tmp").entryList(QDir::Files).size(), 0);
@@ -198,12 +193,9 @@ void TestKXServerStore::rebootDropsOnlyUncommittedBlocks()
     QCOMPARE(http.putBlock(http.open(query), open[0]).status, 200);
 
     server.kill9();
-    QFile marker(server.rootPath() + "/unsynced-blocks");
-    QCOMPARE(marker.exists(), sync != "block");
-    if (marker.exists()) {
-        QVERIFY(marker.open(QIODevice::WriteOnly | QIODevice::Truncate) && marker.write("another-boot") > 0);
-        marker.close();
-    }
+    const QString marker = server.rootPath() + "/unsynced-blocks";
+    QCOMPARE(QFile::exists(marker), sync != "block");
+    QVERIFY(!QFile::exists(marker) || writeFile(marker, "another-boot"));
     QVERIFY2(server.restart(), qPrintable(server.errorString()));
 
     QCOMPARE(needed(http.post("/v1/upload/hash", query)),
@@ -211,7 +203,7 @@ void TestKXServerStore::rebootDropsOnlyUncommittedBlocks()
     QCOMPARE(http.get("/v1/files?path=/kept.bin").body, kept);
     // A clean stop forces everything out and leaves no marker behind.
     QVERIFY(server.stop());
-    QVERIFY(!QFile::exists(server.rootPath() + "/unsynced-blocks"));
+    QVERIFY(!QFile::exists(marker));
 }
 
 void TestKXServerStore::abandonedUploadsStayWithinQuotaAndGo()
