@@ -162,11 +162,12 @@ KXServerApiEntryModel entryAt(const QString& path)
     return entry;
 }
 
-Rec metaData(const QString& path)
+Rec metaData(const QString& path, bool list = false)
 {
     Rec r = std::make_shared<Recorder>();
     KXServerApiMetaEntryModel model;
     model.entry = entryAt(path);
+    model.list = list;
     ServerApi::MetaData(model, r->onResponse());
     return r;
 }
@@ -274,11 +275,7 @@ void TestServerApi::cleanup()
 
 void TestServerApi::listingRangesAndEvents()
 {
-    Rec meta = std::make_shared<Recorder>();
-    KXServerApiMetaEntryModel folder;
-    folder.entry = entryAt(QStringLiteral("/docs"));
-    folder.list = true;
-    ServerApi::MetaData(folder, meta->onResponse());
+    Rec meta = metaData(QStringLiteral("/docs"), true);
     QCOMPARE(await(meta), QString());
     const QJsonArray children = json(meta).value(QStringLiteral("contents")).toArray();
     QCOMPARE(children.size(), 1);
