@@ -35,10 +35,9 @@ inline QStringList needed(const TestHttpReply& reply)
 // The body of a hash query or commit of `blocks` as the file at `path`.
 inline QJsonObject fileOf(const QString& path, const QList<QByteArray>& blocks)
 {
-    qint64 size = 0;
-    for (const QByteArray& block : blocks)
-        size += block.size();
-    return {{"path", path}, {"size", size}, {"hashes", QJsonArray::fromStringList(hashesOf(blocks))}};
+    return {{"path", path},
+            {"size", blocks.join().size()},
+            {"hashes", QJsonArray::fromStringList(hashesOf(blocks))}};
 }
 
 // Requests to one server, written as the tail after its base address, in the session of
