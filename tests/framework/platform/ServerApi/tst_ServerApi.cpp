@@ -387,12 +387,6 @@ void TestServerApi::plainAddressesAndRedirects()
 
 void TestServerApi::errorAnswersAndBadInput()
 {
-    // An error answer is the body of the completion, never data of the file.
-    Rec outside = downloadRouter(kShared, QStringLiteral("bytes=600000-700000"));
-    QCOMPARE(outcome(outside), QStringLiteral("416 0"));
-    QVERIFY(outside->seen().data.isEmpty());
-    QCOMPARE(json(outside).value(QStringLiteral("code")).toString(), QStringLiteral("invalid range"));
-
     // A refused whole-file upload gets the server's answer before its body is sent.
     KXServerApiUploadFileModel exists = fileModel(kShared, QByteArray(16 << 20, 'r'));
     exists.entry.overwrite = QStringLiteral("false");
@@ -574,8 +568,7 @@ void TestServerApi::shutdownCompletesPendingRequests()
     ServerApi::shutdown();
     for (const Rec& r : pending) {
         QCOMPARE(r->seen().completions, 1);
-        QCOMPARE(r->seen().response.errorCode, int(ServerApi::ErrorShutdown));
-        QCOMPARE(r->seen().violations, QStringList());
+        QCOMPARE(outcome(r), QStringLiteral("0 %1").arg(ServerApi::ErrorShutdown));
     }
 
     ServerApi::configure(baseConfig());
