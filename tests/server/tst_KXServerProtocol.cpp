@@ -3,7 +3,6 @@
 #include "KXServerProcess.h"
 #include "KXServerTestUtil.h"
 
-#include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QProcess>
