@@ -174,7 +174,6 @@ void TestQtKXLogger::rotationKeepsNewestLines()
     QStringList files{path};
     for (int i = 1; i <= keepFiles; ++i)
         files.prepend(path + '.' + QString::number(i));
-    QVERIFY2(!QFileInfo::exists(path + '.' + QString::number(keepFiles + 1)), "one old file too many");
     QCOMPARE(QDir(QFileInfo(path).path()).entryList(QDir::Files).size(), keepFiles + 1);
 
     // Oldest to newest, the kept files hold an unbroken run of lines ending with the last one.
