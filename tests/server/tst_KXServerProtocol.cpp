@@ -18,12 +18,8 @@ const QByteArray kSession = "X-ORBALA-SESS-ID: kx-dev-token";
 TestHttpReply send(const Client& http, const QString& request, const QByteArray& body,
                    const QList<QByteArray>& headers)
 {
-    TestHttpRequest exchange;
-    exchange.method = request.section(QLatin1Char(' '), 0, 0).toLatin1();
-    exchange.url = http.url(request.section(QLatin1Char(' '), 1));
-    exchange.body = body;
-    exchange.headers = headers;
-    return CKXTestHttp::send(exchange);
+    return CKXTestHttp::send({request.section(QLatin1Char(' '), 0, 0).toLatin1(),
+                              http.url(request.section(QLatin1Char(' '), 1)), body, headers});
 }
 
 } // namespace

@@ -92,12 +92,8 @@ void TestKXServerStore::refusedOrShortBodiesStoreNothing()
     QVERIFY(server.resetStats());
 
     // A client that waits for "100 Continue" gets the refusal instead, and keeps its body.
-    TestHttpRequest request;
-    request.method = "PUT";
-    request.url = http.url("/v1/upload/block?upload_id=" + id + "&hash=" + sha256Hex("x"));
-    request.body = QByteArray(kBlock + 1, 'x');
-    request.headers = server.sessionHeader();
-    request.expectContinue = true;
+    const QString url = http.url("/v1/upload/block?upload_id=" + id + "&hash=" + sha256Hex("x"));
+    TestHttpRequest request{"PUT", url, QByteArray(kBlock + 1, 'x'), server.sessionHeader(), QString(), true};
     QCOMPARE(CKXTestHttp::send(request).code(), QStringLiteral("block too large"));
     request.url = http.url("/v1/files?path=/whole.bin");
     request.headers.clear();
