@@ -93,7 +93,7 @@ void TestKXUtil::existsCreateAndRemove()
 
 void TestKXUtil::moveFileKeepsDataOnFailure_data()
 {
-    QTest::addColumn<QString>("source");         // relative to a fresh folder ("shm:" on /dev/shm); empty: ""
+    QTest::addColumn<QString>("source");         // in a fresh folder ("shm:": in /dev/shm); empty: no path
     QTest::addColumn<QByteArray>("sourceBytes"); // null: no such file
     QTest::addColumn<QString>("target");
     QTest::addColumn<QByteArray>("targetBytes"); // null: no such file; "/": a folder in the way
