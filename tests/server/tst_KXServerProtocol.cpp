@@ -257,8 +257,7 @@ void TestKXServerProtocol::errorCodes_data()
         "conflict with file");
     row("refused suffix", "PUT /v1/files?path=/err/tool.EXE", "x", 415, "file type limit");
     row("virus", "GET /v1/files?path=/err/virus.txt", "", 403, "download_file_VirusF");
-    row("block too large, body sent", block + sha256Hex("tiny"), QByteArray(kBlock + 1, 'b'), 413,
-        "block too large");
+    row("block sent whole", block + sha256Hex("tiny"), QByteArray(kBlock + 1, 'b'), 413, "block too large");
     row("unknown route", "GET /v1/nothing", "", 404, "not found");
     // Paths that would leave the space, in every spelling: nothing is created, nothing read.
     const QString raw = "?session=kx-dev-token";
