@@ -29,19 +29,15 @@ inline QStringList hashesOf(const QList<QByteArray>& blocks)
 
 inline QStringList needed(const TestHttpReply& reply)
 {
-    QStringList out;
-    for (const QJsonValue& value : reply.json().value("needed_block").toArray())
-        out << value.toString();
-    return out;
+    return reply.json().value("needed_block").toVariant().toStringList();
 }
 
 // The body of a hash query or commit of `blocks` as the file at `path`.
 inline QJsonObject fileOf(const QString& path, const QList<QByteArray>& blocks)
 {
-    qint64 size = 0;
-    for (const QByteArray& block : blocks)
-        size += block.size();
-    return {{"path", path}, {"size", size}, {"hashes", QJsonArray::fromStringList(hashesOf(blocks))}};
+    return {{"path", path},
+            {"size", blocks.join().size()},
+            {"hashes", QJsonArray::fromStringList(hashesOf(blocks))}};
 }
 
 // Requests to one server, written as the tail after its base address, in the session of

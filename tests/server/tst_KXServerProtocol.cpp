@@ -3,7 +3,6 @@
 #include "KXServerProcess.h"
 #include "KXServerTestUtil.h"
 
-#include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QProcess>
@@ -19,12 +18,8 @@ const QByteArray kSession = "X-ORBALA-SESS-ID: kx-dev-token";
 TestHttpReply send(const Client& http, const QString& request, const QByteArray& body,
                    const QList<QByteArray>& headers)
 {
-    TestHttpRequest exchange;
-    exchange.method = request.section(QLatin1Char(' '), 0, 0).toLatin1();
-    exchange.url = http.url(request.section(QLatin1Char(' '), 1));
-    exchange.body = body;
-    exchange.headers = headers;
-    return CKXTestHttp::send(exchange);
+    return CKXTestHttp::send({request.section(QLatin1Char(' '), 0, 0).toLatin1(),
+                              http.url(request.section(QLatin1Char(' '), 1)), body, headers});
 }
 
 } // namespace
@@ -72,14 +67,13 @@ void TestKXServerProtocol::wholeFileOperations()
 {
     TestHttpReply up = m_http.put("/v1/files?path=/docs/a.txt&pathtype=self&mtime=1763766000", "hello");
     QCOMPARE(up.status, 200);
-    QJsonObject meta = up.json();
-    QCOMPARE(meta.value("path").toString(), QStringLiteral("/docs/a.txt"));
-    QCOMPARE(meta.value("is_dir").toBool(true), false);
-    QCOMPARE(meta.value("bytes").toInt(), 5);
-    QCOMPARE(meta.value("rev").toString(), QStringLiteral("1"));
-    QVERIFY(!meta.value("neid").toString().isEmpty());
-    QCOMPARE(meta.value("modified").toDouble(), 1763766000.0);
-    QCOMPARE(meta.value("blocks").toInt(), 1);
+    const QJsonObject meta = up.json();
+    const QByteArray neid = meta.value("neid").toString().toUtf8();
+    QVERIFY(!neid.isEmpty());
+    // These fields and no others.
+    QCOMPARE(QJsonDocument(meta).toJson(QJsonDocument::Compact),
+             R"({"blocks":1,"bytes":5,"is_dir":false,"modified":1763766000,"neid":")" + neid +
+                 R"(","path":"/docs/a.txt","rev":"1"})");
     QCOMPARE(m_http.get("/v1/metadata?path=/docs/a.txt").json(), meta);
 
     QJsonObject listing = m_http.get("/v1/metadata?path=/docs&list=1").json();
@@ -101,15 +95,6 @@ void TestKXServerProtocol::wholeFileOperations()
     // The cookie S carries the session as well as the header.
     const QByteArray cookie = "Cookie: x=1; S=" + m_server.token().toUtf8();
     QCOMPARE(CKXTestHttp::get(m_http.url("/v1/files?path=/docs/a.txt"), {cookie}).status, 200);
-
-    QJsonObject event{{"event", "15"}, {"folder", "/docs"}, {"name", "a.txt"}, {"pathtype", "self"},
-                      {"neid", "17"},  {"extra1", ""},      {"extra2", ""}};
-    QCOMPARE(m_http.post("/v1/log", event).json(), QJsonObject({{"result", true}}));
-    QFile log(m_server.rootPath() + "/events.log");
-    QVERIFY(log.open(QIODevice::ReadOnly));
-    QJsonObject logged = QJsonDocument::fromJson(log.readAll().trimmed().split('\n').last()).object();
-    QCOMPARE(logged.value("event").toString(), QStringLiteral("15"));
-    QCOMPARE(logged.value("name").toString(), QStringLiteral("a.txt"));
 }
 
 void TestKXServerProtocol::chunkedUploadAndCommit()
@@ -123,7 +108,6 @@ void TestKXServerProtocol::chunkedUploadAndCommit()
     QString id = answer.json().value("upload_id").toString();
     QCOMPARE(id.size(), 32);
     QCOMPARE(needed(answer), hashes);
-    QCOMPARE(m_http.open(query), id);
 
     for (int i = 0; i < 2; ++i)
         QCOMPARE(m_http.putBlock(id, blocks[i]).json(),
@@ -136,7 +120,6 @@ void TestKXServerProtocol::chunkedUploadAndCommit()
     QCOMPARE(partial.status, 200);
     QCOMPARE(needed(partial), QStringList{hashes[2]});
     QCOMPARE(m_http.get("/v1/metadata?path=/big.bin").code(), QStringLiteral("nameentry_not_exist"));
-    QCOMPARE(needed(m_http.post("/v1/upload/hash", query)), QStringList{hashes[2]});
     QCOMPARE(m_http.putBlock(id, blocks[2]).status, 200);
     // The upload id of the same file with another size still names the session: the sizes refuse it.
     QJsonObject oversized = commit;
@@ -149,8 +132,6 @@ void TestKXServerProtocol::chunkedUploadAndCommit()
     QJsonObject meta = done.value("metadata").toObject();
     QCOMPARE(meta.value("bytes").toDouble(), 8388609.0);
     QCOMPARE(meta.value("blocks").toInt(), 3);
-    QCOMPARE(sha256Hex(m_http.get("/v1/files?path=/big.bin").body),
-             sha256Hex(blocks[0] + blocks[1] + blocks[2]));
 
     commit.insert("overwrite", "true");
     QCOMPARE(m_http.post("/v1/upload/commit", commit).json().value("metadata").toObject(), meta);
@@ -255,15 +236,11 @@ void TestKXServerProtocol::errorCodes_data()
         QTest::newRow(name) << request << body << session << status << code;
     };
     const QString block = "PUT /v1/upload/block?upload_id=" + m_errUploadId + "&hash=";
-    const QString noUpload = "PUT /v1/upload/block?upload_id=00000000000000000000000000000000&hash=";
     const QByteArray commit =
         R"({"path":"/err/c.bin","size":3,"hashes":[")" + sha256Hex("file").toLatin1() + R"("]})";
     row("no session", "GET /v1/metadata?path=/", "", 401, "Invalid session", "");
     row("unknown session", "GET /v1/metadata?path=/", "", 401, "Invalid session", "X-ORBALA-SESS-ID: nope");
-    row("whole upload without session", "PUT /v1/files?path=/err/new.txt", "x", 401, "Invalid session", "");
-    row("name exists", "PUT /v1/files?path=/err/file.txt", "x", 409, "target name exists");
     row("folder exists", "POST /v1/folder", R"({"path":"/err/dir"})", 409, "folder_already_existed");
-    row("unknown upload session", noUpload + sha256Hex("tiny"), "tiny", 404, "source not found");
     row("no such entry", "GET /v1/metadata?path=/err/none", "", 404, "nameentry_not_exist");
     row("long component", "GET /v1/metadata?path=/" + QString(256, 'a'), "", 400, "path_too_long");
     row("locked", "PUT /v1/files?path=/err/locked.txt&overwrite=true", "x", 423, "file is locked");
@@ -280,8 +257,7 @@ void TestKXServerProtocol::errorCodes_data()
         "conflict with file");
     row("refused suffix", "PUT /v1/files?path=/err/tool.EXE", "x", 415, "file type limit");
     row("virus", "GET /v1/files?path=/err/virus.txt", "", 403, "download_file_VirusF");
-    row("block never offered", block + sha256Hex("other"), "other", 400, "bad request");
-    row("block too large", block + sha256Hex("tiny"), QByteArray(kBlock + 1, 'b'), 413, "block too large");
+    row("block sent whole", block + sha256Hex("tiny"), QByteArray(kBlock + 1, 'b'), 413, "block too large");
     row("unknown route", "GET /v1/nothing", "", 404, "not found");
     // Paths that would leave the space, in every spelling: nothing is created, nothing read.
     const QString raw = "?session=kx-dev-token";
@@ -293,7 +269,6 @@ void TestKXServerProtocol::errorCodes_data()
     row("backslash", "GET /v1/metadata?path=/a%5C..%5Cb", "", 403, "forbidden");
     row("NUL", "GET /v1/metadata?path=/a%00b", "", 403, "forbidden");
     row("dot", "PUT /v1/files?path=/./a.txt", "escape", 403, "forbidden");
-    row("upload dot-dot", "PUT /v1/files?path=/x/../../a.txt", "escape", 403, "forbidden");
     row("raw dot-dot", "GET /v1/raw/self/../a.txt" + raw, "", 403, "forbidden");
     row("raw encoded dot-dot", "PUT /v1/raw/self/%2E%2E/a.txt" + raw, "escape", 403, "forbidden");
     row("raw encoded slash", "PUT /v1/raw/self/a%2Fb.txt" + raw, "escape", 403, "forbidden");
@@ -330,7 +305,6 @@ void TestKXServerProtocol::shareLinks()
     TestHttpReply opened = CKXTestHttp::post(share + "/auth", auth);
     QString session = opened.json().value("session_id").toString();
     QVERIFY(!session.isEmpty());
-    QVERIFY(!opened.json().value("LBC").toString().isEmpty());
     QVERIFY(opened.headers.value("set-cookie").startsWith("S=" + session.toLatin1() + ";"));
 
     // The session travels in a header or the cookie; the link is the root of the paths.
@@ -354,9 +328,6 @@ void TestKXServerProtocol::shareLinks()
              QStringLiteral("forbidden"));
     QCOMPARE(CKXTestHttp::put(share + "/files?path=/b.txt", "x", {"X-Share-Session: kx-dev-token"}).status,
              200);
-
-    QString readOnly = m_http.url("/v1/share/" + m_server.createShare("/shared", false));
-    QCOMPARE(CKXTestHttp::get(readOnly + "/files?path=/sub/a.txt").body, QByteArray("hello"));
 
     // The offline command writes a link into the running server's store.
     QProcess command;
@@ -391,9 +362,7 @@ void TestKXServerProtocol::sharePasswordGuessesAreLimited()
             QCOMPARE(attempt("guess", source).status, 401);
     }
     QCOMPARE(attempt("secret", "127.0.0.5").status, 429);
-    QFile log(m_server.logPath());
-    QVERIFY(log.open(QIODevice::ReadOnly));
-    QByteArray lines = log.readAll();
+    const QByteArray lines = readFile(m_server.logPath());
     QVERIFY(lines.contains("share " + code.toLatin1() + ": wrong password from 127.0.0.4"));
     QVERIFY(lines.contains("share " + code.toLatin1() + ": password attempt from 127.0.0.5 refused"));
 }
@@ -461,32 +430,16 @@ void TestKXServerProtocol::malformedBodiesGetClearErrors()
     QCOMPARE(m_http.get("/v1/metadata?path=/m.bin").status, 404);
 }
 
-// The hooks the fault tables of the other suites rely on: each must hit exactly what it names.
+// The hooks the fault tables of the other suites rely on (whose rows prove that a fault hits the
+// request it names, passes its code on and goes when cleared): a block cut off on its way stores
+// nothing, and only the admin may arm a hook, and only one that names a known operation.
 void TestKXServerProtocol::faultInjection()
 {
-    const QJsonObject query = fileOf("/faults.bin", {"four"});
-    QVERIFY(m_server.armFault({{"op", "hash"},
-                               {"nth", 2},
-                               {"action", "status"},
-                               {"status", 503},
-                               {"code", "parent folder conflict"}}));
-    QCOMPARE(m_http.post("/v1/upload/hash", query).status, 200);
-    TestHttpReply refused = m_http.post("/v1/upload/hash", query);
-    QCOMPARE(refused.status, 503);
-    QCOMPARE(refused.code(), QStringLiteral("parent folder conflict"));
-    QCOMPARE(m_http.post("/v1/upload/hash", query).status, 200);
-
-    QString id = m_http.open(query);
-    // A block cut off on its way stores nothing.
+    const QString id = m_http.open(fileOf("/faults.bin", {"four"}));
     QVERIFY(m_server.armFault({{"op", "block_upload"}, {"action", "drop"}}));
-    QByteArray block = randomBytes(kBlock, 40);
-    TestHttpReply dropped = m_http.putBlock(id, block);
-    QVERIFY(dropped.curlCode != 0);
+    const QByteArray block = randomBytes(kBlock, 40);
+    QVERIFY(m_http.putBlock(id, block).curlCode != 0);
     QVERIFY(!m_http.stored(sha256Hex(block)));
-
-    QVERIFY(m_server.armFault({{"op", "commit"}, {"action", "status"}, {"status", 500}}));
-    QVERIFY(m_server.clearFaults());
-    QCOMPARE(m_http.post("/v1/upload/commit", query).status, 200);
     QCOMPARE(m_server.admin("POST", "/admin/faults", {{"op", "teleport"}, {"action", "drop"}}).status, 400);
     QCOMPARE(CKXTestHttp::get(m_http.url("/admin/stats"), {"X-KX-Admin: wrong"}).code(),
              QStringLiteral("forbidden"));

@@ -5,20 +5,9 @@
 #include <QCryptographicHash>
 #include <QDir>
 #include <QFile>
+#include <QStorageInfo>
 #include <QTemporaryDir>
 #include <QtTest>
-
-#include <sys/stat.h>
-
-namespace {
-
-dev_t deviceOf(const QString& path)
-{
-    struct stat info;
-    return ::stat(QFile::encodeName(path).constData(), &info) == 0 ? info.st_dev : dev_t(-1);
-}
-
-} // namespace
 
 class TestKXUtil : public QObject
 {
@@ -31,15 +20,12 @@ private slots:
 
     void moveFileKeepsDataOnFailure_data();
     void moveFileKeepsDataOnFailure();
-    void moveFileAcrossFilesystems();
     void tmpFileLiesBesideItsFile();
 
     void freeBytesFromNearestParent();
 
-    void protectionRoundTrip_data();
-    void protectionRoundTrip();
-    void protectionRejectsGarbage_data();
-    void protectionRejectsGarbage();
+    void protection_data();
+    void protection();
 };
 
 void TestKXUtil::sha256LargeBufferMatchesReference()
@@ -107,7 +93,7 @@ void TestKXUtil::existsCreateAndRemove()
 
 void TestKXUtil::moveFileKeepsDataOnFailure_data()
 {
-    QTest::addColumn<QString>("source");         // relative to a fresh folder; empty: an empty path
+    QTest::addColumn<QString>("source");         // in a fresh folder ("shm:": in /dev/shm); empty: no path
     QTest::addColumn<QByteArray>("sourceBytes"); // null: no such file
     QTest::addColumn<QString>("target");
     QTest::addColumn<QByteArray>("targetBytes"); // null: no such file; "/": a folder in the way
@@ -118,6 +104,9 @@ void TestKXUtil::moveFileKeepsDataOnFailure_data()
     // The target must not keep the tail of a longer file.
     QTest::newRow("onto a longer file")
         << "s" << QByteArray("new") << "t" << QByteArray("old and longer") << true;
+    // Copied, then the source removed: no temporary file stays beside the target.
+    QTest::newRow("across filesystems")
+        << "shm:source.bin" << randomBytes(3 * 1024 * 1024 + 17, 2) << "t" << QByteArray("old") << true;
     QTest::newRow("missing source") << "s" << none << "t" << QByteArray("precious") << false;
     QTest::newRow("empty source path") << "" << none << "t" << QByteArray("precious") << false;
     QTest::newRow("folder in the way") << "s" << QByteArray("data") << "t" << QByteArray("/") << false;
@@ -131,9 +120,17 @@ void TestKXUtil::moveFileKeepsDataOnFailure()
     QFETCH(QByteArray, targetBytes);
     QFETCH(bool, moved);
     QTemporaryDir dir;
-    const QString src = source.isEmpty() ? QString() : dir.filePath(source);
+    QTemporaryDir shm(QStringLiteral("/dev/shm/kxutil-test-XXXXXX"));
+    const bool across = source.startsWith(QLatin1String("shm:"));
+    if (across &&
+        (!shm.isValid() || QStorageInfo(shm.path()).rootPath() == QStorageInfo(dir.path()).rootPath()))
+        QSKIP("no second filesystem at /dev/shm: the copying path cannot be reached");
+    const QString src = source.isEmpty() ? QString()
+                        : across         ? shm.filePath(source.mid(4))
+                                         : dir.filePath(source);
     const QString dst = dir.filePath(target);
-    QVERIFY(sourceBytes.isNull() || writeFile(src, sourceBytes));
+    const auto executable = QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner;
+    QVERIFY(sourceBytes.isNull() || (writeFile(src, sourceBytes) && QFile::setPermissions(src, executable)));
     if (targetBytes == "/")
         QVERIFY(QDir().mkpath(dst + "/inside"));
     else if (!targetBytes.isNull())
@@ -145,33 +142,11 @@ void TestKXUtil::moveFileKeepsDataOnFailure()
         QCOMPARE(readFile(moved ? dst : src), sourceBytes);
     if (!moved && targetBytes != "/")
         QCOMPARE(readFile(dst), targetBytes);
-}
-
-void TestKXUtil::moveFileAcrossFilesystems()
-{
-    QTemporaryDir home;
-    QVERIFY(home.isValid());
-    if (!QFileInfo(QStringLiteral("/dev/shm")).isWritable())
-        QSKIP("/dev/shm is missing or not writable: no second filesystem to move across");
-    QTemporaryDir shm(QStringLiteral("/dev/shm/kxutil-test-XXXXXX"));
-    QVERIFY(shm.isValid());
-    if (deviceOf(home.path()) == deviceOf(shm.path())) {
-        QSKIP(
-            "/dev/shm is on the same filesystem as the temporary folder: the copying path cannot be reached");
+    if (moved) {
+        QVERIFY2(QFileInfo(dst).isExecutable(), "permissions travel with the file");
+        QCOMPARE(QDir(QFileInfo(dst).path()).entryList(QDir::Files | QDir::Hidden),
+                 QStringList{QFileInfo(dst).fileName()});
     }
-
-    const QString src = shm.filePath(QStringLiteral("source.bin"));
-    const QString dst = home.filePath(QStringLiteral("target.bin"));
-    const QByteArray content = randomBytes(3 * 1024 * 1024 + 17, 2);
-    QVERIFY(writeFile(src, content));
-    QVERIFY(writeFile(dst, "old"));
-    QVERIFY(QFile::setPermissions(src, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner));
-
-    QVERIFY(KXUtil::moveFile(src, dst));
-    QVERIFY(!QFileInfo::exists(src));
-    QCOMPARE(readFile(dst), content);
-    QVERIFY2(QFileInfo(dst).isExecutable(), "permissions travel with the file");
-    QCOMPARE(QDir(home.path()).entryList(QDir::Files | QDir::Hidden), QStringList{"target.bin"});
 }
 
 void TestKXUtil::tmpFileLiesBesideItsFile()
@@ -200,55 +175,51 @@ void TestKXUtil::freeBytesFromNearestParent()
     QCOMPARE(KXUtil::GetDiskAvailableBytes(QString()), qint64(-1));
 }
 
-void TestKXUtil::protectionRoundTrip_data()
+// Stored text reads back as what was hidden; text that was never ours, lost its end or had any one
+// character changed reads as nothing.
+void TestKXUtil::protection_data()
 {
-    QTest::addColumn<QString>("plain");
-    QTest::newRow("ascii") << QStringLiteral("p@ssw0rd!");
-    QTest::newRow("chinese") << QStringLiteral("密码是一二三");
-    QTest::newRow("emoji") << QString::fromUtf8("\xF0\x9F\x94\x91 key \xF0\x9F\x98\x80");
-    QTest::newRow("empty") << QString();
-    QTest::newRow("json specials") << QStringLiteral("quote\" back\\slash \n\t\x01 end");
-    QTest::newRow("repeated") << QString(300, QLatin1Char('a'));
+    QTest::addColumn<QString>("plain"); // null: `stored` is garbage
+    QTest::addColumn<QString>("stored");
+    const auto hidden = [](const char* name, const QString& plain) {
+        QTest::newRow(name) << plain << KXUtil::simpleEncrypt(plain);
+    };
+    hidden("ascii", QStringLiteral("p@ssw0rd!"));
+    hidden("chinese", QStringLiteral("密码是一二三"));
+    hidden("emoji", QString::fromUtf8("\xF0\x9F\x94\x91 key \xF0\x9F\x98\x80"));
+    hidden("empty", QStringLiteral(""));
+    hidden("json specials", QStringLiteral("quote\" back\\slash \n\t\x01 end"));
+    hidden("repeated", QString(300, QLatin1Char('a')));
+    QTest::newRow("garbage: empty") << QString() << QString();
+    QTest::newRow("abc") << QString() << QStringLiteral("abc");
+    QTest::newRow("random bytes") << QString() << QString::fromLatin1(randomBytes(64, 3));
+    QTest::newRow("prefix only") << QString() << QStringLiteral("kx1.");
+    QTest::newRow("prefix and noise") << QString() << QStringLiteral("kx1.AAAAAAAAAAAA");
+    QTest::newRow("bad base64") << QString() << QStringLiteral("kx1.***");
+    QTest::newRow("non-latin1") << QString() << QStringLiteral("kx1.密码");
+    const QString secret = KXUtil::simpleEncrypt(QStringLiteral("secret text"));
+    QTest::newRow("truncated") << QString() << secret.left(secret.size() - 2);
+    for (int i = 0; i < secret.size(); ++i) {
+        QString altered = secret;
+        altered[i] = altered[i] == QLatin1Char('A') ? QLatin1Char('B') : QLatin1Char('A');
+        QTest::addRow("altered at %d", i) << QString() << altered;
+    }
 }
 
-void TestKXUtil::protectionRoundTrip()
+void TestKXUtil::protection()
 {
     QFETCH(QString, plain);
-    const QString hidden = KXUtil::simpleEncrypt(plain);
-    QVERIFY(!hidden.isEmpty());
-    for (const QChar c : hidden) {
+    QFETCH(QString, stored);
+    QCOMPARE(KXUtil::simpleDecrypt(stored), plain);
+    if (plain.isNull())
+        return;
+    QVERIFY(!stored.isEmpty());
+    for (const QChar c : stored) {
         QVERIFY2(c.unicode() >= 0x20 && c.unicode() < 0x7f && c != '"' && c != '\\',
-                 qPrintable("not JSON-safe: " + hidden));
+                 qPrintable("not JSON-safe: " + stored));
     }
     if (!plain.isEmpty())
-        QVERIFY(!hidden.contains(plain));
-    QCOMPARE(KXUtil::simpleDecrypt(hidden), plain);
-}
-
-void TestKXUtil::protectionRejectsGarbage_data()
-{
-    QTest::addColumn<QString>("garbage");
-    QTest::newRow("empty") << QString();
-    QTest::newRow("abc") << QStringLiteral("abc");
-    QTest::newRow("random bytes") << QString::fromLatin1(randomBytes(64, 3));
-    QTest::newRow("prefix only") << QStringLiteral("kx1.");
-    QTest::newRow("prefix and noise") << QStringLiteral("kx1.AAAAAAAAAAAA");
-    QTest::newRow("bad base64") << QStringLiteral("kx1.***");
-    QTest::newRow("non-latin1") << QStringLiteral("kx1.密码");
-    // Stored text that lost its end or had any one character changed.
-    const QString hidden = KXUtil::simpleEncrypt(QStringLiteral("secret text"));
-    QTest::newRow("truncated") << hidden.left(hidden.size() - 2);
-    for (int i = 0; i < hidden.size(); ++i) {
-        QString altered = hidden;
-        altered[i] = altered[i] == QLatin1Char('A') ? QLatin1Char('B') : QLatin1Char('A');
-        QTest::addRow("altered at %d", i) << altered;
-    }
-}
-
-void TestKXUtil::protectionRejectsGarbage()
-{
-    QFETCH(QString, garbage);
-    QCOMPARE(KXUtil::simpleDecrypt(garbage), QString());
+        QVERIFY(!stored.contains(plain));
 }
 
 QTEST_GUILESS_MAIN(TestKXUtil)

@@ -23,6 +23,7 @@ namespace {
 
 const qint64 kBlock = 4194304;
 const int kWaitMs = 60000;
+const QString kShared = QStringLiteral("/docs/shared.bin");
 
 // Collects what the library calls back for one request and notes each broken promise: a callback
 // on the caller's thread or after the completion, progress that goes back. Shared with the
@@ -44,8 +45,7 @@ public:
 
     ServerApi::ResponseCallback onResponse()
     {
-        std::shared_ptr<Recorder> self = shared_from_this();
-        return [self](const ResponseData& response) {
+        return [self = shared_from_this()](const ResponseData& response) {
             self->saw("completion", [&](Seen& seen) {
                 ++seen.completions;
                 seen.response = response;
@@ -54,8 +54,7 @@ public:
     }
     ServerApi::DataCallback onData()
     {
-        std::shared_ptr<Recorder> self = shared_from_this();
-        return [self](const QByteArray& piece) {
+        return [self = shared_from_this()](const QByteArray& piece) {
             qint64 received = 0;
             self->saw("data", [&](Seen& seen) {
                 seen.data += piece;
@@ -67,15 +66,13 @@ public:
     }
     ServerApi::DownloadProgressCallback onDownloadProgress()
     {
-        std::shared_ptr<Recorder> self = shared_from_this();
-        return [self](const DownloadProgressData& p) {
+        return [self = shared_from_this()](const DownloadProgressData& p) {
             self->sawProgress(p.bytesReceived, p.bytesTotal);
         };
     }
     ServerApi::UploadProgressCallback onUploadProgress()
     {
-        std::shared_ptr<Recorder> self = shared_from_this();
-        return [self](const UploadProgressData& p) {
+        return [self = shared_from_this()](const UploadProgressData& p) {
             self->sawProgress(p.bytesSent, p.bytesTotal);
         };
     }
@@ -128,6 +125,23 @@ QString await(const Rec& r, bool mustSucceed = true)
     return QString();
 }
 
+// "status error" of the completion of `r`, or what went wrong with it.
+QString outcome(const Rec& r)
+{
+    const QString problem = await(r, false);
+    const ResponseData response = r->seen().response;
+    return problem.isEmpty() ? QStringLiteral("%1 %2").arg(response.statusCode).arg(response.errorCode)
+                             : problem;
+}
+
+// The outcome of a request `send` starts for a new recorder.
+QString outcome(const std::function<void(const Rec&)>& send)
+{
+    Rec r = std::make_shared<Recorder>();
+    send(r);
+    return outcome(r);
+}
+
 QJsonObject json(const Rec& r)
 {
     return QJsonDocument::fromJson(r->seen().response.body.toUtf8()).object();
@@ -148,11 +162,12 @@ KXServerApiEntryModel entryAt(const QString& path)
     return entry;
 }
 
-Rec metaData(const QString& path)
+Rec metaData(const QString& path, bool list = false)
 {
     Rec r = std::make_shared<Recorder>();
     KXServerApiMetaEntryModel model;
     model.entry = entryAt(path);
+    model.list = list;
     ServerApi::MetaData(model, r->onResponse());
     return r;
 }
@@ -185,16 +200,15 @@ private slots:
     void init();
     void cleanup();
 
-    void wholeFileUploadMetadataAndRanges();
-    void chunkedUploadFromMemoryAndFile();
-    void plainAddressesRoundTrip();
-    void repeatedHeadersAndRedirects();
+    void listingRangesAndEvents();
+    void chunkedUploadFromMemory();
+    void plainAddressesAndRedirects();
     void errorAnswersAndBadInput();
     void cancelInTheMiddleOfALargeDownload();
     void faultsAndRetries_data();
     void faultsAndRetries();
-    void silentServerCostsOneStall_data();
-    void silentServerCostsOneStall();
+    void transportFailures_data();
+    void transportFailures();
     void shutdownCompletesPendingRequests();
     void httpsTrustsOnlyTheGivenCertificate();
 
@@ -205,7 +219,7 @@ private:
 
     KXServerProcess m_server;
     QTemporaryDir m_dir;
-    const QByteArray m_shared = randomBytes(512 * 1024, 3); // "/shared.bin" on the server
+    const QByteArray m_shared = randomBytes(512 * 1024, 3); // kShared on the server
 };
 
 void TestServerApi::initTestCase()
@@ -213,7 +227,18 @@ void TestServerApi::initTestCase()
     QVERIFY(m_dir.isValid());
     QVERIFY2(m_server.start(), qPrintable(m_server.errorString()));
     ServerApi::configure(baseConfig());
-    QCOMPARE(await(uploadFile(fileModel(QStringLiteral("/shared.bin"), m_shared))), QString());
+    // As the engine sends a whole file: its authorisation names the host that takes the body.
+    Rec auth = std::make_shared<Recorder>();
+    ServerApi::AuthUpload(entryAt(kShared), m_shared.size(), auth->onResponse(), QString());
+    QCOMPARE(await(auth), QString());
+    KXServerApiUploadFileModel file = fileModel(kShared, m_shared);
+    file.entry.host = json(auth).value(QStringLiteral("region")).toString();
+    QVERIFY(!file.entry.host.isEmpty());
+    Rec upload = uploadFile(file);
+    QCOMPARE(await(upload), QString());
+    QCOMPARE(json(upload).value(QStringLiteral("bytes")).toDouble(), double(m_shared.size()));
+    // Cumulative progress ending in one final report of the whole body.
+    QCOMPARE(lastProgress(upload), qMakePair(qint64(m_shared.size()), qint64(m_shared.size())));
 }
 
 ServerApi::Config TestServerApi::baseConfig() const
@@ -248,49 +273,35 @@ void TestServerApi::cleanup()
     ServerApi::shutdown();
 }
 
-void TestServerApi::wholeFileUploadMetadataAndRanges()
+void TestServerApi::listingRangesAndEvents()
 {
-    const QByteArray content = randomBytes(3 * 1024 * 1024 + 17, 1);
-    Rec auth = std::make_shared<Recorder>();
-    ServerApi::AuthUpload(entryAt(QStringLiteral("/docs/whole.bin")), content.size(), auth->onResponse(),
-                          QString());
-    QCOMPARE(await(auth), QString());
-    KXServerApiUploadFileModel file = fileModel(QStringLiteral("/docs/whole.bin"), content);
-    file.entry.host = json(auth).value(QStringLiteral("region")).toString();
-    QVERIFY(!file.entry.host.isEmpty());
-    Rec upload = uploadFile(file);
-    QCOMPARE(await(upload), QString());
-    QCOMPARE(json(upload).value(QStringLiteral("bytes")).toDouble(), double(content.size()));
-    // Cumulative progress ending in one final report of the whole body.
-    QCOMPARE(lastProgress(upload), qMakePair(qint64(content.size()), qint64(content.size())));
-
-    Rec meta = std::make_shared<Recorder>();
-    KXServerApiMetaEntryModel folder;
-    folder.entry = entryAt(QStringLiteral("/docs"));
-    folder.list = true;
-    ServerApi::MetaData(folder, meta->onResponse());
+    Rec meta = metaData(QStringLiteral("/docs"), true);
     QCOMPARE(await(meta), QString());
     const QJsonArray children = json(meta).value(QStringLiteral("contents")).toArray();
     QCOMPARE(children.size(), 1);
-    QCOMPARE(children.at(0).toObject().value(QStringLiteral("path")).toString(), file.entry.path);
+    QCOMPARE(children.at(0).toObject().value(QStringLiteral("path")).toString(), kShared);
 
-    Rec ranged = downloadRouter(file.entry.path, QStringLiteral("bytes=1000-2099999"));
+    Rec ranged = downloadRouter(kShared, QStringLiteral("bytes=1000-209999"));
     QCOMPARE(await(ranged), QString());
     QCOMPARE(ranged->seen().response.statusCode, 206);
-    QVERIFY(ranged->seen().data == content.mid(1000, 2099000));
+    QVERIFY(ranged->seen().data == m_shared.mid(1000, 209000));
     QVERIFY(ranged->seen().response.body.isEmpty());
     QCOMPARE(ranged->seen().response.headers.value("Content-Range"),
-             QByteArray("bytes 1000-2099999/") + QByteArray::number(content.size()));
-    QCOMPARE(lastProgress(ranged).second, qint64(2099000));
+             QByteArray("bytes 1000-209999/") + QByteArray::number(m_shared.size()));
+    QCOMPARE(lastProgress(ranged).second, qint64(209000));
 
     Rec log = std::make_shared<Recorder>();
-    ServerApi::RPCServerLogging(QStringLiteral("15"), QStringLiteral("/docs"), QStringLiteral("whole.bin"),
+    ServerApi::RPCServerLogging(QStringLiteral("15"), QStringLiteral("/docs"), QStringLiteral("shared.bin"),
                                 QStringLiteral("self"), QString(), QString(), QString(), log->onResponse());
     QCOMPARE(await(log), QString());
     QCOMPARE(json(log).value(QStringLiteral("result")).toBool(), true);
+    const QByteArray events = readFile(m_server.rootPath() + QStringLiteral("/events.log"));
+    const QJsonObject logged = QJsonDocument::fromJson(events.trimmed().split('\n').last()).object();
+    QCOMPARE(logged.value(QStringLiteral("event")).toString(), QStringLiteral("15"));
+    QCOMPARE(logged.value(QStringLiteral("name")).toString(), QStringLiteral("shared.bin"));
 }
 
-void TestServerApi::chunkedUploadFromMemoryAndFile()
+void TestServerApi::chunkedUploadFromMemory()
 {
     const QByteArray content = randomBytes(2 * kBlock + 5, 2);
     KXServerApiQueryHashModel offer;
@@ -303,21 +314,13 @@ void TestServerApi::chunkedUploadFromMemoryAndFile()
     QCOMPARE(await(query), QString());
     QCOMPARE(json(query).value(QStringLiteral("needed_block")).toArray().size(), 3);
 
-    // Even blocks go from memory, odd ones are streamed from their range of the file: the server's
-    // hash of each proves the range was read from the right offset and no further.
-    const QString local = m_dir.filePath(QStringLiteral("blocks.bin"));
-    QVERIFY(writeFile(local, content));
+    // From memory: every chunked upload of the engine streams its blocks from their range of the file.
     for (int i = 0; i < offer.blockHashes.size(); ++i) {
         KXServerApiChunkedUploadModel model;
         model.uploadId = json(query).value(QStringLiteral("upload_id")).toString();
         model.hash = offer.blockHashes.at(i);
         model.length = content.mid(i * kBlock, kBlock).size();
-        if (i % 2 == 0) {
-            model.data = content.mid(i * kBlock, kBlock);
-        } else {
-            model.sourcePath = local;
-            model.sourceOffset = i * kBlock;
-        }
+        model.data = content.mid(i * kBlock, kBlock);
         Rec block = std::make_shared<Recorder>();
         ServerApi::ChunkedUpload(model, block->onResponse(), block->onUploadProgress(), QString());
         QCOMPARE(await(block), QString());
@@ -326,13 +329,13 @@ void TestServerApi::chunkedUploadFromMemoryAndFile()
     }
 }
 
-void TestServerApi::plainAddressesRoundTrip()
+void TestServerApi::plainAddressesAndRedirects()
 {
     const QByteArray content = randomBytes(1024 * 1024 + 3, 4);
     const QString local = m_dir.filePath(QStringLiteral("plain.bin"));
     QVERIFY(writeFile(local, content));
-    const QString address = m_server.baseUrl() + QStringLiteral("/v1/raw/self/plain/p%20q.bin");
-    const QString withSession = address + QStringLiteral("?session=") + m_server.token();
+    const QString withSession =
+        m_server.baseUrl() + QStringLiteral("/v1/raw/self/plain/p%20q.bin?session=") + m_server.token();
 
     Rec put = std::make_shared<Recorder>();
     ServerApi::Upload(local, withSession, put->onResponse(), put->onUploadProgress());
@@ -343,20 +346,13 @@ void TestServerApi::plainAddressesRoundTrip()
     ServerApi::Download(withSession, get->onData(), get->onResponse(), get->onDownloadProgress());
     QCOMPARE(await(get), QString());
     QVERIFY(get->seen().data == content);
-}
 
-void TestServerApi::repeatedHeadersAndRedirects()
-{
-    QCOMPARE(await(uploadFile(fileModel(QStringLiteral("/moved/target.txt"), "moved here"))), QString());
-    const QByteArray target =
-        (m_server.baseUrl() + QStringLiteral("/v1/raw/self/moved/target.txt?session=") + m_server.token())
-            .toUtf8();
     // A scripted server on the test thread: two Set-Cookie lines, or a redirect to the real one.
     QTcpServer scripted;
     QVERIFY(scripted.listen(QHostAddress::LocalHost));
     connect(&scripted, &QTcpServer::newConnection, &scripted, [&] {
         QTcpSocket* socket = scripted.nextPendingConnection();
-        connect(socket, &QTcpSocket::readyRead, socket, [socket, target] {
+        connect(socket, &QTcpSocket::readyRead, socket, [socket, target = withSession.toUtf8()] {
             const QByteArray request = socket->peek(socket->bytesAvailable());
             if (!request.contains("\r\n\r\n"))
                 return;
@@ -384,26 +380,18 @@ void TestServerApi::repeatedHeadersAndRedirects()
     ServerApi::Download(base + QStringLiteral("/elsewhere"), moved->onData(), moved->onResponse(),
                         moved->onDownloadProgress());
     QCOMPARE(await(moved), QString());
-    QCOMPARE(moved->seen().data, QByteArray("moved here")); // the redirect's own body is not handed on
+    QVERIFY(moved->seen().data == content); // the redirect's own body is not handed on
     QVERIFY(!moved->seen().response.headers.contains("Location"));
-    QCOMPARE(lastProgress(moved), qMakePair(qint64(10), qint64(10)));
+    QCOMPARE(lastProgress(moved), qMakePair(qint64(content.size()), qint64(content.size())));
 }
 
 void TestServerApi::errorAnswersAndBadInput()
 {
-    // An error answer is the body of the completion, never data of the file.
-    Rec outside = downloadRouter(QStringLiteral("/shared.bin"), QStringLiteral("bytes=600000-700000"));
-    QCOMPARE(await(outside, false), QString());
-    QCOMPARE(outside->seen().response.statusCode, 416);
-    QVERIFY(outside->seen().data.isEmpty());
-    QCOMPARE(json(outside).value(QStringLiteral("code")).toString(), QStringLiteral("invalid range"));
-
     // A refused whole-file upload gets the server's answer before its body is sent.
-    KXServerApiUploadFileModel exists = fileModel(QStringLiteral("/shared.bin"), QByteArray(16 << 20, 'r'));
+    KXServerApiUploadFileModel exists = fileModel(kShared, QByteArray(16 << 20, 'r'));
     exists.entry.overwrite = QStringLiteral("false");
     Rec refusedUpload = uploadFile(exists);
-    QCOMPARE(await(refusedUpload, false), QString());
-    QCOMPARE(refusedUpload->seen().response.statusCode, 409);
+    QCOMPARE(outcome(refusedUpload), QStringLiteral("409 0"));
     QCOMPARE(json(refusedUpload).value(QStringLiteral("code")).toString(),
              QStringLiteral("target name exists"));
     QVERIFY(lastProgress(refusedUpload).first < 1024 * 1024);
@@ -421,53 +409,23 @@ void TestServerApi::errorAnswersAndBadInput()
     unwritable.code = QStringLiteral("nocode");
     unwritable.localPath = m_dir.filePath(QStringLiteral("no/such/folder/file"));
     KXSeverApiDLRouterModel injected;
-    injected.entry = entryAt(QStringLiteral("/shared.bin"));
+    injected.entry = entryAt(kShared);
     injected.range = QStringLiteral("bytes=0-1\r\nX-Evil: 1");
-    // "status error" of a request, or what went wrong with its completion.
-    const auto outcome = [](const std::function<void(const Rec&)>& send) {
-        Rec r = std::make_shared<Recorder>();
-        send(r);
-        const QString problem = await(r, false);
-        const ResponseData response = r->seen().response;
-        return problem.isEmpty() ? QStringLiteral("%1 %2").arg(response.statusCode).arg(response.errorCode)
-                                 : problem;
-    };
-    const QString badArgument = QStringLiteral("0 %1").arg(ServerApi::ErrorBadArgument);
-    const QString localFile = QStringLiteral("0 %1").arg(ServerApi::ErrorLocalFile);
-    QCOMPARE(outcome([](const Rec& r) { ServerApi::MetaData(KXServerApiMetaEntryModel(), r->onResponse()); }),
-             badArgument);
-    QCOMPARE(outcome([&](const Rec& r) {
-                 ServerApi::DownloadRouter(injected, r->onData(), r->onResponse(), nullptr);
-             }),
-             badArgument);
     const QString absent = m_dir.filePath(QStringLiteral("absent"));
-    QCOMPARE(outcome([&](const Rec& r) {
-                 ServerApi::Upload(absent, m_server.baseUrl(), r->onResponse(), nullptr);
-             }),
-             localFile);
-    QCOMPARE(outcome([&](const Rec& r) {
-                 ServerApi::Upload(m_dir.path(), m_server.baseUrl(), r->onResponse(), nullptr);
-             }),
-             localFile);
-    QCOMPARE(outcome([&](const Rec& r) { ServerApi::UploadFile(changed, r->onResponse(), nullptr); }),
-             localFile);
-    QCOMPARE(outcome([&](const Rec& r) {
-                 ServerApi::ChunkedUpload(pastEnd, r->onResponse(), nullptr, QString());
-             }),
-             localFile);
-    QCOMPARE(
-        outcome([&](const Rec& r) { ServerApi::DeliveryDownloadFile(unwritable, r->onResponse(), nullptr); }),
-        localFile);
-
-    ServerApi::Config config = baseConfig();
-    config.baseUrl = QStringLiteral("http://127.0.0.1:1");
-    config.maxRetries = 0;
-    ServerApi::configure(config);
-    Rec unreachable = metaData(QStringLiteral("/"));
-    QCOMPARE(await(unreachable, false), QString());
-    QCOMPARE(unreachable->seen().response.statusCode, 0);
-    QCOMPARE(unreachable->seen().response.errorCode, 7); // could not connect
-    QVERIFY(!unreachable->seen().response.errorString.isEmpty());
+    const QList<std::function<void(const Rec&)>> refused{
+        [](const Rec& r) { ServerApi::MetaData(KXServerApiMetaEntryModel(), r->onResponse()); },
+        [&](const Rec& r) { ServerApi::DownloadRouter(injected, r->onData(), r->onResponse(), nullptr); },
+        [&](const Rec& r) { ServerApi::Upload(absent, m_server.baseUrl(), r->onResponse(), nullptr); },
+        [&](const Rec& r) { ServerApi::Upload(m_dir.path(), m_server.baseUrl(), r->onResponse(), nullptr); },
+        [&](const Rec& r) { ServerApi::UploadFile(changed, r->onResponse(), nullptr); },
+        [&](const Rec& r) { ServerApi::ChunkedUpload(pastEnd, r->onResponse(), nullptr, QString()); },
+        [&](const Rec& r) { ServerApi::DeliveryDownloadFile(unwritable, r->onResponse(), nullptr); },
+    };
+    // The first two are bad arguments, the others name local files that cannot be used.
+    for (int i = 0; i < refused.size(); ++i) {
+        const int code = i < 2 ? ServerApi::ErrorBadArgument : ServerApi::ErrorLocalFile;
+        QCOMPARE(outcome(refused.at(i)), QStringLiteral("0 %1").arg(code));
+    }
 }
 
 void TestServerApi::cancelInTheMiddleOfALargeDownload()
@@ -490,9 +448,7 @@ void TestServerApi::cancelInTheMiddleOfALargeDownload()
     model.entry = entryAt(QStringLiteral("/large.bin"));
     id = ServerApi::DownloadRouter(model, download->onData(), download->onResponse(),
                                    download->onDownloadProgress());
-    QCOMPARE(await(download, false), QString());
-    QCOMPARE(download->seen().response.errorCode, int(ServerApi::ErrorCancelled));
-    QCOMPARE(download->seen().response.statusCode, 0);
+    QCOMPARE(outcome(download), QStringLiteral("0 %1").arg(ServerApi::ErrorCancelled));
     // Paused and resumed by the receive limit, what arrived is the start of the file.
     QVERIFY(download->seen().data.size() < content.size() && content.startsWith(download->seen().data));
     ServerApi::Cancel(id); // a finished request: ignored
@@ -522,7 +478,6 @@ void TestServerApi::faultsAndRetries_data()
     // Neither a commit nor an upload is safe to repeat: one attempt only.
     QTest::newRow("commit: 503 not repeated") << "commit" << unavailable << 3 << 503 << 1;
     QTest::newRow("upload: dropped, not repeated") << "file_upload" << drop << 3 << 0 << 1;
-    QTest::newRow("download: dropped, no retries") << "download" << drop << 0 << 0 << 1;
 }
 
 void TestServerApi::faultsAndRetries()
@@ -552,10 +507,8 @@ void TestServerApi::faultsAndRetries()
         commit.blockHashes = offer.blockHashes;
         commit.size = offer.fileSize;
         ServerApi::CommitHash(commit, r->onResponse(), QString());
-    } else if (op == QLatin1String("file_upload")) {
-        r = uploadFile(fileModel(QStringLiteral("/retry/b.bin"), randomBytes(256 * 1024, 7)));
     } else {
-        r = downloadRouter(QStringLiteral("/shared.bin"));
+        r = uploadFile(fileModel(QStringLiteral("/retry/b.bin"), randomBytes(256 * 1024, 7)));
     }
     QCOMPARE(await(r, false), QString());
     QCOMPARE(r->seen().response.statusCode, status);
@@ -565,33 +518,39 @@ void TestServerApi::faultsAndRetries()
     QCOMPARE(r->seen().completions, 1);
 }
 
-void TestServerApi::silentServerCostsOneStall_data()
+void TestServerApi::transportFailures_data()
 {
+    QTest::addColumn<bool>("closedPort"); // else a server that accepts and never answers
+    QTest::addColumn<int>("maxRetries");
     QTest::addColumn<int>("budgetMs");
+    QTest::addColumn<int>("curlCode"); // 7: could not connect, 28: timed out
     QTest::addColumn<int>("attempts");
-    QTest::newRow("budget spent by the first stall") << 1000 << 1;
-    QTest::newRow("no budget: every retry stalls") << 0 << 2;
+    QTest::newRow("nothing listens") << true << 0 << 0 << 7 << 0;
+    // A silent server ends a retryable request after one no-progress period: the retries do not
+    // multiply it.
+    QTest::newRow("budget spent by the first stall") << false << 1 << 1000 << 28 << 1;
+    QTest::newRow("no budget: every retry stalls") << false << 1 << 0 << 28 << 2;
 }
 
-// A server that accepts and never answers ends a retryable request after one no-progress
-// period: the retries do not multiply it.
-void TestServerApi::silentServerCostsOneStall()
+void TestServerApi::transportFailures()
 {
+    QFETCH(bool, closedPort);
+    QFETCH(int, maxRetries);
     QFETCH(int, budgetMs);
+    QFETCH(int, curlCode);
     QFETCH(int, attempts);
     KXSilentServer silent;
     QVERIFY(silent.isListening());
     ServerApi::Config config = baseConfig();
-    config.baseUrl = silent.baseUrl();
+    config.baseUrl = closedPort ? QStringLiteral("http://127.0.0.1:1") : silent.baseUrl();
     config.lowSpeedTimeSec = 1;
-    config.maxRetries = 1;
+    config.maxRetries = maxRetries;
     config.retryBudgetMs = budgetMs;
     ServerApi::configure(config);
 
     Rec meta = metaData(QStringLiteral("/silent.bin"));
-    QCOMPARE(await(meta, false), QString());
-    QCOMPARE(meta->seen().response.statusCode, 0);
-    QCOMPARE(meta->seen().response.errorCode, 28); // libcurl: operation timed out
+    QCOMPARE(outcome(meta), QStringLiteral("0 %1").arg(curlCode));
+    QVERIFY(!meta->seen().response.errorString.isEmpty());
     QCOMPARE(silent.takeConnections(), attempts);
 }
 
@@ -609,8 +568,7 @@ void TestServerApi::shutdownCompletesPendingRequests()
     ServerApi::shutdown();
     for (const Rec& r : pending) {
         QCOMPARE(r->seen().completions, 1);
-        QCOMPARE(r->seen().response.errorCode, int(ServerApi::ErrorShutdown));
-        QCOMPARE(r->seen().violations, QStringList());
+        QCOMPARE(outcome(r), QStringLiteral("0 %1").arg(ServerApi::ErrorShutdown));
     }
 
     ServerApi::configure(baseConfig());
@@ -643,17 +601,13 @@ void TestServerApi::httpsTrustsOnlyTheGivenCertificate()
     QCOMPARE(openssl.exitCode(), 0);
     KXServerProcess tls({"--tls-cert", cert, "--tls-key", key});
     QVERIFY2(tls.start(), qPrintable(tls.errorString()));
-    QVERIFY(tls.baseUrl().startsWith(QStringLiteral("https://")));
 
     ServerApi::Config config = baseConfig();
     config.baseUrl = tls.baseUrl();
     config.sessionId = tls.token();
     config.maxRetries = 0;
     ServerApi::configure(config);
-    Rec untrusted = metaData(QStringLiteral("/"));
-    QCOMPARE(await(untrusted, false), QString());
-    QCOMPARE(untrusted->seen().response.statusCode, 0);
-    QCOMPARE(untrusted->seen().response.errorCode, 60); // peer certificate not trusted
+    QCOMPARE(outcome(metaData(QStringLiteral("/"))), QStringLiteral("0 60")); // peer certificate not trusted
 
     config.caFile = cert;
     ServerApi::configure(config);
