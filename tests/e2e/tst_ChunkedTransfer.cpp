@@ -3,37 +3,15 @@
 // blocks travelled and how many requests were in flight at once. A client process killed with
 // SIGKILL part-way and started again with the same task moves only the blocks not stored as done.
 
-#include "IKXTransfer.h"
-#include "KXBlockTask.h"
-#include "KXChunkedTransfer.h"
 #include "KXE2eTest.h"
+#include "KXRunnerProcess.h"
 #include "KXTFStoreManager.h"
 #include "KXTransferDB.h"
-#include "KXTransferManager.h"
 #include "KXUtil.h"
 
 #include <QtTest>
 
 using namespace KXChunkedE2e;
-
-namespace {
-
-QMutex g_progressMutex;
-QMap<QString, int> g_progressCalls; // guarded by g_progressMutex
-
-void onProgress(long long, const SubTaskInfo& record, long long)
-{
-    QMutexLocker locker(&g_progressMutex);
-    ++g_progressCalls[record.subTaskId];
-}
-
-int progressCalls(const QString& id)
-{
-    QMutexLocker locker(&g_progressMutex);
-    return g_progressCalls.value(id);
-}
-
-} // namespace
 
 class TestChunkedTransfer : public KXE2eTest
 {
@@ -51,13 +29,6 @@ private slots:
     void killedRunMovesOnlyTheMissingBlocks();
 
 private:
-    // Starts a chunked transfer of `task` through the manager; returns its handle.
-    long long start(const SubTaskInfo& task);
-    // Runs `task` to its final callback and hands back what it reported; false on a time-out.
-    bool run(const SubTaskInfo& task, KXOutcomes::Outcome& outcome)
-    {
-        return KXE2eTest::run(task, outcome, [&] { start(task); });
-    }
     // A cancel returns before the transfer has ended: waits for its final callback, then for every
     // transfer to be gone (the engine's shutdown waits for them), and sets the engine up again as
     // init() left it.
@@ -66,18 +37,10 @@ private:
 
 void TestChunkedTransfer::waitUntilGone(const QString& id)
 {
-    QTRY_VERIFY_WITH_TIMEOUT(KXOutcomes::has(id), kWait);
+    QTRY_VERIFY_WITH_TIMEOUT(KXOutcomes::get(id).calls > 0, kWait);
     Transfer::deinit();
     Transfer::setConfig(TransferConfigUserPath, QString());
     setLimit(4);
-}
-
-long long TestChunkedTransfer::start(const SubTaskInfo& task)
-{
-    const long long handle = CKXTransferManager::inst()->initTransfer(
-        new CKXChunkedTransfer(task, nullptr, nullptr), &KXOutcomes::onError, &onProgress);
-    Transfer::start(handle);
-    return handle;
 }
 
 // Two blocks, the second of one byte, both ways; the same content again under another name is a
@@ -88,9 +51,8 @@ void TestChunkedTransfer::smallestChunkedFileBothWays()
     const QString source = m_dir->filePath(QStringLiteral("two.bin"));
     const QString sha = writeRandomFile(source, size, 1);
     const QString up = newId();
-    // The public entry point picks the chunked transfer.
     KXOutcomes::Outcome outcome;
-    QVERIFY(KXE2eTest::run(uploadTask(up, source, QStringLiteral("/e2e/two.bin"), size), outcome));
+    QVERIFY(run(uploadTask(up, source, QStringLiteral("/e2e/two.bin"), size), outcome));
     QCOMPARE(outcome.code, NoError);
     QCOMPARE(outcome.record.state, StateCompleted);
     QVERIFY(!outcome.record.isQuickTrans);
@@ -178,7 +140,7 @@ void TestChunkedTransfer::failedBlockResumes()
     // Content of its own for each row: no block is on the server already.
     writeRandomFile(source, size, qHash(QString(QTest::currentDataTag())));
     if (!upload) {
-        QVERIFY(putRemote(remote, readFile(source)));
+        QVERIFY(m_server.putFile(remote, readFile(source)));
     }
     const SubTaskInfo task =
         upload ? uploadTask(newId(), source, remote, size) : downloadTask(newId(), remote, target, size);
@@ -224,7 +186,7 @@ void TestChunkedTransfer::unwritableTargetFailsWithoutPartialFile()
     const qint64 size = kBlock + 100;
     const QString source = m_dir->filePath(QStringLiteral("plain.bin"));
     const QString sha = writeRandomFile(source, size, 14);
-    QVERIFY(putRemote(QStringLiteral("/e2e/plain.bin"), readFile(source)));
+    QVERIFY(m_server.putFile(QStringLiteral("/e2e/plain.bin"), readFile(source)));
 
     // A regular file stands where the target's folder would have to be.
     const QString target = source + QStringLiteral("/sub/plain.bin");
@@ -249,7 +211,7 @@ void TestChunkedTransfer::zeroLimitStoresBlocksThatACommitStillNeeds()
     setLimit(0);
     const long long handle = start(task);
     // The one progress report of a chunked transfer comes as its blocks are queued.
-    QTRY_VERIFY_WITH_TIMEOUT(progressCalls(task.subTaskId) == 1, kWait);
+    QTRY_VERIFY_WITH_TIMEOUT(KXOutcomes::get(task.subTaskId).progress == 1, kWait);
     Transfer::cancel(handle);
     waitUntilGone(task.subTaskId);
     KXOutcomes::Outcome outcome = KXOutcomes::get(task.subTaskId);
@@ -324,19 +286,19 @@ void TestChunkedTransfer::killedRunMovesOnlyTheMissingBlocks()
     const QString remote = link ? QStringLiteral("/in/link.bin") : onServer;
     const QString target = m_dir->filePath(QStringLiteral("target.bin"));
     const QString id = newId();
-    QStringList args = runnerArgs(id, upload ? source : target, remote, size);
+    QStringList args =
+        KXRunnerProcess::args(m_server, id, upload ? source : target, remote, size, !upload, 1);
     if (link) {
         args << QStringLiteral("--share") << code << QStringLiteral("--password") << QStringLiteral("pw");
     } else if (!upload) {
-        QVERIFY(putRemote(remote, readFile(source)));
-        args << QStringLiteral("--download");
+        QVERIFY(m_server.putFile(remote, readFile(source)));
     }
     // Slow block answers leave time to kill the client between blocks.
     QVERIFY(m_server.armFault(
         {{"op", upload ? "block_upload" : "download"}, {"action", "delay"}, {"ms", 100}, {"count", 100}}));
     {
         KXRunnerProcess first(args);
-        QTRY_VERIFY_WITH_TIMEOUT(first.blocksDone() >= 3, kWait);
+        QTRY_VERIFY_WITH_TIMEOUT(StoredBlocks(id).withState(BlockTaskStateCompleted) >= 3, kWait);
         first.kill9();
     }
     const StoredBlocks stored(id);
@@ -362,7 +324,7 @@ void TestChunkedTransfer::killedRunMovesOnlyTheMissingBlocks()
     QTRY_VERIFY_WITH_TIMEOUT(stat("inflight") == 0, kWait);
     QVERIFY(m_server.resetStats());
     KXRunnerProcess second(args);
-    QCOMPARE(second.finish(), QStringLiteral("done 0 64"));
+    QCOMPARE(second.finish(kWait), QStringLiteral("done 0 64"));
     if (upload) {
         // The block in flight at the kill may have reached the server; its hash query then finds it.
         const int sent = stat("block_uploads");

@@ -102,7 +102,7 @@ void TestShareLinks::downloadFromFolderAndFileLinks()
     QFETCH(bool, fileLink);
     const bool chunked = size > kBlock;
     const QByteArray content = randomBytes(size, 31);
-    QVERIFY(putRemote(QStringLiteral("/pub/sub/doc.bin"), content));
+    QVERIFY(m_server.putFile(QStringLiteral("/pub/sub/doc.bin"), content));
     const QString code = m_server.createShare(
         fileLink ? QStringLiteral("/pub/sub/doc.bin") : QStringLiteral("/pub"), false, QStringLiteral("pw"));
     QVERIFY(!code.isEmpty());
@@ -183,7 +183,7 @@ void TestShareLinks::refusedLinksFailWithMappedCodes()
     }
     QVERIFY(serverSha256(QStringLiteral("/ro/refused.bin")).startsWith(QLatin1String("status 404")));
 
-    QVERIFY(putRemote(QStringLiteral("/ro/doc.bin"), readFile(source)));
+    QVERIFY(m_server.putFile(QStringLiteral("/ro/doc.bin"), readFile(source)));
     const QList<Case> downloads = {{"nosuchcode", "pw", SourceNotFound}, {readOnly, "wrong", SessionInvalid}};
     for (const Case& c : downloads) {
         const QString target = m_dir->filePath(QStringLiteral("refused.copy"));
