@@ -140,15 +140,15 @@ long long KXE2eTest::start(const SubTaskInfo& task)
     return handle;
 }
 
-bool KXE2eTest::run(const SubTaskInfo& task, KXOutcomes::Outcome& outcome)
+KXOutcomes::Outcome KXE2eTest::run(const SubTaskInfo& task)
 {
     const int callsBefore = KXOutcomes::get(task.subTaskId).calls;
-    if (start(task) == 0)
-        return false;
-    if (!QTest::qWaitFor([&] { return KXOutcomes::get(task.subTaskId).calls > callsBefore; }, kWait))
-        return false;
-    outcome = KXOutcomes::get(task.subTaskId);
-    return true;
+    KXOutcomes::Outcome outcome;
+    outcome.code = ErrorCode(-1);
+    if (start(task) != 0 &&
+        QTest::qWaitFor([&] { return KXOutcomes::get(task.subTaskId).calls > callsBefore; }, kWait))
+        outcome = KXOutcomes::get(task.subTaskId);
+    return outcome;
 }
 
 QString KXE2eTest::serverSha256(const QString& remotePath)

@@ -86,8 +86,9 @@ protected slots:
 protected:
     // Starts the task through the public API; its handle, 0 when the engine refused it.
     long long start(const SubTaskInfo& task);
-    // Starts the task and waits for its next final callback; false on a refusal or a time-out.
-    bool run(const SubTaskInfo& task, KXOutcomes::Outcome& outcome);
+    // Starts the task and waits for its next final callback; what it reported, code -1 when the
+    // engine refused the task or no final callback came in time.
+    KXOutcomes::Outcome run(const SubTaskInfo& task);
     // The SHA-256 of the server's copy, or "status <code>" when it cannot be read.
     QString serverSha256(const QString& remotePath);
     int stat(const char* name) { return m_server.stats().value(QLatin1String(name)).toInt(); }

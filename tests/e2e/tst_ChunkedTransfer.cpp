@@ -29,15 +29,17 @@ private slots:
     void killedRunMovesOnlyTheMissingBlocks();
 
 private:
-    // A cancel returns before the transfer has ended: waits for its final callback, then for every
-    // transfer to be gone (the engine's shutdown waits for them), and sets the engine up again as
-    // init() left it.
-    void waitUntilGone(const QString& id);
+    // Cancels and, as a cancel returns before the transfer has ended, waits for the final callback,
+    // then for every transfer to be gone (the engine's shutdown waits for them); sets the engine up
+    // again as init() left it.
+    void cancel(long long handle, const QString& id, KXOutcomes::Outcome& outcome);
 };
 
-void TestChunkedTransfer::waitUntilGone(const QString& id)
+void TestChunkedTransfer::cancel(long long handle, const QString& id, KXOutcomes::Outcome& outcome)
 {
+    Transfer::cancel(handle);
     QTRY_VERIFY_WITH_TIMEOUT(KXOutcomes::get(id).calls > 0, kWait);
+    outcome = KXOutcomes::get(id);
     Transfer::deinit();
     Transfer::setConfig(TransferConfigUserPath, QString());
     setLimit(4);
@@ -51,8 +53,7 @@ void TestChunkedTransfer::smallestChunkedFileBothWays()
     const QString source = m_dir->filePath(QStringLiteral("two.bin"));
     const QString sha = writeRandomFile(source, size, 1);
     const QString up = newId();
-    KXOutcomes::Outcome outcome;
-    QVERIFY(run(uploadTask(up, source, QStringLiteral("/e2e/two.bin"), size), outcome));
+    KXOutcomes::Outcome outcome = run(uploadTask(up, source, QStringLiteral("/e2e/two.bin"), size));
     QCOMPARE(outcome.code, NoError);
     QCOMPARE(outcome.record.state, StateCompleted);
     QVERIFY(!outcome.record.isQuickTrans);
@@ -62,7 +63,7 @@ void TestChunkedTransfer::smallestChunkedFileBothWays()
     QVERIFY(StoredBlocks(up).list.isEmpty()); // a committed file keeps no block rows
 
     QVERIFY(m_server.resetStats());
-    QVERIFY(run(uploadTask(newId(), source, QStringLiteral("/e2e/two-again.bin"), size), outcome));
+    outcome = run(uploadTask(newId(), source, QStringLiteral("/e2e/two-again.bin"), size));
     QCOMPARE(outcome.code, NoError);
     QVERIFY(outcome.record.isQuickTrans);
     QCOMPARE(stat("block_uploads"), 0);
@@ -72,7 +73,7 @@ void TestChunkedTransfer::smallestChunkedFileBothWays()
     QVERIFY(m_server.resetStats());
     const QString target = m_dir->filePath(QStringLiteral("back/two.bin"));
     const QString down = newId();
-    QVERIFY(run(downloadTask(down, QStringLiteral("/e2e/two.bin"), target, size), outcome));
+    outcome = run(downloadTask(down, QStringLiteral("/e2e/two.bin"), target, size));
     QCOMPARE(outcome.code, NoError);
     QCOMPARE(sha256Hex(readFile(target)), sha);
     QVERIFY(!QFile::exists(KXUtil::tmpFile(target, down)));
@@ -94,10 +95,9 @@ void TestChunkedTransfer::largeFileKeepsTheConcurrencyLimit()
                                    {"action", "delay"},
                                    {"ms", 150},
                                    {"count", blocks}}));
-        KXOutcomes::Outcome outcome;
-        QVERIFY(run(upload ? uploadTask(newId(), source, QStringLiteral("/e2e/large.bin"), size)
-                           : downloadTask(newId(), QStringLiteral("/e2e/large.bin"), target, size),
-                    outcome));
+        const KXOutcomes::Outcome outcome =
+            run(upload ? uploadTask(newId(), source, QStringLiteral("/e2e/large.bin"), size)
+                       : downloadTask(newId(), QStringLiteral("/e2e/large.bin"), target, size));
         QCOMPARE(outcome.code, NoError);
         QCOMPARE(outcome.record.sendBytes, size);
         QCOMPARE(stat(upload ? "block_uploads" : "downloads"), blocks);
@@ -152,8 +152,7 @@ void TestChunkedTransfer::failedBlockResumes()
         fault.insert("code", status == 403 ? "forbidden" : "internal");
     }
     QVERIFY(m_server.armFault(fault));
-    KXOutcomes::Outcome outcome;
-    QVERIFY(run(task, outcome));
+    KXOutcomes::Outcome outcome = run(task);
     QCOMPARE(int(outcome.code), code);
     QCOMPARE(outcome.record.state, StateError);
     QCOMPARE(outcome.record.httpCode, status);
@@ -174,7 +173,7 @@ void TestChunkedTransfer::failedBlockResumes()
     }
     QVERIFY(m_server.clearFaults());
     QVERIFY(m_server.resetStats());
-    QVERIFY(run(task, outcome));
+    outcome = run(task);
     QCOMPARE(outcome.code, NoError);
     // The failed block, and the changed one.
     QCOMPARE(stat(upload ? "block_uploads" : "downloads"), moved);
@@ -191,8 +190,7 @@ void TestChunkedTransfer::unwritableTargetFailsWithoutPartialFile()
     // A regular file stands where the target's folder would have to be.
     const QString target = source + QStringLiteral("/sub/plain.bin");
     const SubTaskInfo task = downloadTask(newId(), QStringLiteral("/e2e/plain.bin"), target, size);
-    KXOutcomes::Outcome outcome;
-    QVERIFY(run(task, outcome));
+    KXOutcomes::Outcome outcome = run(task);
     QCOMPARE(outcome.code, LocalFileError);
     QCOMPARE(outcome.record.state, StateError);
     QVERIFY(!QFile::exists(target));
@@ -212,9 +210,8 @@ void TestChunkedTransfer::zeroLimitStoresBlocksThatACommitStillNeeds()
     const long long handle = start(task);
     // The one progress report of a chunked transfer comes as its blocks are queued.
     QTRY_VERIFY_WITH_TIMEOUT(KXOutcomes::get(task.subTaskId).progress == 1, kWait);
-    Transfer::cancel(handle);
-    waitUntilGone(task.subTaskId);
-    KXOutcomes::Outcome outcome = KXOutcomes::get(task.subTaskId);
+    KXOutcomes::Outcome outcome;
+    cancel(handle, task.subTaskId, outcome);
     QCOMPARE(outcome.code, NoError);
     QCOMPARE(outcome.record.state, StatePaused);
     QCOMPARE(stat("hash_queries") + stat("block_uploads"), 0);
@@ -228,7 +225,7 @@ void TestChunkedTransfer::zeroLimitStoresBlocksThatACommitStillNeeds()
         block->setHash(KXUtil::SHA256(readFile(source).mid(kBlock, kBlock)));
         QVERIFY(CKXTFStoreManager::inst()->db()->AddBlockTask(*block));
     }
-    QVERIFY(run(task, outcome));
+    outcome = run(task);
     QCOMPARE(outcome.code, UploadHashError);
     QCOMPARE(outcome.record.errorInfo, QStringLiteral("上传文件hash出错，需要重传"));
     QCOMPARE(outcome.record.state, StateError);
@@ -248,16 +245,15 @@ void TestChunkedTransfer::cancelPausesRunningBlocksAndResumes()
     QVERIFY(m_server.armFault({{"op", "block_upload"}, {"action", "delay"}, {"ms", 3000}, {"count", 2}}));
     const long long handle = start(task);
     QTRY_VERIFY_WITH_TIMEOUT(stat("inflight") >= 2, kWait);
-    Transfer::cancel(handle);
-    waitUntilGone(task.subTaskId);
-    KXOutcomes::Outcome outcome = KXOutcomes::get(task.subTaskId);
+    KXOutcomes::Outcome outcome;
+    cancel(handle, task.subTaskId, outcome);
     QCOMPARE(outcome.calls, 1);
     QCOMPARE(outcome.code, NoError);
     QCOMPARE(outcome.record.state, StatePaused);
     QCOMPARE(StoredBlocks(task.subTaskId).withState(BlockTaskStateCompleted), 0);
 
     QVERIFY(m_server.clearFaults());
-    QVERIFY(run(task, outcome));
+    outcome = run(task);
     QCOMPARE(outcome.code, NoError);
     QCOMPARE(serverSha256(QStringLiteral("/e2e/cancel.bin")), sha);
 }

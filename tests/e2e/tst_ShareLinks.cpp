@@ -37,8 +37,7 @@ private slots:
     void refusedLinksFailWithMappedCodes();
 
 private:
-    // Runs an upload of `source` into the link under a new id; what its final callback reported
-    // (code -1 on a time-out).
+    // Runs an upload of `source` into the link under a new id; what its final callback reported.
     KXOutcomes::Outcome uploadThrough(const QString& code, const QString& source, const QString& path,
                                       qint64 size, const QString& password = {},
                                       const QString& overwrite = {});
@@ -50,10 +49,7 @@ KXOutcomes::Outcome TestShareLinks::uploadThrough(const QString& code, const QSt
 {
     SubTaskInfo task = throughLink(uploadTask(newId(), source, path, size), code, password);
     task.remoteFile.delivery.overwrite = overwrite;
-    KXOutcomes::Outcome outcome;
-    if (!run(task, outcome))
-        outcome.code = ErrorCode(-1);
-    return outcome;
+    return run(task);
 }
 
 // A new file; then one whose authorisation kxserver's "no_session" hook answers without
@@ -85,8 +81,7 @@ void TestShareLinks::uploadIntoFolderLink()
     SubTaskInfo task =
         throughLink(uploadTask(newId(), source, "/kept.bin", size), code, QStringLiteral("pw"));
     task.remoteFile.delivery.sessionId = session;
-    KXOutcomes::Outcome kept;
-    QVERIFY(run(task, kept));
+    const KXOutcomes::Outcome kept = run(task);
     QCOMPARE(int(kept.code), int(NoError));
     QCOMPARE(kept.record.remoteFile.delivery.sessionId, session);
     QCOMPARE(kept.record.remoteFile.delivery.lbc, QStringLiteral("kxserver"));
@@ -129,8 +124,7 @@ void TestShareLinks::downloadFromFolderAndFileLinks()
     const QString inShare = fileLink ? QString() : QStringLiteral("/sub/doc.bin");
     const SubTaskInfo task =
         throughLink(downloadTask(newId(), inShare, target, size), code, QStringLiteral("pw"));
-    KXOutcomes::Outcome outcome;
-    QVERIFY(run(task, outcome));
+    const KXOutcomes::Outcome outcome = run(task);
     QCOMPARE(int(outcome.code), int(NoError));
     QCOMPARE(readFile(target), content);
     QVERIFY(!QFile::exists(KXUtil::tmpFile(target, task.subTaskId)));
@@ -171,11 +165,8 @@ void TestShareLinks::refusedLinksFailWithMappedCodes()
     const QList<Case> downloads = {{"nosuchcode", "pw", SourceNotFound}, {readOnly, "wrong", SessionInvalid}};
     for (const Case& c : downloads) {
         const QString target = m_dir->filePath(QStringLiteral("refused.copy"));
-        KXOutcomes::Outcome outcome;
-        QVERIFY(run(
-            throughLink(downloadTask(newId(), QStringLiteral("/doc.bin"), target, size), c.code, c.password),
-            outcome));
-        QCOMPARE(int(outcome.code), int(c.expected));
+        const SubTaskInfo task = downloadTask(newId(), QStringLiteral("/doc.bin"), target, size);
+        QCOMPARE(int(run(throughLink(task, c.code, c.password)).code), int(c.expected));
         QVERIFY(!QFile::exists(target));
     }
 }

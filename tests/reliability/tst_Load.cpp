@@ -50,11 +50,6 @@ qint64 settledResidentBytes()
     return match.hasMatch() ? match.captured(1).toLongLong() * 1024 : -1;
 }
 
-qint64 allocatedBytes()
-{
-    return qint64(::mallinfo2().uordblks);
-}
-
 // One task of the load and what it should produce.
 struct LoadTask
 {
@@ -135,7 +130,7 @@ void TestLoad::twoHundredAtOnce()
     ServerApi::shutdown();
     const int threadsBefore = threadCount();
     const qint64 rssBefore = settledResidentBytes();
-    const qint64 heapBefore = allocatedBytes();
+    const qint64 heapBefore = qint64(::mallinfo2().uordblks);
     Transfer::setConfig(TransferConfigUserPath, QString());
     Transfer::setConfig(TransferConfigMaxConcurrentCount, QStringLiteral("4"));
     env().configureServerApi(env().server().token());
@@ -166,7 +161,7 @@ void TestLoad::twoHundredAtOnce()
             "build");
     }
     const qint64 rssAfter = settledResidentBytes();
-    const qint64 heapAfter = allocatedBytes();
+    const qint64 heapAfter = qint64(::mallinfo2().uordblks);
     qInfo("resident %lld KiB before, %lld KiB after; allocated %lld KiB before, %lld KiB after",
           rssBefore / 1024, rssAfter / 1024, heapBefore / 1024, heapAfter / 1024);
     QVERIFY2(rssAfter <= rssBefore + kRssSlack,
