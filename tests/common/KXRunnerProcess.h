@@ -15,8 +15,6 @@ public:
     // With `home` the runner keeps its database there instead of under this process's XDG_DATA_HOME.
     explicit KXRunnerProcess(const QStringList& args, const QString& home = {});
     ~KXRunnerProcess() { kill9(); }
-    KXRunnerProcess(const KXRunnerProcess&) = delete;
-    KXRunnerProcess& operator=(const KXRunnerProcess&) = delete;
 
     // True once the engine inside has started the task, within `ms`.
     bool started(int ms) { return m_process.canReadLine() || m_process.waitForReadyRead(ms); }

@@ -7,38 +7,42 @@
 #include <QSqlQuery>
 #include <QVariant>
 
-// The first column of the first row; invalid when the statement fails or finds nothing. The file
-// is opened read-only, so that looking never creates it.
-inline QVariant sqlValue(const QString& path, const QString& sql, const QVariantList& binds = {})
+#include <functional>
+
+// Runs `use` on the open connection; read-only when `readOnly`, so that looking never creates the
+// file. Nothing runs when the file cannot be opened.
+inline void onSqlConnection(const QString& path, bool readOnly, const std::function<void(QSqlDatabase&)>& use)
 {
-    const QString name = QStringLiteral("kx-test-look");
-    QVariant value;
+    const QString name = QStringLiteral("kx-test-sql");
     {
         QSqlDatabase db = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), name);
         db.setDatabaseName(path);
-        db.setConnectOptions(QStringLiteral("QSQLITE_OPEN_READONLY"));
-        if (db.open()) {
-            QSqlQuery query(db);
-            query.prepare(sql);
-            for (const QVariant& bind : binds)
-                query.addBindValue(bind);
-            if (query.exec() && query.next())
-                value = query.value(0);
-        }
+        if (readOnly)
+            db.setConnectOptions(QStringLiteral("QSQLITE_OPEN_READONLY"));
+        if (db.open())
+            use(db);
     }
     QSqlDatabase::removeDatabase(name);
+}
+
+// The first column of the first row; invalid when the statement fails or finds nothing.
+inline QVariant sqlValue(const QString& path, const QString& sql, const QVariantList& binds = {})
+{
+    QVariant value;
+    onSqlConnection(path, true, [&](QSqlDatabase& db) {
+        QSqlQuery query(db);
+        query.prepare(sql);
+        for (const QVariant& bind : binds)
+            query.addBindValue(bind);
+        if (query.exec() && query.next())
+            value = query.value(0);
+    });
     return value;
 }
 
 inline bool sqlExec(const QString& path, const QString& sql)
 {
-    const QString name = QStringLiteral("kx-test-write");
     bool ok = false;
-    {
-        QSqlDatabase db = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), name);
-        db.setDatabaseName(path);
-        ok = db.open() && QSqlQuery(db).exec(sql);
-    }
-    QSqlDatabase::removeDatabase(name);
+    onSqlConnection(path, false, [&](QSqlDatabase& db) { ok = QSqlQuery(db).exec(sql); });
     return ok;
 }
