@@ -7,42 +7,38 @@
 #include <QSqlQuery>
 #include <QVariant>
 
-#include <functional>
-
-// Runs `use` on the open connection; read-only when `readOnly`, so that looking never creates the
-// file. Nothing runs when the file cannot be opened.
-inline void onSqlConnection(const QString& path, bool readOnly, const std::function<void(QSqlDatabase&)>& use)
+// The first column of the first row; invalid when the statement fails or finds nothing. The file
+// is opened read-only, so that looking never creates it.
+inline QVariant sqlValue(const QString& path, const QString& sql, const QVariantList& binds = {})
 {
-    const QString name = QStringLiteral("kx-test-sql");
+    const QString name = QStringLiteral("kx-test-look");
+    QVariant value;
     {
         QSqlDatabase db = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), name);
         db.setDatabaseName(path);
-        if (readOnly)
-            db.setConnectOptions(QStringLiteral("QSQLITE_OPEN_READONLY"));
-        if (db.open())
-            use(db);
+        db.setConnectOptions(QStringLiteral("QSQLITE_OPEN_READONLY"));
+        if (db.open()) {
+            QSqlQuery query(db);
+            query.prepare(sql);
+            for (const QVariant& bind : binds)
+                query.addBindValue(bind);
+            if (query.exec() && query.next())
+                value = query.value(0);
+        }
     }
     QSqlDatabase::removeDatabase(name);
-}
-
-// The first column of the first row; invalid when the statement fails or finds nothing.
-inline QVariant sqlValue(const QString& path, const QString& sql, const QVariantList& binds = {})
-{
-    QVariant value;
-    onSqlConnection(path, true, [&](QSqlDatabase& db) {
-        QSqlQuery query(db);
-        query.prepare(sql);
-        for (const QVariant& bind : binds)
-            query.addBindValue(bind);
-        if (query.exec() && query.next())
-            value = query.value(0);
-    });
     return value;
 }
 
 inline bool sqlExec(const QString& path, const QString& sql)
 {
+    const QString name = QStringLiteral("kx-test-write");
     bool ok = false;
-    onSqlConnection(path, false, [&](QSqlDatabase& db) { ok = QSqlQuery(db).exec(sql); });
+    {
+        QSqlDatabase db = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), name);
+        db.setDatabaseName(path);
+        ok = db.open() && QSqlQuery(db).exec(sql);
+    }
+    QSqlDatabase::removeDatabase(name);
     return ok;
 }
