@@ -36,13 +36,10 @@ void KXRunnerProcess::kill9()
 QStringList KXRunnerProcess::args(const CKXServerProcess& server, const QString& id, const QString& local,
                                   const QString& remote, qint64 size, bool download, int concurrency)
 {
-    QStringList args{QStringLiteral("--base"),        server.baseUrl(),
-                     QStringLiteral("--token"),       server.token(),
-                     QStringLiteral("--id"),          id,
-                     QStringLiteral("--local"),       local,
-                     QStringLiteral("--remote"),      remote,
-                     QStringLiteral("--size"),        QString::number(size),
-                     QStringLiteral("--concurrency"), QString::number(concurrency)};
+    QStringList args;
+    args << "--base" << server.baseUrl() << "--token" << server.token() << "--id" << id << "--local" << local
+         << "--remote" << remote << "--size" << QString::number(size) << "--concurrency"
+         << QString::number(concurrency);
     if (download) {
         args << QStringLiteral("--download");
     }

@@ -21,11 +21,8 @@ int main(int argc, char** argv)
 {
     QCoreApplication app(argc, argv);
     QCommandLineParser parser;
-    const QStringList valued = {
-        QStringLiteral("base"),        QStringLiteral("token"),  QStringLiteral("id"),
-        QStringLiteral("local"),       QStringLiteral("remote"), QStringLiteral("size"),
-        QStringLiteral("concurrency"), QStringLiteral("share"),  QStringLiteral("password")};
-    for (const QString& name : valued) {
+    for (const char* name :
+         {"base", "token", "id", "local", "remote", "size", "concurrency", "share", "password"}) {
         parser.addOption(QCommandLineOption(name, name, name));
     }
     parser.addOption(QCommandLineOption(QStringLiteral("download")));

@@ -31,9 +31,8 @@ public:
         const QByteArray options = "size=" + QByteArray::number(bytes);
         if (::mount("tmpfs", QFile::encodeName(folder).constData(), "tmpfs", flags, options.constData()) !=
             0) {
-            m_error = QStringLiteral("cannot mount a tmpfs here (%1); the disk-full tests need root or "
-                                     "CAP_SYS_ADMIN")
-                          .arg(QString::fromLocal8Bit(std::strerror(errno)));
+            const QString reason = QString::fromLocal8Bit(std::strerror(errno));
+            m_error = QStringLiteral("cannot mount a tmpfs (%1): needs root or CAP_SYS_ADMIN").arg(reason);
         }
     }
     ~TmpfsMount()

@@ -156,9 +156,7 @@ void TestLoad::twoHundredAtOnce()
         threadCount() <= threadsBefore,
         qPrintable(QStringLiteral("%1 threads, %2 before").arg(threadCount()).arg(threadsBefore)), 10000);
     if (kAddressSanitizer) {
-        QSKIP(
-            "AddressSanitizer has an allocator of its own with a quarantine; memory is checked in the normal "
-            "build");
+        QSKIP("AddressSanitizer's allocator keeps a quarantine; memory is checked in the normal build");
     }
     const qint64 rssAfter = settledResidentBytes();
     const qint64 heapAfter = qint64(::mallinfo2().uordblks);
