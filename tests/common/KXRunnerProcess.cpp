@@ -17,10 +17,8 @@ KXRunnerProcess::KXRunnerProcess(const QStringList& args, const QString& home)
 QString KXRunnerProcess::finish(int ms)
 {
     // waitForFinished() is false for a process that has already ended.
-    if (m_process.state() != QProcess::NotRunning && !m_process.waitForFinished(ms)) {
-        return QString();
-    }
-    if (m_process.exitStatus() != QProcess::NormalExit) {
+    const bool running = m_process.state() != QProcess::NotRunning;
+    if ((running && !m_process.waitForFinished(ms)) || m_process.exitStatus() != QProcess::NormalExit) {
         return QString();
     }
     m_output += m_process.readAllStandardOutput();

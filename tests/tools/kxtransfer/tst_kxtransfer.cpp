@@ -197,10 +197,9 @@ QString TestKXTransferCommand::failureLine(const QStringList& args, bool withSer
 {
     const ToolRun result = run(args + QStringList{"-q"}, withServer);
     const QStringList lines = result.err.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
-    if (result.exitCode == 1 && lines.size() == 1) {
-        return lines.first();
-    }
-    return QStringLiteral("exit %1: %2").arg(result.exitCode).arg(result.err);
+    return result.exitCode == 1 && lines.size() == 1
+               ? lines.first()
+               : QStringLiteral("exit %1: %2").arg(result.exitCode).arg(result.err);
 }
 
 QString TestKXTransferCommand::interrupt(const QStringList& command,
