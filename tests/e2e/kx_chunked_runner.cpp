@@ -58,6 +58,9 @@ int main(int argc, char** argv)
     std::printf("started\n");
     std::fflush(stdout);
     const KXOutcomes::Outcome outcome = KXOutcomes::waitForFinal(id);
+    // The final callback comes before the transfer's thread has let go of it: the engine's shutdown
+    // waits for that, so that the process never ends under a running thread.
+    Transfer::deinit();
     std::printf("done %d %d\n", int(outcome.code), int(outcome.record.state));
     std::fflush(stdout);
     return outcome.code == NoError ? 0 : 1;
