@@ -595,12 +595,14 @@ void TestKXTransferCommand::targetAlreadyHoldsSource()
     QCOMPARE(CKXBatchRunner::alreadyThere(targetSize, targetTime, 5, sourceTime), holds);
 }
 
-// The names the tool adds to the engine's own; the engine's table and the libcurl range are what
-// failuresPrintOneErrorLine reads back from every failing run.
+// Names of the engine's codes that no failing run of the command prints, and of the codes the tool
+// adds; the libcurl range is failuresPrintOneErrorLine's silent-server rows.
 void TestKXTransferCommand::codeNames()
 {
     const QList<QPair<int, QString>> names = {
-        {1001, "Cancelled"}, {404, "Http404"}, {65535, "CreateBlocksError"}, {-3, "Unknown"}};
+        {20007, "Forbidden"}, {20009, "NoSpace"}, {20110, "RenameTmpFileError"},
+        {1001, "Cancelled"},  {404, "Http404"},   {65535, "CreateBlocksError"},
+        {-3, "Unknown"}};
     for (const auto& name : names) {
         QCOMPARE(CKXTransferRunner::codeName(name.first), name.second);
     }
