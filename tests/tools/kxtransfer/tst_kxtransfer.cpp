@@ -650,6 +650,7 @@ void TestKXTransferCommand::serverErrorsMapLikeTheEngine_data()
     QTest::addColumn<QString>("body");
     QTest::addColumn<int>("code");
     QTest::addColumn<QString>("message");
+    QTest::newRow("session") << 401 << R"({"code":"Invalid session","message":"who"})" << 20003 << "who";
     QTest::newRow("session, lower case")
         << 401 << R"({"code":"invalid session","message":"who"})" << 20001 << "who";
     QTest::newRow("forbidden") << 403 << R"({"code":"forbidden: escapes","message":"no"})" << 20007 << "no";
