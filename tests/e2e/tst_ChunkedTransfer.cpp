@@ -93,10 +93,8 @@ void TestChunkedTransfer::largeFileKeepsTheConcurrencyLimit()
     for (const bool upload : {true, false}) {
         QVERIFY(m_server.resetStats());
         // Slow answers keep several blocks in flight at once, so the limit is really tested.
-        QVERIFY(m_server.armFault({{"op", upload ? "block_upload" : "download"},
-                                   {"action", "delay"},
-                                   {"ms", 150},
-                                   {"count", blocks}}));
+        const char* op = upload ? "block_upload" : "download";
+        QVERIFY(m_server.armFault({{"op", op}, {"action", "delay"}, {"ms", 150}, {"count", blocks}}));
         const KXOutcomes::Outcome outcome =
             run(upload ? uploadTask(newId(), source, QStringLiteral("/e2e/large.bin"), size)
                        : downloadTask(newId(), QStringLiteral("/e2e/large.bin"), target, size));

@@ -11,7 +11,6 @@
 #include "KXSilentServer.h"
 #include "KXTaskDatabase.h"
 #include "KXTestData.h"
-#include "KXTestHttp.h"
 #include "KXTestSql.h"
 #include "KXTransferRunner.h"
 #include "ServerApiTypes.h"
@@ -492,10 +491,7 @@ void TestKXTransferCommand::interruptedTreeResumes()
 
     int finished = 0;
     for (const QString& path : treeDigest(tree).keys()) {
-        const TestHttpReply reply = CKXTestHttp::get(
-            m_server.baseUrl() + "/v1/metadata?path=" + CKXTestHttp::encode("/paused/tree/" + path),
-            m_server.sessionHeader());
-        finished += reply.status == 200 ? 1 : 0;
+        finished += m_server.getFile("/paused/tree/" + path).status == 200 ? 1 : 0;
     }
     QVERIFY2(finished > 0 && finished < files, qPrintable(QString::number(finished)));
 
