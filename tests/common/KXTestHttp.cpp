@@ -128,12 +128,9 @@ TestHttpReply CKXTestHttp::get(const QString& url, const QList<QByteArray>& head
 
 TestHttpReply CKXTestHttp::post(const QString& url, const QJsonObject& body, const QList<QByteArray>& headers)
 {
-    return send({"POST",
-                 url,
-                 QJsonDocument(body).toJson(QJsonDocument::Compact),
-                 headers + QList<QByteArray>{"Content-Type: application/json"},
-                 {},
-                 false});
+    const QByteArray json = QJsonDocument(body).toJson(QJsonDocument::Compact);
+    return send(
+        {"POST", url, json, headers + QList<QByteArray>{"Content-Type: application/json"}, {}, false});
 }
 
 TestHttpReply CKXTestHttp::put(const QString& url, const QByteArray& body, const QList<QByteArray>& headers)

@@ -1,8 +1,9 @@
 #include "KXE2eTest.h"
 
 #include "KXTFStoreManager.h"
-#include "KXTestHttp.h"
+#include "KXTransferDB.h"
 #include "KXUtil.h"
+#include "ServerApi.h"
 
 #include <QUuid>
 #include <QtTest>
@@ -20,40 +21,96 @@ QString writeRandomFile(const QString& path, qint64 size, quint32 seed)
     return writeFile(path, data) ? sha256Hex(data) : QString();
 }
 
-KXRunnerProcess::KXRunnerProcess(const QStringList& args)
+SubTaskInfo uploadTask(const QString& id, const QString& localPath, const QString& remotePath, qint64 size)
 {
-    m_process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    m_process.start(QStringLiteral(KX_BIN_DIR "/kx_chunked_runner"), args);
+    SubTaskInfo task;
+    task.subTaskId = id;
+    task.taskId = id;
+    task.isUpload = true;
+    task.size = size;
+    task.localFile.path = localPath;
+    task.localFile.size = size;
+    task.remoteFile.path = remotePath;
+    task.remoteFile.pathType = QStringLiteral("self");
+    task.remoteFile.syncOverwrite = true;
+    return task;
 }
 
-int KXRunnerProcess::blocksDone()
+SubTaskInfo downloadTask(const QString& id, const QString& remotePath, const QString& localPath, qint64 size)
 {
-    while (m_process.canReadLine()) {
-        m_lastLine = QString::fromUtf8(m_process.readLine()).trimmed();
-        if (m_lastLine.startsWith(QLatin1String("blocks_done ")))
-            m_blocksDone = m_lastLine.mid(12).toInt();
-    }
-    return m_blocksDone;
+    SubTaskInfo task = uploadTask(id, localPath, remotePath, size);
+    task.isUpload = false;
+    task.localFile.size = 0;
+    task.remoteFile.size = size;
+    return task;
 }
 
-QString KXRunnerProcess::finish()
+SubTaskInfo throughLink(SubTaskInfo task, const QString& code, const QString& password)
 {
-    const bool ended = m_process.waitForFinished(kWait) && m_process.exitStatus() == QProcess::NormalExit;
-    blocksDone(); // reads the last lines
-    return ended ? m_lastLine : QString();
+    task.remoteFile.isDeliveryTrans = true;
+    task.remoteFile.delivery.code = code;
+    task.remoteFile.delivery.token = password;
+    return task;
 }
 
-void KXRunnerProcess::kill9()
+void configureServer(const QString& baseUrl, const QString& token)
 {
-    if (m_process.state() == QProcess::NotRunning)
-        return;
-    m_process.kill(); // SIGKILL: no handler, no clean-up
-    m_process.waitForFinished();
+    ServerApi::Config config = ServerApi::config();
+    config.baseUrl = baseUrl;
+    config.sessionId = token;
+    ServerApi::configure(config);
+}
+
+StoredBlocks::StoredBlocks(const QString& id)
+{
+    CKXTFStoreManager::inst()->db()->LoadBlockTasks(id, list);
+}
+
+int StoredBlocks::withState(BlockTaskState state) const
+{
+    int n = 0;
+    for (CKXBlockTask* block : list)
+        n += block->state() == state ? 1 : 0;
+    return n;
 }
 
 } // namespace KXChunkedE2e
 
 using namespace KXChunkedE2e;
+
+QMutex KXOutcomes::m_mutex;
+QWaitCondition KXOutcomes::m_final;
+QMap<QString, KXOutcomes::Outcome> KXOutcomes::m_outcomes;
+
+void KXOutcomes::onError(long long, const SubTaskInfo& record, ErrorCode code)
+{
+    QMutexLocker locker(&m_mutex);
+    Outcome& outcome = m_outcomes[record.subTaskId];
+    ++outcome.calls;
+    outcome.code = code;
+    outcome.record = record;
+    m_final.wakeAll();
+}
+
+void KXOutcomes::onProgress(long long, const SubTaskInfo& record, long long)
+{
+    QMutexLocker locker(&m_mutex);
+    ++m_outcomes[record.subTaskId].progress;
+}
+
+KXOutcomes::Outcome KXOutcomes::get(const QString& id)
+{
+    QMutexLocker locker(&m_mutex);
+    return m_outcomes.value(id);
+}
+
+KXOutcomes::Outcome KXOutcomes::waitForFinal(const QString& id)
+{
+    QMutexLocker locker(&m_mutex);
+    while (m_outcomes.value(id).calls == 0)
+        m_final.wait(&m_mutex);
+    return m_outcomes.value(id);
+}
 
 void KXE2eTest::initTestCase()
 {
@@ -75,42 +132,27 @@ void KXE2eTest::init()
     setLimit(4);
 }
 
-bool KXE2eTest::run(const SubTaskInfo& task, KXOutcomes::Outcome& outcome, const std::function<void()>& start)
+long long KXE2eTest::start(const SubTaskInfo& task)
+{
+    const long long handle = Transfer::init(task, &KXOutcomes::onError, &KXOutcomes::onProgress);
+    if (handle != 0)
+        Transfer::start(handle);
+    return handle;
+}
+
+KXOutcomes::Outcome KXE2eTest::run(const SubTaskInfo& task)
 {
     const int callsBefore = KXOutcomes::get(task.subTaskId).calls;
-    if (start) {
-        start();
-    } else {
-        const long long handle = Transfer::init(task, &KXOutcomes::onError, nullptr);
-        if (handle == 0)
-            return false;
-        Transfer::start(handle);
-    }
-    if (!QTest::qWaitFor([&] { return KXOutcomes::get(task.subTaskId).calls > callsBefore; }, kWait))
-        return false;
-    outcome = KXOutcomes::get(task.subTaskId);
-    return true;
+    KXOutcomes::Outcome outcome;
+    outcome.code = ErrorCode(-1);
+    if (start(task) != 0 &&
+        QTest::qWaitFor([&] { return KXOutcomes::get(task.subTaskId).calls > callsBefore; }, kWait))
+        outcome = KXOutcomes::get(task.subTaskId);
+    return outcome;
 }
 
 QString KXE2eTest::serverSha256(const QString& remotePath)
 {
     const TestHttpReply reply = m_server.getFile(remotePath);
     return reply.status == 200 ? sha256Hex(reply.body) : QStringLiteral("status %1").arg(reply.status);
-}
-
-bool KXE2eTest::putRemote(const QString& remotePath, const QByteArray& content)
-{
-    return m_server.putFile(remotePath, content);
-}
-
-QStringList KXE2eTest::runnerArgs(const QString& id, const QString& local, const QString& remote,
-                                  qint64 size) const
-{
-    return {QStringLiteral("--base"),        m_server.baseUrl(),
-            QStringLiteral("--token"),       m_server.token(),
-            QStringLiteral("--id"),          id,
-            QStringLiteral("--local"),       local,
-            QStringLiteral("--remote"),      remote,
-            QStringLiteral("--size"),        QString::number(size),
-            QStringLiteral("--concurrency"), QStringLiteral("1")};
 }

@@ -3,37 +3,15 @@
 // blocks travelled and how many requests were in flight at once. A client process killed with
 // SIGKILL part-way and started again with the same task moves only the blocks not stored as done.
 
-#include "IKXTransfer.h"
-#include "KXBlockTask.h"
-#include "KXChunkedTransfer.h"
 #include "KXE2eTest.h"
+#include "KXRunnerProcess.h"
 #include "KXTFStoreManager.h"
 #include "KXTransferDB.h"
-#include "KXTransferManager.h"
 #include "KXUtil.h"
 
 #include <QtTest>
 
 using namespace KXChunkedE2e;
-
-namespace {
-
-QMutex g_progressMutex;
-QMap<QString, int> g_progressCalls; // guarded by g_progressMutex
-
-void onProgress(long long, const SubTaskInfo& record, long long)
-{
-    QMutexLocker locker(&g_progressMutex);
-    ++g_progressCalls[record.subTaskId];
-}
-
-int progressCalls(const QString& id)
-{
-    QMutexLocker locker(&g_progressMutex);
-    return g_progressCalls.value(id);
-}
-
-} // namespace
 
 class TestChunkedTransfer : public KXE2eTest
 {
@@ -51,33 +29,22 @@ private slots:
     void killedRunMovesOnlyTheMissingBlocks();
 
 private:
-    // Starts a chunked transfer of `task` through the manager; returns its handle.
-    long long start(const SubTaskInfo& task);
-    // Runs `task` to its final callback and hands back what it reported; false on a time-out.
-    bool run(const SubTaskInfo& task, KXOutcomes::Outcome& outcome)
-    {
-        return KXE2eTest::run(task, outcome, [&] { start(task); });
-    }
-    // A cancel returns before the transfer has ended: waits for its final callback, then for every
-    // transfer to be gone (the engine's shutdown waits for them), and sets the engine up again as
-    // init() left it.
-    void waitUntilGone(const QString& id);
+    // Cancels and, as a cancel returns before the transfer has ended, waits for the final callback
+    // (none in time: calls 0), then for every transfer to be gone (the engine's shutdown waits
+    // for them); sets the engine up again as init() left it. What the final callback reported.
+    KXOutcomes::Outcome cancel(long long handle, const QString& id);
 };
 
-void TestChunkedTransfer::waitUntilGone(const QString& id)
+KXOutcomes::Outcome TestChunkedTransfer::cancel(long long handle, const QString& id)
 {
-    QTRY_VERIFY_WITH_TIMEOUT(KXOutcomes::has(id), kWait);
+    Transfer::cancel(handle);
+    KXOutcomes::Outcome outcome;
+    if (QTest::qWaitFor([&] { return KXOutcomes::get(id).calls > 0; }, kWait))
+        outcome = KXOutcomes::get(id);
     Transfer::deinit();
     Transfer::setConfig(TransferConfigUserPath, QString());
     setLimit(4);
-}
-
-long long TestChunkedTransfer::start(const SubTaskInfo& task)
-{
-    const long long handle = CKXTransferManager::inst()->initTransfer(
-        new CKXChunkedTransfer(task, nullptr, nullptr), &KXOutcomes::onError, &onProgress);
-    Transfer::start(handle);
-    return handle;
+    return outcome;
 }
 
 // Two blocks, the second of one byte, both ways; the same content again under another name is a
@@ -88,9 +55,7 @@ void TestChunkedTransfer::smallestChunkedFileBothWays()
     const QString source = m_dir->filePath(QStringLiteral("two.bin"));
     const QString sha = writeRandomFile(source, size, 1);
     const QString up = newId();
-    // The public entry point picks the chunked transfer.
-    KXOutcomes::Outcome outcome;
-    QVERIFY(KXE2eTest::run(uploadTask(up, source, QStringLiteral("/e2e/two.bin"), size), outcome));
+    KXOutcomes::Outcome outcome = run(uploadTask(up, source, QStringLiteral("/e2e/two.bin"), size));
     QCOMPARE(outcome.code, NoError);
     QCOMPARE(outcome.record.state, StateCompleted);
     QVERIFY(!outcome.record.isQuickTrans);
@@ -100,7 +65,7 @@ void TestChunkedTransfer::smallestChunkedFileBothWays()
     QVERIFY(StoredBlocks(up).list.isEmpty()); // a committed file keeps no block rows
 
     QVERIFY(m_server.resetStats());
-    QVERIFY(run(uploadTask(newId(), source, QStringLiteral("/e2e/two-again.bin"), size), outcome));
+    outcome = run(uploadTask(newId(), source, QStringLiteral("/e2e/two-again.bin"), size));
     QCOMPARE(outcome.code, NoError);
     QVERIFY(outcome.record.isQuickTrans);
     QCOMPARE(stat("block_uploads"), 0);
@@ -110,7 +75,7 @@ void TestChunkedTransfer::smallestChunkedFileBothWays()
     QVERIFY(m_server.resetStats());
     const QString target = m_dir->filePath(QStringLiteral("back/two.bin"));
     const QString down = newId();
-    QVERIFY(run(downloadTask(down, QStringLiteral("/e2e/two.bin"), target, size), outcome));
+    outcome = run(downloadTask(down, QStringLiteral("/e2e/two.bin"), target, size));
     QCOMPARE(outcome.code, NoError);
     QCOMPARE(sha256Hex(readFile(target)), sha);
     QVERIFY(!QFile::exists(KXUtil::tmpFile(target, down)));
@@ -128,14 +93,11 @@ void TestChunkedTransfer::largeFileKeepsTheConcurrencyLimit()
     for (const bool upload : {true, false}) {
         QVERIFY(m_server.resetStats());
         // Slow answers keep several blocks in flight at once, so the limit is really tested.
-        QVERIFY(m_server.armFault({{"op", upload ? "block_upload" : "download"},
-                                   {"action", "delay"},
-                                   {"ms", 150},
-                                   {"count", blocks}}));
-        KXOutcomes::Outcome outcome;
-        QVERIFY(run(upload ? uploadTask(newId(), source, QStringLiteral("/e2e/large.bin"), size)
-                           : downloadTask(newId(), QStringLiteral("/e2e/large.bin"), target, size),
-                    outcome));
+        const char* op = upload ? "block_upload" : "download";
+        QVERIFY(m_server.armFault({{"op", op}, {"action", "delay"}, {"ms", 150}, {"count", blocks}}));
+        const KXOutcomes::Outcome outcome =
+            run(upload ? uploadTask(newId(), source, QStringLiteral("/e2e/large.bin"), size)
+                       : downloadTask(newId(), QStringLiteral("/e2e/large.bin"), target, size));
         QCOMPARE(outcome.code, NoError);
         QCOMPARE(outcome.record.sendBytes, size);
         QCOMPARE(stat(upload ? "block_uploads" : "downloads"), blocks);
@@ -178,7 +140,7 @@ void TestChunkedTransfer::failedBlockResumes()
     // Content of its own for each row: no block is on the server already.
     writeRandomFile(source, size, qHash(QString(QTest::currentDataTag())));
     if (!upload) {
-        QVERIFY(putRemote(remote, readFile(source)));
+        QVERIFY(m_server.putFile(remote, readFile(source)));
     }
     const SubTaskInfo task =
         upload ? uploadTask(newId(), source, remote, size) : downloadTask(newId(), remote, target, size);
@@ -190,8 +152,7 @@ void TestChunkedTransfer::failedBlockResumes()
         fault.insert("code", status == 403 ? "forbidden" : "internal");
     }
     QVERIFY(m_server.armFault(fault));
-    KXOutcomes::Outcome outcome;
-    QVERIFY(run(task, outcome));
+    KXOutcomes::Outcome outcome = run(task);
     QCOMPARE(int(outcome.code), code);
     QCOMPARE(outcome.record.state, StateError);
     QCOMPARE(outcome.record.httpCode, status);
@@ -212,7 +173,7 @@ void TestChunkedTransfer::failedBlockResumes()
     }
     QVERIFY(m_server.clearFaults());
     QVERIFY(m_server.resetStats());
-    QVERIFY(run(task, outcome));
+    outcome = run(task);
     QCOMPARE(outcome.code, NoError);
     // The failed block, and the changed one.
     QCOMPARE(stat(upload ? "block_uploads" : "downloads"), moved);
@@ -224,13 +185,12 @@ void TestChunkedTransfer::unwritableTargetFailsWithoutPartialFile()
     const qint64 size = kBlock + 100;
     const QString source = m_dir->filePath(QStringLiteral("plain.bin"));
     const QString sha = writeRandomFile(source, size, 14);
-    QVERIFY(putRemote(QStringLiteral("/e2e/plain.bin"), readFile(source)));
+    QVERIFY(m_server.putFile(QStringLiteral("/e2e/plain.bin"), readFile(source)));
 
     // A regular file stands where the target's folder would have to be.
     const QString target = source + QStringLiteral("/sub/plain.bin");
     const SubTaskInfo task = downloadTask(newId(), QStringLiteral("/e2e/plain.bin"), target, size);
-    KXOutcomes::Outcome outcome;
-    QVERIFY(run(task, outcome));
+    KXOutcomes::Outcome outcome = run(task);
     QCOMPARE(outcome.code, LocalFileError);
     QCOMPARE(outcome.record.state, StateError);
     QVERIFY(!QFile::exists(target));
@@ -249,10 +209,8 @@ void TestChunkedTransfer::zeroLimitStoresBlocksThatACommitStillNeeds()
     setLimit(0);
     const long long handle = start(task);
     // The one progress report of a chunked transfer comes as its blocks are queued.
-    QTRY_VERIFY_WITH_TIMEOUT(progressCalls(task.subTaskId) == 1, kWait);
-    Transfer::cancel(handle);
-    waitUntilGone(task.subTaskId);
-    KXOutcomes::Outcome outcome = KXOutcomes::get(task.subTaskId);
+    QTRY_VERIFY_WITH_TIMEOUT(KXOutcomes::get(task.subTaskId).progress == 1, kWait);
+    KXOutcomes::Outcome outcome = cancel(handle, task.subTaskId);
     QCOMPARE(outcome.code, NoError);
     QCOMPARE(outcome.record.state, StatePaused);
     QCOMPARE(stat("hash_queries") + stat("block_uploads"), 0);
@@ -266,7 +224,7 @@ void TestChunkedTransfer::zeroLimitStoresBlocksThatACommitStillNeeds()
         block->setHash(KXUtil::SHA256(readFile(source).mid(kBlock, kBlock)));
         QVERIFY(CKXTFStoreManager::inst()->db()->AddBlockTask(*block));
     }
-    QVERIFY(run(task, outcome));
+    outcome = run(task);
     QCOMPARE(outcome.code, UploadHashError);
     QCOMPARE(outcome.record.errorInfo, QStringLiteral("上传文件hash出错，需要重传"));
     QCOMPARE(outcome.record.state, StateError);
@@ -286,16 +244,14 @@ void TestChunkedTransfer::cancelPausesRunningBlocksAndResumes()
     QVERIFY(m_server.armFault({{"op", "block_upload"}, {"action", "delay"}, {"ms", 3000}, {"count", 2}}));
     const long long handle = start(task);
     QTRY_VERIFY_WITH_TIMEOUT(stat("inflight") >= 2, kWait);
-    Transfer::cancel(handle);
-    waitUntilGone(task.subTaskId);
-    KXOutcomes::Outcome outcome = KXOutcomes::get(task.subTaskId);
+    KXOutcomes::Outcome outcome = cancel(handle, task.subTaskId);
     QCOMPARE(outcome.calls, 1);
     QCOMPARE(outcome.code, NoError);
     QCOMPARE(outcome.record.state, StatePaused);
     QCOMPARE(StoredBlocks(task.subTaskId).withState(BlockTaskStateCompleted), 0);
 
     QVERIFY(m_server.clearFaults());
-    QVERIFY(run(task, outcome));
+    outcome = run(task);
     QCOMPARE(outcome.code, NoError);
     QCOMPARE(serverSha256(QStringLiteral("/e2e/cancel.bin")), sha);
 }
@@ -324,19 +280,19 @@ void TestChunkedTransfer::killedRunMovesOnlyTheMissingBlocks()
     const QString remote = link ? QStringLiteral("/in/link.bin") : onServer;
     const QString target = m_dir->filePath(QStringLiteral("target.bin"));
     const QString id = newId();
-    QStringList args = runnerArgs(id, upload ? source : target, remote, size);
+    QStringList args =
+        KXRunnerProcess::args(m_server, id, upload ? source : target, remote, size, !upload, 1);
     if (link) {
         args << QStringLiteral("--share") << code << QStringLiteral("--password") << QStringLiteral("pw");
     } else if (!upload) {
-        QVERIFY(putRemote(remote, readFile(source)));
-        args << QStringLiteral("--download");
+        QVERIFY(m_server.putFile(remote, readFile(source)));
     }
     // Slow block answers leave time to kill the client between blocks.
     QVERIFY(m_server.armFault(
         {{"op", upload ? "block_upload" : "download"}, {"action", "delay"}, {"ms", 100}, {"count", 100}}));
     {
         KXRunnerProcess first(args);
-        QTRY_VERIFY_WITH_TIMEOUT(first.blocksDone() >= 3, kWait);
+        QTRY_VERIFY_WITH_TIMEOUT(StoredBlocks(id).withState(BlockTaskStateCompleted) >= 3, kWait);
         first.kill9();
     }
     const StoredBlocks stored(id);
@@ -362,7 +318,7 @@ void TestChunkedTransfer::killedRunMovesOnlyTheMissingBlocks()
     QTRY_VERIFY_WITH_TIMEOUT(stat("inflight") == 0, kWait);
     QVERIFY(m_server.resetStats());
     KXRunnerProcess second(args);
-    QCOMPARE(second.finish(), QStringLiteral("done 0 64"));
+    QCOMPARE(second.finish(kWait), QStringLiteral("done 0 64"));
     if (upload) {
         // The block in flight at the kill may have reached the server; its hash query then finds it.
         const int sent = stat("block_uploads");

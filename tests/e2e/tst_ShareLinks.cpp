@@ -33,14 +33,11 @@ private slots:
     void uploadIntoFolderLink();
     void downloadFromFolderAndFileLinks_data();
     void downloadFromFolderAndFileLinks();
-    void authorisationWithoutSessionKeepsTheStoredOne_data() { sizes(); }
-    void authorisationWithoutSessionKeepsTheStoredOne();
     void refusedLinksFailWithMappedCodes_data() { sizes(); }
     void refusedLinksFailWithMappedCodes();
 
 private:
-    // Runs an upload of `source` into the link under a new id; what its final callback reported
-    // (code -1 on a time-out).
+    // Runs an upload of `source` into the link under a new id; what its final callback reported.
     KXOutcomes::Outcome uploadThrough(const QString& code, const QString& source, const QString& path,
                                       qint64 size, const QString& password = {},
                                       const QString& overwrite = {});
@@ -52,31 +49,47 @@ KXOutcomes::Outcome TestShareLinks::uploadThrough(const QString& code, const QSt
 {
     SubTaskInfo task = throughLink(uploadTask(newId(), source, path, size), code, password);
     task.remoteFile.delivery.overwrite = overwrite;
-    KXOutcomes::Outcome outcome;
-    if (!run(task, outcome))
-        outcome.code = ErrorCode(-1);
-    return outcome;
+    return run(task);
 }
 
-// A new file, then a replacement that the link's overwrite flag allows, then one it does not.
+// A new file; then one whose authorisation kxserver's "no_session" hook answers without
+// "session_id" (and without the cookie): the task goes on with the session it holds, and without
+// one the link refuses its data; then a replacement that the link's overwrite flag allows, then one
+// it does not.
 void TestShareLinks::uploadIntoFolderLink()
 {
     QFETCH(qint64, size);
     const bool chunked = size > kBlock;
-    const QString code =
-        m_server.createShare(QStringLiteral("/drop/%1").arg(size), true, QStringLiteral("pw"));
+    const QString folder = QStringLiteral("/drop/%1").arg(size);
+    const QString code = m_server.createShare(folder, true, QStringLiteral("pw"));
     QVERIFY(!code.isEmpty());
     const QString source = m_dir->filePath(QStringLiteral("up.bin"));
-    const QString remote = QStringLiteral("/drop/%1/in/up.bin").arg(size);
+    const QString remote = folder + QStringLiteral("/in/up.bin");
     QString sha = writeRandomFile(source, size, quint32(size) + 21);
     const KXOutcomes::Outcome outcome = uploadThrough(code, source, "/in/up.bin", size, "pw");
     QCOMPARE(int(outcome.code), int(NoError));
     QCOMPARE(outcome.record.state, StateCompleted);
-    QVERIFY(!outcome.record.remoteFile.delivery.sessionId.isEmpty());
+    const QString session = outcome.record.remoteFile.delivery.sessionId;
+    QVERIFY(!session.isEmpty());
     QCOMPARE(serverSha256(remote), sha);
     QCOMPARE(stat("file_uploads"), chunked ? 0 : 1);
     QCOMPARE(stat("block_uploads"), chunked ? 3 : 0);
     QCOMPARE(stat("commits"), chunked ? 1 : 0);
+
+    // The same bytes at both sizes: the first block of the chunked row's file is the whole row's file,
+    // which lies outside this link's folder.
+    const QString keptSha = writeRandomFile(source, size, 42);
+    QVERIFY(m_server.armFault({{"op", "share_auth"}, {"action", "no_session"}, {"count", 2}}));
+    SubTaskInfo task =
+        throughLink(uploadTask(newId(), source, "/kept.bin", size), code, QStringLiteral("pw"));
+    task.remoteFile.delivery.sessionId = session;
+    const KXOutcomes::Outcome kept = run(task);
+    QCOMPARE(int(kept.code), int(NoError));
+    QCOMPARE(kept.record.remoteFile.delivery.sessionId, session);
+    QCOMPARE(kept.record.remoteFile.delivery.lbc, QStringLiteral("kxserver"));
+    QCOMPARE(serverSha256(folder + QStringLiteral("/kept.bin")), keptSha);
+    QCOMPARE(int(uploadThrough(code, source, "/none.bin", size, "pw").code), int(SessionInvalid));
+    QVERIFY(serverSha256(folder + QStringLiteral("/none.bin")).startsWith(QLatin1String("status 404")));
 
     sha = writeRandomFile(source, size, quint32(size) + 22);
     QCOMPARE(int(uploadThrough(code, source, "/in/up.bin", size, "pw", "true").code), int(NoError));
@@ -102,7 +115,7 @@ void TestShareLinks::downloadFromFolderAndFileLinks()
     QFETCH(bool, fileLink);
     const bool chunked = size > kBlock;
     const QByteArray content = randomBytes(size, 31);
-    QVERIFY(putRemote(QStringLiteral("/pub/sub/doc.bin"), content));
+    QVERIFY(m_server.putFile(QStringLiteral("/pub/sub/doc.bin"), content));
     const QString code = m_server.createShare(
         fileLink ? QStringLiteral("/pub/sub/doc.bin") : QStringLiteral("/pub"), false, QStringLiteral("pw"));
     QVERIFY(!code.isEmpty());
@@ -113,8 +126,7 @@ void TestShareLinks::downloadFromFolderAndFileLinks()
     const QString inShare = fileLink ? QString() : QStringLiteral("/sub/doc.bin");
     const SubTaskInfo task =
         throughLink(downloadTask(newId(), inShare, target, size), code, QStringLiteral("pw"));
-    KXOutcomes::Outcome outcome;
-    QVERIFY(run(task, outcome));
+    const KXOutcomes::Outcome outcome = run(task);
     QCOMPARE(int(outcome.code), int(NoError));
     QCOMPARE(readFile(target), content);
     QVERIFY(!QFile::exists(KXUtil::tmpFile(target, task.subTaskId)));
@@ -122,38 +134,6 @@ void TestShareLinks::downloadFromFolderAndFileLinks()
     // never asks the link for an upload session.
     QCOMPARE(stat("downloads"), chunked ? 3 : 1);
     QCOMPARE(stat("requests"), stat("downloads") + (chunked ? 1 : 0));
-}
-
-// kxserver's "no_session" hook answers the authorisation without "session_id" (and without the
-// cookie). The task goes on with the session it holds; without one the link refuses its data.
-void TestShareLinks::authorisationWithoutSessionKeepsTheStoredOne()
-{
-    QFETCH(qint64, size);
-    // A folder of its own for each size, so that the names below are new.
-    const QString code = m_server.createShare(QStringLiteral("/kept/%1").arg(size), true);
-    QVERIFY(!code.isEmpty());
-    const QString first = m_dir->filePath(QStringLiteral("first.bin"));
-    writeRandomFile(first, 1000, 41);
-    const KXOutcomes::Outcome opened = uploadThrough(code, first, "/first.bin", 1000);
-    QCOMPARE(int(opened.code), int(NoError));
-    const QString session = opened.record.remoteFile.delivery.sessionId;
-    QVERIFY(!session.isEmpty());
-
-    const QString source = m_dir->filePath(QStringLiteral("second.bin"));
-    const QString sha = writeRandomFile(source, size, 42);
-    QVERIFY(m_server.armFault({{"op", "share_auth"}, {"action", "no_session"}, {"count", 2}}));
-    SubTaskInfo task = throughLink(uploadTask(newId(), source, QStringLiteral("/second.bin"), size), code);
-    task.remoteFile.delivery.sessionId = session;
-    KXOutcomes::Outcome outcome;
-    QVERIFY(run(task, outcome));
-    QCOMPARE(int(outcome.code), int(NoError));
-    QCOMPARE(outcome.record.remoteFile.delivery.sessionId, session);
-    QCOMPARE(outcome.record.remoteFile.delivery.lbc, QStringLiteral("kxserver"));
-    QCOMPARE(serverSha256(QStringLiteral("/kept/%1/second.bin").arg(size)), sha);
-
-    QCOMPARE(int(uploadThrough(code, source, "/third.bin", size).code), int(SessionInvalid));
-    QVERIFY(
-        serverSha256(QStringLiteral("/kept/%1/third.bin").arg(size)).startsWith(QLatin1String("status 404")));
 }
 
 void TestShareLinks::refusedLinksFailWithMappedCodes()
@@ -183,15 +163,12 @@ void TestShareLinks::refusedLinksFailWithMappedCodes()
     }
     QVERIFY(serverSha256(QStringLiteral("/ro/refused.bin")).startsWith(QLatin1String("status 404")));
 
-    QVERIFY(putRemote(QStringLiteral("/ro/doc.bin"), readFile(source)));
+    QVERIFY(m_server.putFile(QStringLiteral("/ro/doc.bin"), readFile(source)));
     const QList<Case> downloads = {{"nosuchcode", "pw", SourceNotFound}, {readOnly, "wrong", SessionInvalid}};
     for (const Case& c : downloads) {
         const QString target = m_dir->filePath(QStringLiteral("refused.copy"));
-        KXOutcomes::Outcome outcome;
-        QVERIFY(run(
-            throughLink(downloadTask(newId(), QStringLiteral("/doc.bin"), target, size), c.code, c.password),
-            outcome));
-        QCOMPARE(int(outcome.code), int(c.expected));
+        const SubTaskInfo task = downloadTask(newId(), QStringLiteral("/doc.bin"), target, size);
+        QCOMPARE(int(run(throughLink(task, c.code, c.password)).code), int(c.expected));
         QVERIFY(!QFile::exists(target));
     }
 }

@@ -5,9 +5,9 @@
 // costs at most the blocks that were in flight.
 
 #include "KXReliabilityTest.h"
+#include "KXRunnerProcess.h"
 #include "KXUtil.h"
 
-#include <QProcess>
 #include <QRandomGenerator>
 #include <QTest>
 
@@ -32,56 +32,6 @@ struct Job
     QString sha;
 };
 
-// One run of the runner executable on `job`, with a home of its own for its database.
-class Runner
-{
-public:
-    Runner(CKXApiFixture& env, const Job& job)
-    {
-        const QString home = env.localPath(QStringLiteral("runner-home"));
-        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-        environment.insert(QStringLiteral("HOME"), home);
-        environment.insert(QStringLiteral("XDG_DATA_HOME"), home + QStringLiteral("/data"));
-        m_process.setProcessEnvironment(environment);
-        m_process.setProgram(QStringLiteral(KX_BIN_DIR "/kx_chunked_runner"));
-        QStringList args{QStringLiteral("--base"),        env.server().baseUrl(),
-                         QStringLiteral("--token"),       env.server().token(),
-                         QStringLiteral("--id"),          job.id,
-                         QStringLiteral("--local"),       job.local,
-                         QStringLiteral("--remote"),      job.remote,
-                         QStringLiteral("--size"),        QString::number(kSize),
-                         QStringLiteral("--concurrency"), QString::number(kConcurrency)};
-        if (job.download) {
-            args << QStringLiteral("--download");
-        }
-        m_process.setArguments(args);
-        m_process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-        m_process.start();
-    }
-    ~Runner() { kill9(); }
-
-    // True once the engine inside has started the task: the runner reports from then on.
-    bool started(int timeoutMs) { return m_process.canReadLine() || m_process.waitForReadyRead(timeoutMs); }
-    // True when the process ended by itself within `timeoutMs`.
-    bool finished(int timeoutMs)
-    {
-        return m_process.state() == QProcess::NotRunning || m_process.waitForFinished(timeoutMs);
-    }
-    void kill9()
-    {
-        m_process.kill(); // SIGKILL: no handler, no clean-up; a no-op once the process has ended
-        m_process.waitForFinished();
-    }
-    // The runner's last line: "done <code> <state>" after a final callback.
-    QString lastLine()
-    {
-        return QString::fromUtf8(m_process.readAll().trimmed().split('\n').last().trimmed());
-    }
-
-private:
-    QProcess m_process;
-};
-
 } // namespace
 
 class TestCrashLoop : public CKXReliabilityTest
@@ -95,6 +45,13 @@ private slots:
 
 private:
     Job newJob(bool download, int n);
+    // The runner of `job`, with a home of its own for its database.
+    QStringList runnerArgs(const Job& job)
+    {
+        return KXRunnerProcess::args(env().server(), job.id, job.local, job.remote, kSize, job.download,
+                                     kConcurrency);
+    }
+    QString runnerHome() { return env().localPath(QStringLiteral("runner-home")); }
     // The job's file is complete and identical at its destination.
     void checkDone(const Job& job);
     qint64 stat(const char* name)
@@ -150,16 +107,15 @@ void TestCrashLoop::killedAgainAndAgain()
     // A job that completes between two kills is checked and replaced by a new one, so that every
     // round is killed during some chunked transfer; after the last kill the job runs to its end.
     for (;;) {
-        Runner runner(env(), job);
-        QVERIFY(runner.started(kWaitMs));
+        KXRunnerProcess run(runnerArgs(job), runnerHome());
+        QVERIFY(run.started(kWaitMs));
         // Anywhere from hashing the first blocks to committing or moving the file into place.
-        if (kills < kKills && !runner.finished(int(random.bounded(20, 900)))) {
-            runner.kill9();
+        if (kills < kKills && run.finish(int(random.bounded(20, 900))).isEmpty()) {
+            run.kill9();
             ++kills;
             continue;
         }
-        QVERIFY(runner.finished(kWaitMs));
-        QCOMPARE(runner.lastLine(), QStringLiteral("done 0 64"));
+        QCOMPARE(run.finish(kWaitMs), QStringLiteral("done 0 64"));
         checkDone(job);
         if (QTest::currentTestFailed()) {
             return;
@@ -190,21 +146,18 @@ void TestCrashLoop::killedWhileFinishingDownload()
     // The download reports itself to the server after the file is in place; that report, the
     // request after the seven blocks, is held until the client is gone.
     QVERIFY(env().server().armFault({{"op", "log"}, {"action", "delay"}, {"ms", 30000}}));
-    {
-        Runner runner(env(), job);
-        QTRY_VERIFY_WITH_TIMEOUT(stat("requests") >= 8, kWaitMs);
-        QVERIFY(QFile::exists(job.local));
-        runner.kill9();
-    }
+    KXRunnerProcess killed(runnerArgs(job), runnerHome());
+    QTRY_VERIFY_WITH_TIMEOUT(stat("requests") >= 8, kWaitMs);
+    QVERIFY(QFile::exists(job.local));
+    killed.kill9();
     QVERIFY(!QFile::exists(KXUtil::tmpFile(job.local, job.id)));
     // The held report no longer matters; a server started again has no faults and fresh counts.
     env().server().kill9();
     QVERIFY2(env().server().restart(), qPrintable(env().server().errorString()));
 
     // The next run finds the task complete and moves nothing again.
-    Runner again(env(), job);
-    QVERIFY(again.finished(kWaitMs));
-    QCOMPARE(again.lastLine(), QStringLiteral("done 0 64"));
+    KXRunnerProcess again(runnerArgs(job), runnerHome());
+    QCOMPARE(again.finish(kWaitMs), QStringLiteral("done 0 64"));
     QCOMPARE(stat("downloads"), qint64(0));
     checkDone(job);
 }

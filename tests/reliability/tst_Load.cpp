@@ -50,11 +50,6 @@ qint64 settledResidentBytes()
     return match.hasMatch() ? match.captured(1).toLongLong() * 1024 : -1;
 }
 
-qint64 allocatedBytes()
-{
-    return qint64(::mallinfo2().uordblks);
-}
-
 // One task of the load and what it should produce.
 struct LoadTask
 {
@@ -135,7 +130,7 @@ void TestLoad::twoHundredAtOnce()
     ServerApi::shutdown();
     const int threadsBefore = threadCount();
     const qint64 rssBefore = settledResidentBytes();
-    const qint64 heapBefore = allocatedBytes();
+    const qint64 heapBefore = qint64(::mallinfo2().uordblks);
     Transfer::setConfig(TransferConfigUserPath, QString());
     Transfer::setConfig(TransferConfigMaxConcurrentCount, QStringLiteral("4"));
     env().configureServerApi(env().server().token());
@@ -161,12 +156,10 @@ void TestLoad::twoHundredAtOnce()
         threadCount() <= threadsBefore,
         qPrintable(QStringLiteral("%1 threads, %2 before").arg(threadCount()).arg(threadsBefore)), 10000);
     if (kAddressSanitizer) {
-        QSKIP(
-            "AddressSanitizer has an allocator of its own with a quarantine; memory is checked in the normal "
-            "build");
+        QSKIP("AddressSanitizer's allocator keeps a quarantine; memory is checked in the normal build");
     }
     const qint64 rssAfter = settledResidentBytes();
-    const qint64 heapAfter = allocatedBytes();
+    const qint64 heapAfter = qint64(::mallinfo2().uordblks);
     qInfo("resident %lld KiB before, %lld KiB after; allocated %lld KiB before, %lld KiB after",
           rssBefore / 1024, rssAfter / 1024, heapBefore / 1024, heapAfter / 1024);
     QVERIFY2(rssAfter <= rssBefore + kRssSlack,

@@ -9,12 +9,8 @@
 #include <QFile>
 #include <QTest>
 
-namespace {
-
 const qint64 kWholeSize = 3000;
 const qint64 kChunkedSize = 4194304 + 4321;
-
-} // namespace
 
 class TestOddNames : public CKXReliabilityTest
 {

@@ -1,11 +1,19 @@
 // kxtransfer run as a user runs it: a separate process, its exit status and what it prints,
-// against a real kxserver.
+// against a real kxserver; and from inside, the parts that decide what the user sees: rates, task
+// ids, progress lines, error names and mapping, and the read-only view of the engine's database.
 
+#include "KXBatchRunner.h"
+#include "KXCommandLine.h"
 #include "KXNginxProcess.h"
+#include "KXProgressPrinter.h"
+#include "KXRemoteMeta.h"
 #include "KXServerProcess.h"
 #include "KXSilentServer.h"
+#include "KXTaskDatabase.h"
 #include "KXTestData.h"
-#include "KXTestHttp.h"
+#include "KXTestSql.h"
+#include "KXTransferRunner.h"
+#include "ServerApiTypes.h"
 
 #include <QDir>
 #include <QDirIterator>
@@ -17,6 +25,8 @@
 #include <QtTest>
 
 #include <csignal>
+#include <cstdio>
+#include <cstdlib>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -31,10 +41,7 @@ struct ToolRun
 
 const qint64 kResumeFileSize = 12 * 1024 * 1024 + 4321; // 4 blocks, the last one short
 
-QString toolPath()
-{
-    return QStringLiteral(KX_BIN_DIR "/kxtransfer");
-}
+const QString kTool = QStringLiteral(KX_BIN_DIR "/kxtransfer");
 
 // Every file under root by its path relative to root, with its SHA-256.
 QMap<QString, QString> treeDigest(const QString& root)
@@ -71,6 +78,38 @@ int makeTree(const QString& root, int smallFiles, int largeFiles)
     return made;
 }
 
+// What a printer in `mode` draws for one transfer of 100 bytes reported done in `steps` steps.
+QByteArray drawn(CKXProgressPrinter::Mode mode, int steps)
+{
+    char* data = nullptr;
+    size_t size = 0;
+    FILE* stream = open_memstream(&data, &size);
+    CKXProgressPrinter printer(mode, stream);
+    printer.begin(QStringLiteral("t.bin"), 100);
+    for (int step = 1; step <= steps; ++step) {
+        printer.update(step * 100 / steps, 100);
+    }
+    printer.end();
+    std::fclose(stream);
+    const QByteArray text(data, static_cast<int>(size));
+    std::free(data);
+    return text;
+}
+
+// One row of the engine's task table as SQL values: its id, state, sizes and task JSON, with
+// `extra` members of the task and `remote` members of its server-side file.
+QString taskRow(const QString& id, int state, qint64 size, qint64 sent, bool upload, const QString& extra,
+                const QString& remote)
+{
+    return QStringLiteral("('%1', %2, %3, %4, '{\"is_upload\":%5,\"data_server\":\"\",%6"
+                          "\"vault_file\":{%7},\"local_file\":{\"path\":\"/l/%1\"}}')")
+        .arg(id)
+        .arg(state)
+        .arg(size)
+        .arg(sent)
+        .arg(upload ? "true" : "false", extra, remote);
+}
+
 } // namespace
 
 class TestKXTransferCommand : public QObject
@@ -89,10 +128,22 @@ private slots:
     void treeRoundTrip();
     void interruptedTreeResumes();
 
+    void rates_data();
+    void rates();
+    void taskIdsFollowEveryPart();
+    void downloadsKeepExistingFiles();
+    void targetAlreadyHoldsSource_data();
+    void targetAlreadyHoldsSource();
+    void codeNames();
+    void progressText();
+    void printerModes();
+    void serverErrorsMapLikeTheEngine_data();
+    void serverErrorsMapLikeTheEngine();
+    void databaseView();
+
 private:
     QProcessEnvironment environment(bool withServer) const;
     ToolRun run(const QStringList& args, bool withServer = true) const;
-    QByteArray remoteFile(const QString& path) const;
     // The one error line of a run that failed (exit 1), or what the run did instead.
     QString failureLine(const QStringList& args, bool withServer = true) const;
     // Starts `command` and, once its output so far is `enough`, interrupts it as Ctrl-C does: the
@@ -106,7 +157,7 @@ private:
 void TestKXTransferCommand::initTestCase()
 {
     QVERIFY(m_dir.isValid());
-    QVERIFY(QFileInfo(toolPath()).isExecutable());
+    QVERIFY(QFileInfo(kTool).isExecutable());
     QVERIFY2(m_server.start(), qPrintable(m_server.errorString()));
 }
 
@@ -128,7 +179,7 @@ ToolRun TestKXTransferCommand::run(const QStringList& args, bool withServer) con
     QProcess process;
     process.setProcessEnvironment(environment(withServer));
     process.setWorkingDirectory(m_dir.path());
-    process.start(toolPath(), args);
+    process.start(kTool, args);
     ToolRun result;
     if (!process.waitForFinished(120000) || process.exitStatus() != QProcess::NormalExit) {
         process.kill();
@@ -141,20 +192,13 @@ ToolRun TestKXTransferCommand::run(const QStringList& args, bool withServer) con
     return result;
 }
 
-QByteArray TestKXTransferCommand::remoteFile(const QString& path) const
-{
-    const TestHttpReply reply = m_server.getFile(path);
-    return reply.status == 200 ? reply.body : QByteArray();
-}
-
 QString TestKXTransferCommand::failureLine(const QStringList& args, bool withServer) const
 {
     const ToolRun result = run(args + QStringList{"-q"}, withServer);
     const QStringList lines = result.err.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
-    if (result.exitCode == 1 && lines.size() == 1) {
-        return lines.first();
-    }
-    return QStringLiteral("exit %1: %2").arg(result.exitCode).arg(result.err);
+    return result.exitCode == 1 && lines.size() == 1
+               ? lines.first()
+               : QStringLiteral("exit %1: %2").arg(result.exitCode).arg(result.err);
 }
 
 QString TestKXTransferCommand::interrupt(const QStringList& command,
@@ -162,7 +206,7 @@ QString TestKXTransferCommand::interrupt(const QStringList& command,
 {
     QProcess first;
     first.setProcessEnvironment(environment(true));
-    first.start(toolPath(), command);
+    first.start(kTool, command);
     QString progress;
     const auto readEnough = [&] {
         progress += QString::fromLocal8Bit(first.readAllStandardOutput());
@@ -186,40 +230,33 @@ void TestKXTransferCommand::argumentErrors_data()
     QTest::addColumn<bool>("withServer");
     QTest::addColumn<QString>("message");
 
-    QTest::newRow("help") << QStringList{"--help"} << true
-                          << QDir(m_dir.filePath("data")).filePath("Transfer/transfer.db");
-    QTest::newRow("no command") << QStringList() << true << "no command given";
-    QTest::newRow("unknown command") << QStringList{"fly", "a", "b"} << true << "unknown command 'fly'";
-    QTest::newRow("missing operand") << QStringList{"upload", "a.bin"} << true
-                                     << "'upload' takes 2 operand(s), got 1";
-    QTest::newRow("operand too many")
-        << QStringList{"list", "x"} << true << "'list' takes 0 operand(s), got 1";
-    QTest::newRow("no server") << QStringList{"download", "/a", "a"} << false << "no server";
-    QTest::newRow("no token, https") << QStringList{"upload", "a", "/a", "--server", "https://127.0.0.1:1"}
-                                     << false << "no token";
-    QTest::newRow("not http") << QStringList{"upload", "a", "/a", "--server", "ftp://h", "--token", "t"}
-                              << false << "not an http:// or https:// address";
-    QTest::newRow("jobs text") << QStringList{"upload", "a", "/a", "--jobs", "many"} << true
-                               << "--jobs wants";
-    QTest::newRow("limit text") << QStringList{"upload", "a", "/a", "--limit", "fast"} << true
-                                << "--limit wants";
-    QTest::newRow("timeout zero") << QStringList{"download", "/a", "a", "--timeout", "0"} << true
-                                  << "--timeout wants";
-    QTest::newRow("task id quote") << QStringList{"upload", "a", "/a", "--task-id", "it's"} << true
-                                   << "--task-id wants";
-    QTest::newRow("unknown option") << QStringList{"list", "--fast"} << true << "Unknown option 'fast'";
-    QTest::newRow("share link") << QStringList{"share-download", "no.such/a", "a"} << true
-                                << "'no.such/a' is not a share link";
-    QTest::newRow("share no server") << QStringList{"share-upload", "a", "code/"} << false << "no server";
-    QTest::newRow("transfers zero") << QStringList{"upload", "a", "b", "/c/", "--transfers", "0"} << true
-                                    << "--transfers wants";
-    QTest::newRow("share tree download")
-        << QStringList{"share-download", "-r", "code/", "d/"} << true << "a share link cannot list a folder";
-    QTest::newRow("several, one missing") << QStringList{"upload", ".", "no-such-file", "/c/", "-r"} << true
-                                          << "no such file or folder: no-such-file";
-    QTest::newRow("folder without -r") << QStringList{"upload", ".", ".", "/c/"} << true << "give -r";
-    QTest::newRow("task id for many")
-        << QStringList{"upload", "-r", ".", "/c/", "--task-id", "x"} << true << "--task-id names one";
+    // Without a server and token in the environment when `withServer` is false.
+    const auto row = [](const char* tag, const QStringList& args, const QString& message,
+                        bool withServer = true) {
+        QTest::newRow(tag) << args << withServer << message;
+    };
+    row("help", {"--help"}, QDir(m_dir.filePath("data")).filePath("Transfer/transfer.db"));
+    row("no command", {}, "no command given");
+    row("unknown command", {"fly", "a", "b"}, "unknown command 'fly'");
+    row("missing operand", {"upload", "a.bin"}, "'upload' takes 2 operand(s), got 1");
+    row("operand too many", {"list", "x"}, "'list' takes 0 operand(s), got 1");
+    row("no server", {"download", "/a", "a"}, "no server", false);
+    row("no token, https", {"upload", "a", "/a", "--server", "https://127.0.0.1:1"}, "no token", false);
+    row("not http", {"upload", "a", "/a", "--server", "ftp://h", "--token", "t"},
+        "not an http:// or https:// address", false);
+    row("jobs text", {"upload", "a", "/a", "--jobs", "many"}, "--jobs wants");
+    row("limit text", {"upload", "a", "/a", "--limit", "fast"}, "--limit wants");
+    row("timeout zero", {"download", "/a", "a", "--timeout", "0"}, "--timeout wants");
+    row("task id quote", {"upload", "a", "/a", "--task-id", "it's"}, "--task-id wants");
+    row("unknown option", {"list", "--fast"}, "Unknown option 'fast'");
+    row("share link", {"share-download", "no.such/a", "a"}, "'no.such/a' is not a share link");
+    row("share no server", {"share-upload", "a", "code/"}, "no server", false);
+    row("transfers zero", {"upload", "a", "b", "/c/", "--transfers", "0"}, "--transfers wants");
+    row("share tree download", {"share-download", "-r", "code/", "d/"}, "a share link cannot list a folder");
+    row("several, one missing", {"upload", ".", "no-such-file", "/c/", "-r"},
+        "no such file or folder: no-such-file");
+    row("folder without -r", {"upload", ".", ".", "/c/"}, "give -r");
+    row("task id for many", {"upload", "-r", ".", "/c/", "--task-id", "x"}, "--task-id names one");
 }
 
 void TestKXTransferCommand::argumentErrors()
@@ -296,7 +333,7 @@ void TestKXTransferCommand::interruptedUploadResumes()
     const QStringList command{"upload", local, "/resume/resume.bin", "--limit", "8M", "--jobs", "1"};
     const QString paused = interrupt(command, [](const QString& out) { return out.contains(someDone); });
     QVERIFY2(paused.isEmpty(), qPrintable(paused));
-    QVERIFY(remoteFile(QStringLiteral("/resume/resume.bin")).isEmpty());
+    QCOMPARE(m_server.getFile(QStringLiteral("/resume/resume.bin")).status, 404);
 
     const ToolRun list = run({"list"});
     QCOMPARE(list.exitCode, 0);
@@ -309,7 +346,7 @@ void TestKXTransferCommand::interruptedUploadResumes()
         static_cast<qint64>(m_server.stats().value(QStringLiteral("block_bytes")).toDouble());
     QVERIFY2(resent > 0 && resent <= kResumeFileSize - 4 * 1024 * 1024, qPrintable(QString::number(resent)));
 
-    QCOMPARE(sha256Hex(remoteFile(QStringLiteral("/resume/resume.bin"))), sha256Hex(content));
+    QCOMPARE(sha256Hex(m_server.getFile(QStringLiteral("/resume/resume.bin")).body), sha256Hex(content));
     const ToolRun after = run({"list"});
     QVERIFY2(after.out.startsWith(QLatin1String("no unfinished transfers")), qPrintable(after.out));
 }
@@ -330,7 +367,7 @@ void TestKXTransferCommand::concurrentDownloadsOfOneTarget()
             QProcessEnvironment env = environment(true);
             env.insert(QStringLiteral("XDG_DATA_HOME"), m_dir.filePath(QStringLiteral("data-%1").arg(i)));
             runs[i].setProcessEnvironment(env);
-            runs[i].start(toolPath(), command);
+            runs[i].start(kTool, command);
         }
         int written = 0;
         for (QProcess& process : runs) {
@@ -391,7 +428,7 @@ void TestKXTransferCommand::shareLinksBothWays()
     // No path: into the share's top folder.
     const ToolRun up = run(QStringList{"share-upload", largePath, code} + link, false);
     QVERIFY2(up.exitCode == 0, qPrintable(up.err));
-    QCOMPARE(sha256Hex(remoteFile(QStringLiteral("/drop/link-large.bin"))), sha256Hex(large));
+    QCOMPARE(sha256Hex(m_server.getFile(QStringLiteral("/drop/link-large.bin")).body), sha256Hex(large));
 
     const QString back = m_dir.filePath(QStringLiteral("link-back")) + QLatin1Char('/');
     const ToolRun down = run(QStringList{"share-download", code + "/link-large.bin", back} + link, false);
@@ -454,10 +491,7 @@ void TestKXTransferCommand::interruptedTreeResumes()
 
     int finished = 0;
     for (const QString& path : treeDigest(tree).keys()) {
-        const TestHttpReply reply = CKXTestHttp::get(
-            m_server.baseUrl() + "/v1/metadata?path=" + CKXTestHttp::encode("/paused/tree/" + path),
-            m_server.sessionHeader());
-        finished += reply.status == 200 ? 1 : 0;
+        finished += m_server.getFile("/paused/tree/" + path).status == 200 ? 1 : 0;
     }
     QVERIFY2(finished > 0 && finished < files, qPrintable(QString::number(finished)));
 
@@ -472,6 +506,238 @@ void TestKXTransferCommand::interruptedTreeResumes()
              files - finished);
     QCOMPARE(run({"download", "-r", "/paused/tree", m_dir.filePath("paused-back"), "-q"}).exitCode, 0);
     QCOMPARE(treeDigest(m_dir.filePath(QStringLiteral("paused-back/tree"))), treeDigest(tree));
+}
+
+void TestKXTransferCommand::rates_data()
+{
+    QTest::addColumn<QString>("text");
+    QTest::addColumn<qint64>("bytes"); // -1: refused
+    QTest::newRow("plain") << "2000000" << qint64(2000000);
+    QTest::newRow("zero") << "0" << qint64(0);
+    QTest::newRow("kilo lower") << "512k" << qint64(524288);
+    QTest::newRow("mega") << "10M" << qint64(10485760);
+    QTest::newRow("fraction MiB") << "1.5MiB" << qint64(1572864);
+    QTest::newRow("per second") << "10MB/s" << qint64(10485760);
+    QTest::newRow("giga") << "1G" << qint64(1073741824);
+    QTest::newRow("word") << "fast" << qint64(-1);
+    QTest::newRow("negative") << "-1M" << qint64(-1);
+    QTest::newRow("unit") << "10X" << qint64(-1);
+    QTest::newRow("empty") << "" << qint64(-1);
+    QTest::newRow("exponent") << "1e3" << qint64(-1);
+    QTest::newRow("huge") << "99999999G" << qint64(-1);
+}
+
+void TestKXTransferCommand::rates()
+{
+    QFETCH(QString, text);
+    QFETCH(qint64, bytes);
+    qint64 parsed = -7;
+    QCOMPARE(CKXCommandLine::parseRate(text, parsed), bytes >= 0);
+    if (bytes >= 0) {
+        QCOMPARE(parsed, bytes);
+    }
+}
+
+void TestKXTransferCommand::taskIdsFollowEveryPart()
+{
+    const QStringList parts{"upload", "/home/a.bin", "/a.bin", "http://s", "100", "1700000000", "0"};
+    const QString id = CKXTransferRunner::deriveTaskId(parts);
+    QCOMPARE(id, CKXTransferRunner::deriveTaskId(parts));
+    QCOMPARE(id.size(), 38);
+    QVERIFY(id.startsWith(QLatin1Char('{')) && id.endsWith(QLatin1Char('}')));
+    QSet<QString> ids{id};
+    for (int i = 0; i < parts.size(); ++i) {
+        QStringList changed = parts;
+        changed[i] += QLatin1Char('x');
+        ids.insert(CKXTransferRunner::deriveTaskId(changed));
+    }
+    QCOMPARE(ids.size(), parts.size() + 1);
+    // Parts are kept apart: moving text across a boundary is another task.
+    QVERIFY(CKXTransferRunner::deriveTaskId({"ab", "c"}) != CKXTransferRunner::deriveTaskId({"a", "bc"}));
+}
+
+void TestKXTransferCommand::downloadsKeepExistingFiles()
+{
+    QTemporaryDir dir;
+    for (const char* name : {"x.bin", "x(1).bin", "a.tar.gz", "report"}) {
+        QVERIFY(writeFile(dir.filePath(name), QByteArray()));
+    }
+    QCOMPARE(CKXTransferRunner::freeName(dir.filePath("new.bin")), dir.filePath("new.bin"));
+    QCOMPARE(CKXTransferRunner::freeName(dir.filePath("x.bin")), dir.filePath("x(2).bin"));
+    QCOMPARE(CKXTransferRunner::freeName(dir.filePath("a.tar.gz")), dir.filePath("a.tar(1).gz"));
+    QCOMPARE(CKXTransferRunner::freeName(dir.filePath("report")), dir.filePath("report(1)."));
+}
+
+void TestKXTransferCommand::targetAlreadyHoldsSource_data()
+{
+    QTest::addColumn<qint64>("targetSize");
+    QTest::addColumn<qint64>("targetTime");
+    QTest::addColumn<qint64>("sourceTime");
+    QTest::addColumn<bool>("holds");
+    // The source always has 5 bytes.
+    QTest::newRow("same size and time") << qint64(5) << qint64(100) << qint64(100) << true;
+    QTest::newRow("target newer") << qint64(5) << qint64(200) << qint64(100) << true;
+    QTest::newRow("source changed since") << qint64(5) << qint64(100) << qint64(101) << false;
+    QTest::newRow("other size") << qint64(6) << qint64(200) << qint64(100) << false;
+    QTest::newRow("time unknown: size decides") << qint64(5) << qint64(0) << qint64(100) << true;
+}
+
+void TestKXTransferCommand::targetAlreadyHoldsSource()
+{
+    QFETCH(qint64, targetSize);
+    QFETCH(qint64, targetTime);
+    QFETCH(qint64, sourceTime);
+    QFETCH(bool, holds);
+    QCOMPARE(CKXBatchRunner::alreadyThere(targetSize, targetTime, 5, sourceTime), holds);
+}
+
+// Names of the engine's codes that no failing run of the command prints, and of the codes the tool
+// adds; the libcurl range is failuresPrintOneErrorLine's silent-server rows.
+void TestKXTransferCommand::codeNames()
+{
+    const QList<QPair<int, QString>> names = {
+        {20007, "Forbidden"}, {20009, "NoSpace"}, {20110, "RenameTmpFileError"},
+        {1001, "Cancelled"},  {404, "Http404"},   {65535, "CreateBlocksError"},
+        {-3, "Unknown"}};
+    for (const auto& name : names) {
+        QCOMPARE(CKXTransferRunner::codeName(name.first), name.second);
+    }
+}
+
+void TestKXTransferCommand::progressText()
+{
+    QCOMPARE(CKXProgressPrinter::formatBytes(1023), QStringLiteral("1023 B"));
+    QCOMPARE(CKXProgressPrinter::formatBytes(1024), QStringLiteral("1.0 KiB"));
+    QCOMPARE(CKXProgressPrinter::formatBytes(64 * 1024 * 1024), QStringLiteral("64.0 MiB"));
+    QCOMPARE(CKXProgressPrinter::formatDuration(65), QStringLiteral("1:05"));
+    QCOMPARE(CKXProgressPrinter::formatDuration(3725), QStringLiteral("1:02:05"));
+    QCOMPARE(CKXProgressPrinter::formatDuration(-1), QStringLiteral("--:--"));
+
+    const QString half = CKXProgressPrinter::formatLine("a.bin", 50 * 1024, 100 * 1024, 10 * 1024);
+    QCOMPARE(half, QStringLiteral("a.bin   50%  50.0 KiB / 100.0 KiB  10.0 KiB/s  0:05 left"));
+    // Percent never passes 100, rate unknown leaves the time open, size unknown drops both.
+    QVERIFY(CKXProgressPrinter::formatLine("a", 200, 100, 1).contains(QLatin1String("100%")));
+    QVERIFY(CKXProgressPrinter::formatLine("a", 10, 100, -1).endsWith(QLatin1String("--  --:-- left")));
+    QCOMPARE(CKXProgressPrinter::formatLine("a", 2048, 0, -1), QStringLiteral("a  2.0 KiB  --"));
+    const QString longName = QString(40, QLatin1Char('n')) + QStringLiteral(".bin");
+    QVERIFY(CKXProgressPrinter::formatLine(longName, 1, 2, -1).startsWith(QLatin1String("...nnnn")));
+}
+
+void TestKXTransferCommand::printerModes()
+{
+    const QByteArray terminal = drawn(CKXProgressPrinter::Terminal, 1);
+    QVERIFY(terminal.startsWith("\rt.bin") && terminal.contains("\033[K"));
+    // The line held back by the rate limit is shown at the end.
+    QVERIFY2(terminal.contains("100%") && terminal.endsWith("\n"), terminal.constData());
+    QCOMPARE(terminal.count('\n'), 1);
+
+    // Far faster than one line a second: the first report, the last one, and the final line break.
+    const QByteArray plain = drawn(CKXProgressPrinter::Plain, 100);
+    const QList<QByteArray> lines = plain.split('\n');
+    QCOMPARE(lines.size(), 3);
+    QVERIFY(lines.at(0).contains("0%") && lines.at(1).contains("100%"));
+    QVERIFY(!plain.contains('\r'));
+    QVERIFY(drawn(CKXProgressPrinter::Quiet, 1).isEmpty());
+}
+
+void TestKXTransferCommand::serverErrorsMapLikeTheEngine_data()
+{
+    QTest::addColumn<int>("status");
+    QTest::addColumn<QString>("body");
+    QTest::addColumn<int>("code");
+    QTest::addColumn<QString>("message");
+    QTest::newRow("session") << 401 << R"({"code":"Invalid session","message":"who"})" << 20003 << "who";
+    QTest::newRow("session, lower case")
+        << 401 << R"({"code":"invalid session","message":"who"})" << 20001 << "who";
+    QTest::newRow("forbidden") << 403 << R"({"code":"forbidden: escapes","message":"no"})" << 20007 << "no";
+    QTest::newRow("virus") << 403 << R"({"code":"download_file_VirusF","message":"virus"})" << 20031
+                           << "virus";
+    QTest::newRow("not json") << 500 << "not json" << 20001 << "HTTP status 500";
+}
+
+void TestKXTransferCommand::serverErrorsMapLikeTheEngine()
+{
+    QFETCH(int, status);
+    QFETCH(QString, body);
+    QFETCH(int, code);
+    QFETCH(QString, message);
+    ResponseData response;
+    response.statusCode = status;
+    response.body = body;
+    QString mapped;
+    QCOMPARE(CKXRemoteMeta::mapError(response, mapped), code);
+    QCOMPARE(mapped, message);
+}
+
+// The read-only view of the engine's database, and the files it must not trip over.
+void TestKXTransferCommand::databaseView()
+{
+    QTemporaryDir dir;
+    const QString file = dir.filePath(QStringLiteral("transfer.db"));
+    QVERIFY(sqlExec(file,
+                    "CREATE TABLE [transfer_v1] ([id] text PRIMARY KEY, [task_id] text, [state] integer, "
+                    "[size] bigint, [send_size] bigint, [sub_task_info] text, [finger_mark] text, "
+                    "[reserved1] text, [reserved2] text )"));
+    QVERIFY(sqlExec(file,
+                    "CREATE TABLE [block_v1] ([id] text PRIMARY KEY, [sub_task_id] text, [state] integer, "
+                    "[is_upload] integer, [sent] bigint, [total] bigint, [length] bigint, [loc] bigint, "
+                    "[idx] integer, [hash] text, [sub_task_info] text, [is_quick_trans] integer, "
+                    "[block_info] text, [reserved1] text )"));
+    const QString link = R"("path":"/in/a.bin","isDeliveryTrans":true,"delivery_code":"abc")";
+    const QString failed = R"("error_code":20009,"error_info":"空间不足",)";
+    QVERIFY(sqlExec(file, "INSERT INTO transfer_v1 (id, state, size, send_size, sub_task_info) VALUES " +
+                              taskRow("{up}", 8, 10000000, 123, true, "", R"("path":"/r/up.bin")") + ", " +
+                              taskRow("{down}", 32, 3000, 1000, false, failed, R"("path":"/r/down.bin")") +
+                              ", " + taskRow("{link}", 8, 5000, 0, true, "", link)));
+    // Two finished blocks of the upload, one paused, one finished block of another task.
+    QVERIFY(sqlExec(file, "INSERT INTO block_v1 (id, sub_task_id, state, length) VALUES ('b0', '{up}', 16, "
+                          "4194304), ('b1', '{up}', 16, 4194304), ('b2', '{up}', 4, 1611392), "
+                          "('c0', '{other}', 16, 5)"));
+
+    CKXTaskDatabase view(file);
+    QList<KXStoredTask> tasks;
+    QString error;
+    QVERIFY2(view.tasks(tasks, error), qPrintable(error));
+    QCOMPARE(tasks.size(), 3);
+    const KXStoredTask& down = tasks.at(0); // id order
+    QCOMPARE(down.id, QStringLiteral("{down}"));
+    QVERIFY(!down.isUpload);
+    QCOMPARE(down.doneBytes, qint64(1000)); // no blocks: the saved count
+    QCOMPARE(down.errorCode, 20009);
+    QCOMPARE(down.errorInfo, QStringLiteral("空间不足"));
+    // A share link's task names the link's code before the path inside it.
+    QCOMPARE(tasks.at(1).remotePath, QStringLiteral("abc/in/a.bin"));
+    const KXStoredTask& up = tasks.at(2);
+    QVERIFY(up.isUpload);
+    QCOMPARE(up.localPath, QStringLiteral("/l/{up}"));
+    QCOMPARE(up.remotePath, QStringLiteral("/r/up.bin"));
+    QCOMPARE(up.size, qint64(10000000));
+    QCOMPARE(up.doneBytes, qint64(8388608)); // the finished blocks, not the stale saved count
+    QCOMPARE(up.blocksDone, 2);
+
+    KXStoredTask found;
+    QVERIFY(view.find(QStringLiteral("{up}"), found));
+    QCOMPARE(found.state, 8);
+    QVERIFY(!view.find(QStringLiteral("{none}"), found));
+    QVERIFY(!view.find(QStringLiteral("x' OR '1'='1"), found));
+
+    QCOMPARE(CKXTaskDatabase::stateName(0), QStringLiteral("None"));
+    QCOMPARE(CKXTaskDatabase::stateName(12), QStringLiteral("Working|Paused"));
+    QCOMPARE(CKXTaskDatabase::stateName(160), QStringLiteral("Error|Stop"));
+
+    // No file, or one the engine never wrote to: nothing to list. Reading never creates the file.
+    const QString missing = dir.filePath(QStringLiteral("none/transfer.db"));
+    const QString empty = dir.filePath(QStringLiteral("empty.db"));
+    QVERIFY(sqlExec(empty, "CREATE TABLE other (x integer)"));
+    for (const QString& absent : {missing, empty}) {
+        QVERIFY2(CKXTaskDatabase(absent).tasks(tasks, error) && error.isEmpty(), qPrintable(error));
+        QVERIFY(tasks.isEmpty());
+    }
+    QVERIFY(!QFile::exists(missing));
+    const QString garbage = dir.filePath(QStringLiteral("garbage.db"));
+    QVERIFY(writeFile(garbage, QByteArray(4096, 'x')));
+    QVERIFY(!CKXTaskDatabase(garbage).tasks(tasks, error));
+    QVERIFY(!error.isEmpty());
 }
 
 QTEST_GUILESS_MAIN(TestKXTransferCommand)
