@@ -18,8 +18,12 @@ const QByteArray kSession = "X-ORBALA-SESS-ID: kx-dev-token";
 TestHttpReply send(const Client& http, const QString& request, const QByteArray& body,
                    const QList<QByteArray>& headers)
 {
-    return CKXTestHttp::send({request.section(QLatin1Char(' '), 0, 0).toLatin1(),
-                              http.url(request.section(QLatin1Char(' '), 1)), body, headers});
+    TestHttpRequest sent;
+    sent.method = request.section(QLatin1Char(' '), 0, 0).toLatin1();
+    sent.url = http.url(request.section(QLatin1Char(' '), 1));
+    sent.body = body;
+    sent.headers = headers;
+    return CKXTestHttp::send(sent);
 }
 
 } // namespace
