@@ -82,6 +82,7 @@ void TestCrashLoop::checkDone(const Job& job)
     QCOMPARE(qint64(content.size()), kSize);
     QCOMPARE(sha256Hex(content), job.sha);
 }
+
 void TestCrashLoop::killedAgainAndAgain_data()
 {
     QTest::addColumn<bool>("download");
