@@ -224,7 +224,9 @@ QSqlError CKXDbBase::acquire(QSqlDatabase& db)
         }
         QSqlDatabase fresh = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), name);
         fresh.setDatabaseName(m_dbPath);
-        fresh.setConnectOptions(QStringLiteral("QSQLITE_BUSY_TIMEOUT=5000"));
+        fresh.setConnectOptions(mayShareCache()
+                                    ? QStringLiteral("QSQLITE_BUSY_TIMEOUT=5000;QSQLITE_ENABLE_SHARED_CACHE")
+                                    : QStringLiteral("QSQLITE_BUSY_TIMEOUT=5000"));
         mine.files.insert(name, FileIdentity());
     }
     db = QSqlDatabase::database(name, false);
@@ -239,7 +241,32 @@ QSqlError CKXDbBase::acquire(QSqlDatabase& db)
         return error;
     }
     mine.files.insert(name, identityOf(m_dbPath));
+    noteSharedCacheOpened();
     return QSqlError();
+}
+
+bool CKXDbBase::mayShareCache()
+{
+    if (m_sharedCache == SharedCache::InUse) {
+        const FileIdentity now = identityOf(m_dbPath);
+        if (!now.valid || now.device != m_sharedDevice || now.inode != m_sharedInode) {
+            m_sharedCache = SharedCache::Retired;
+        }
+    }
+    return m_sharedCache != SharedCache::Retired;
+}
+
+void CKXDbBase::noteSharedCacheOpened()
+{
+    if (m_sharedCache != SharedCache::NotYet) {
+        return;
+    }
+    const FileIdentity opened = identityOf(m_dbPath);
+    if (opened.valid) {
+        m_sharedCache = SharedCache::InUse;
+        m_sharedDevice = opened.device;
+        m_sharedInode = opened.inode;
+    }
 }
 
 void CKXDbBase::close()

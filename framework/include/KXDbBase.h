@@ -24,7 +24,9 @@ class QSqlError;
 // Each thread talks to the file through its own connection, named by its thread id and the path;
 // a connection is released (not dropped) after each operation and reused by the next one of the
 // same thread, and it is really closed by close(), by the destructor (for the destroying thread)
-// and when its thread ends. The write thread is owned by this object and stopped by its destructor.
+// and when its thread ends. The connections share one SQLite page and schema cache while the file
+// is the one they first opened. The write thread is owned by this object and stopped by its
+// destructor.
 class CKXDbBase
 {
 public:
@@ -108,6 +110,9 @@ private:
     };
 
     QSqlError acquire(QSqlDatabase& db);
+    // Whether a connection opened now may join the shared cache; see m_sharedCache.
+    bool mayShareCache();
+    void noteSharedCacheOpened();
     // Copies the write-ahead log into the file and empties it (connections skip that on close).
     void checkpoint();
     bool createMissingTables(QSqlDatabase& db);
@@ -116,5 +121,21 @@ private:
     const QString m_dbPath;
     QMutex m_mutex; // serialises every database operation of this object
     std::atomic<bool> m_keepOpen{false};
+    // A thread's first operation opens a connection, and every transfer runs on a thread of its
+    // own: with a private cache each would open the file, map the log index and parse the schema
+    // again. Connections in shared-cache mode take that from the cache the others keep open; the
+    // object's mutex already keeps them from overlapping, so the cache's table locks never
+    // conflict. SQLite finds the cache by path, so once the file at the path is no longer the one
+    // the cache was opened on (replaced, removed), new connections would write into the old file:
+    // from then on they keep private caches. Guarded by m_mutex.
+    enum class SharedCache
+    {
+        NotYet,
+        InUse,
+        Retired
+    };
+    SharedCache m_sharedCache = SharedCache::NotYet;
+    quint64 m_sharedDevice = 0;
+    quint64 m_sharedInode = 0;
     AsyncWriteDB m_asyncWriter{this};
 };

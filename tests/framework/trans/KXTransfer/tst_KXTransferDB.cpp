@@ -168,10 +168,19 @@ void TestKXTransferDB::taskRowRoundTrips()
     QCOMPARE(rows(QStringLiteral("transfer_v1")), 0);
     QVERIFY(!db.LoadTransferTask(task.getId(), loaded));
 
-    // A removed file is noticed: the cached connection must not keep writing into the lost inode.
+    // A removed file is noticed: neither a thread's cached connection nor a new thread's, while
+    // this thread's connection to the lost inode is still open, may keep writing into it.
     for (const char* suffix : {"", "-wal", "-shm"}) {
         QFile::remove(dbPath() + QLatin1String(suffix));
     }
+    task.setSendBytes(778);
+    bool storedElsewhere = false;
+    std::unique_ptr<QThread> other(
+        QThread::create([&] { storedElsewhere = db.init() && db.AddTransferTask(task); }));
+    other->start();
+    QVERIFY(other->wait(10000));
+    QVERIFY(storedElsewhere);
+    QCOMPARE(sqlValue(dbPath(), QStringLiteral("SELECT send_size FROM transfer_v1")).toInt(), 778);
     QVERIFY(db.init());
     QVERIFY(db.AddTransferTask(task));
     QCOMPARE(rows(QStringLiteral("transfer_v1")), 1);
