@@ -17,6 +17,8 @@
 #include <QUrl>
 #include <QUuid>
 
+#include <memory>
+
 namespace {
 
 const int kPollMs = 200;
@@ -69,6 +71,19 @@ QString withLeadingSlash(const QString& path)
 QString flag(bool value)
 {
     return value ? QStringLiteral("1") : QStringLiteral("0");
+}
+
+// The stored tasks as this thread reads them. Every file of a batch is looked up before it moves,
+// and opening the database costs several times the lookup; a view (a connection) belongs to the
+// thread that made it, so each thread keeps its own until it ends.
+CKXTaskDatabase& storedTasks()
+{
+    thread_local std::unique_ptr<CKXTaskDatabase> view;
+    const QString file = CKXTaskDatabase::databaseFile();
+    if (!view || view->file() != file) {
+        view = std::make_unique<CKXTaskDatabase>(file);
+    }
+    return *view;
 }
 
 } // namespace
@@ -290,18 +305,16 @@ void CKXTransferRunner::discardCompletedRow(const SubTaskInfo& task, bool isUrl)
     // The engine reports a task whose stored row says complete as done without moving a byte.
     // Such a row is a leftover of an earlier run that ended before it could be cleared; this run
     // must transfer again, so the row goes.
-    CKXTaskDatabase db(CKXTaskDatabase::databaseFile());
     KXStoredTask stored;
-    if (db.find(task.subTaskId, stored) && (stored.state & StateCompleted)) {
+    if (storedTasks().find(task.subTaskId, stored) && (stored.state & StateCompleted)) {
         discardRow(task, isUrl);
     }
 }
 
 bool CKXTransferRunner::hasFinishedBlocks(const SubTaskInfo& task)
 {
-    CKXTaskDatabase db(CKXTaskDatabase::databaseFile());
     KXStoredTask stored;
-    return db.find(task.subTaskId, stored) && stored.blocksDone > 0;
+    return storedTasks().find(task.subTaskId, stored) && stored.blocksDone > 0;
 }
 
 void CKXTransferRunner::discardRow(const SubTaskInfo& task, bool isUrl)

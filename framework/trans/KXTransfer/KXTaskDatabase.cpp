@@ -108,8 +108,9 @@ bool CKXTaskDatabase::hasTaskTable(QString& error)
 
 bool CKXTaskDatabase::query(const QString& id, QList<KXStoredTask>& out, QString& error)
 {
-    // A database the engine has not filled yet has no table: that is no tasks, not a fault.
-    if (!hasTaskTable(error)) {
+    // A database the engine has not filled yet has no table: that is no tasks, not a fault. One
+    // task's lookup skips the check: without the table its query fails, which is "not found".
+    if (id.isEmpty() && !hasTaskTable(error)) {
         return error.isEmpty();
     }
     QSqlQuery query(QSqlDatabase::database(m_connection, false));
@@ -132,18 +133,27 @@ bool CKXTaskDatabase::query(const QString& id, QList<KXStoredTask>& out, QString
         readTaskJson(query.value(4).toString(), task);
         out.append(task);
     }
-    addBlockProgress(out);
+    addBlockProgress(id, out);
     return true;
 }
 
-void CKXTaskDatabase::addBlockProgress(QList<KXStoredTask>& tasks)
+void CKXTaskDatabase::addBlockProgress(const QString& id, QList<KXStoredTask>& tasks)
 {
+    if (tasks.isEmpty()) {
+        return;
+    }
     // A paused chunked task's own byte count may lag behind its blocks; the finished blocks tell.
+    // One task's lookup reads its own blocks only: a tool looks up every file it moves.
     QSqlQuery query(QSqlDatabase::database(m_connection, false));
-    if (!query.exec(QStringLiteral("SELECT sub_task_id, SUM(length), COUNT(*) FROM %1 "
-                                   "WHERE (state & %2) != 0 GROUP BY sub_task_id")
-                        .arg(CKXTransferDB::getBlockTableName())
-                        .arg(BlockTaskStateCompleted))) {
+    query.prepare(QStringLiteral("SELECT sub_task_id, SUM(length), COUNT(*) FROM %1 "
+                                 "WHERE (state & %2) != 0 %3 GROUP BY sub_task_id")
+                      .arg(CKXTransferDB::getBlockTableName())
+                      .arg(BlockTaskStateCompleted)
+                      .arg(id.isEmpty() ? QString() : QStringLiteral("AND sub_task_id = ?")));
+    if (!id.isEmpty()) {
+        query.addBindValue(id);
+    }
+    if (!query.exec()) {
         return;
     }
     QHash<QString, QPair<qint64, int>> done;

@@ -45,6 +45,7 @@ public:
     bool tasks(QList<KXStoredTask>& out, QString& error);
     // false when there is no such row (or no readable file).
     bool find(const QString& id, KXStoredTask& out);
+    QString file() const { return m_file; }
 
     // The task JSON's state text without its "State" prefixes: "Working|Paused"; "None" for 0.
     static QString stateName(qint32 state);
@@ -57,7 +58,8 @@ private:
     bool hasTaskTable(QString& error);
     // All rows, or the one of `id` when it is not empty.
     bool query(const QString& id, QList<KXStoredTask>& out, QString& error);
-    void addBlockProgress(QList<KXStoredTask>& tasks);
+    // Finished blocks of `tasks`, which are all rows or the one row of `id`.
+    void addBlockProgress(const QString& id, QList<KXStoredTask>& tasks);
 
     QString m_file;
     QString m_connection;

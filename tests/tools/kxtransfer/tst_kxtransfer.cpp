@@ -718,6 +718,7 @@ void TestKXTransferCommand::databaseView()
     KXStoredTask found;
     QVERIFY(view.find(QStringLiteral("{up}"), found));
     QCOMPARE(found.state, 8);
+    QCOMPARE(found.blocksDone, 2); // its own blocks, not another task's
     QVERIFY(!view.find(QStringLiteral("{none}"), found));
     QVERIFY(!view.find(QStringLiteral("x' OR '1'='1"), found));
 
@@ -732,6 +733,7 @@ void TestKXTransferCommand::databaseView()
     for (const QString& absent : {missing, empty}) {
         QVERIFY2(CKXTaskDatabase(absent).tasks(tasks, error) && error.isEmpty(), qPrintable(error));
         QVERIFY(tasks.isEmpty());
+        QVERIFY(!CKXTaskDatabase(absent).find(QStringLiteral("{up}"), found));
     }
     QVERIFY(!QFile::exists(missing));
     const QString garbage = dir.filePath(QStringLiteral("garbage.db"));
