@@ -5,13 +5,17 @@
 // thread draws one summary line and prints each failure once. A file whose target already holds
 // it (same size, not older) is skipped, so running the same command again resumes the batch.
 // Ctrl-C stops starting files and pauses the running ones. The runner owns the pool and waits for
-// it before run() returns; m_mutex guards the tally the workers and the main thread share.
+// it before run() returns; m_mutex guards the tally the workers and the main thread share, and the
+// map of target folders' listings (each listing is made once, by the first job that needs it).
 
+#include <QHash>
 #include <QMutex>
 #include <QString>
 #include <QStringList>
 #include <QVector>
 #include <QWaitCondition>
+
+#include <memory>
 
 struct KXBatchPlan;
 struct KXBatchFailure;
@@ -61,8 +65,12 @@ private:
         qint64 total = 0;
     };
 
+    struct RemoteFolder;
+
     void carry(int index, const KXBatchJob& item); // on a worker thread
-    bool targetHolds(const KXBatchJob& item, bool& interrupted) const;
+    bool targetHolds(const KXBatchJob& item, bool& interrupted);
+    // The listing of a target folder of uploads, made by the first job that needs it.
+    std::shared_ptr<RemoteFolder> remoteFolder(const QString& folder);
     void settle(int index, Result result, const QString& line, bool busy);
     void follow(const KXBatchPlan& plan);
     void drawProgress(int settled);
@@ -76,4 +84,5 @@ private:
     QStringList m_lines; // failures not yet printed
     KXBatchSummary m_summary;
     int m_settled = 0;
+    QHash<QString, std::shared_ptr<RemoteFolder>> m_remoteFolders;
 };

@@ -506,6 +506,13 @@ void TestKXTransferCommand::interruptedTreeResumes()
              files - finished);
     QCOMPARE(run({"download", "-r", "/paused/tree", m_dir.filePath("paused-back"), "-q"}).exitCode, 0);
     QCOMPARE(treeDigest(m_dir.filePath(QStringLiteral("paused-back/tree"))), treeDigest(tree));
+
+    // Once all is there, a run asks the server once per folder, not once per file.
+    QVERIFY(m_server.resetStats());
+    const ToolRun third = run(command.mid(0, 4));
+    QVERIFY2(third.out.contains(QStringLiteral("skipped %1 already there").arg(files)),
+             qPrintable(third.out));
+    QCOMPARE(m_server.stats().value(QStringLiteral("requests")).toInt(), 6); // makeTree's folders
 }
 
 void TestKXTransferCommand::rates_data()
