@@ -6,7 +6,8 @@
 // library for the tools of this project but not installed with the public headers.
 //
 // Never writes and never creates the file (a missing file reads as no tasks), so it is safe
-// beside a running engine. Each object owns its own Qt SQL connection; main thread only.
+// beside a running engine. Each object owns its own Qt SQL connection, and so is used on the thread
+// that made it only.
 
 #include "kxtransfer_export.h"
 
