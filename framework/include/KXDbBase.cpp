@@ -240,33 +240,23 @@ QSqlError CKXDbBase::acquire(QSqlDatabase& db)
         dropConnection(name);
         return error;
     }
-    mine.files.insert(name, identityOf(m_dbPath));
-    noteSharedCacheOpened();
+    const FileIdentity opened = identityOf(m_dbPath);
+    mine.files.insert(name, opened);
+    if (m_sharedCache == SharedCache::NotYet && opened.valid) {
+        m_sharedCache = SharedCache::InUse;
+        m_sharedDevice = opened.device;
+        m_sharedInode = opened.inode;
+    }
     return QSqlError();
 }
 
 bool CKXDbBase::mayShareCache()
 {
-    if (m_sharedCache == SharedCache::InUse) {
-        const FileIdentity now = identityOf(m_dbPath);
-        if (!now.valid || now.device != m_sharedDevice || now.inode != m_sharedInode) {
-            m_sharedCache = SharedCache::Retired;
-        }
+    if (m_sharedCache == SharedCache::InUse &&
+        !(identityOf(m_dbPath) == FileIdentity{true, m_sharedDevice, m_sharedInode})) {
+        m_sharedCache = SharedCache::Retired;
     }
     return m_sharedCache != SharedCache::Retired;
-}
-
-void CKXDbBase::noteSharedCacheOpened()
-{
-    if (m_sharedCache != SharedCache::NotYet) {
-        return;
-    }
-    const FileIdentity opened = identityOf(m_dbPath);
-    if (opened.valid) {
-        m_sharedCache = SharedCache::InUse;
-        m_sharedDevice = opened.device;
-        m_sharedInode = opened.inode;
-    }
 }
 
 void CKXDbBase::close()

@@ -112,7 +112,6 @@ private:
     QSqlError acquire(QSqlDatabase& db);
     // Whether a connection opened now may join the shared cache; see m_sharedCache.
     bool mayShareCache();
-    void noteSharedCacheOpened();
     // Copies the write-ahead log into the file and empties it (connections skip that on close).
     void checkpoint();
     bool createMissingTables(QSqlDatabase& db);

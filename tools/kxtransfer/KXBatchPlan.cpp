@@ -211,8 +211,7 @@ bool CKXBatchPlanner::walkRemote(const QString& folder, const QString& localFold
         return true;
     }
     for (const KXRemoteEntry& entry : entries) {
-        const QString name = entry.path.mid(entry.path.lastIndexOf(QLatin1Char('/')) + 1);
-        const QString local = QDir(localFolder).filePath(name);
+        const QString local = QDir(localFolder).filePath(entry.name());
         if (entry.isDir) {
             if (!walkRemote(entry.path, local, model, out)) {
                 return false;

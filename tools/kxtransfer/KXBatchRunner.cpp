@@ -223,7 +223,7 @@ std::shared_ptr<CKXBatchRunner::RemoteFolder> CKXBatchRunner::remoteFolder(const
         // A folder that does not exist yet holds nothing.
         listing->usable = listed || (!listing->interrupted && meta.errorCode() == SourceNotFound);
         for (const KXRemoteEntry& entry : entries) {
-            listing->entries.insert(entry.path.mid(entry.path.lastIndexOf(QLatin1Char('/')) + 1), entry);
+            listing->entries.insert(entry.name(), entry);
         }
     });
     return listing;

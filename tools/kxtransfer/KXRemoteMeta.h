@@ -19,6 +19,9 @@ struct KXRemoteEntry
     QString rev;
     QString path;        // as the server names it (listings)
     qint64 modified = 0; // seconds since the epoch; 0 when not told
+
+    // The last part of path: the entry's name inside its folder.
+    QString name() const { return path.mid(path.lastIndexOf(QLatin1Char('/')) + 1); }
 };
 
 class CKXRemoteMeta
