@@ -255,14 +255,14 @@ void CKXChunkedTransfer::checkAllTasks()
 {
     // Blocks about to move take the task as it is now: a resumed task's stored blocks carry the
     // record of their first run, without this run's upload host or share session.
-    const SubTaskInfo record = m_task->getSubTaskInfo();
+    const auto record = std::make_shared<const SubTaskInfo>(m_task->getSubTaskInfo());
     long long done = 0;
     for (CKXBlockTask* block : qAsConst(m_blocks)) {
         if (block->state() == BlockTaskStateCompleted) {
             done += block->total();
             m_mgr->addCompleteQueueWithMutex(block);
         } else {
-            block->setSubTaskInfo(record);
+            block->setSharedSubTaskInfo(record);
             m_mgr->addWaitingQueueWithMutex(block);
         }
     }

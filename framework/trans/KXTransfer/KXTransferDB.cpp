@@ -265,20 +265,26 @@ bool CKXTransferDB::DelBlockTasks(const QString& subTaskId)
     return updateInternal(BLOCKTASKDB_TASK_DELETE.arg(kBlockTable, subTaskId));
 }
 
-bool CKXTransferDB::fillBlockFromRow(const Row& row, CKXBlockTask& block)
+bool CKXTransferDB::fillBlockFromRow(const Row& row, CKXBlockTask& block, OwnerCache& owners)
 {
     const QString id = row.value(QStringLiteral("id")).toString();
     if (!block.FromJson(row.value(QStringLiteral("block_info")).toString())) {
         DBLOG_ERROR(QStringLiteral("block_info is not a block json. [id]%1").arg(id));
         return false;
     }
-    SubTaskInfo info;
-    if (!CKXTFStoreManager::inst()->taskInfoFormJson(row.value(QStringLiteral("sub_task_info")).toString(),
-                                                     info)) {
-        DBLOG_ERROR(QStringLiteral("sub_task_info of a block is not a task json. [id]%1").arg(id));
-        return false;
+    // The rows of one task carry the same owning record as a rule: parse each text once and let
+    // the blocks share the result.
+    const QString text = row.value(QStringLiteral("sub_task_info")).toString();
+    if (!owners.record || text != owners.text) {
+        SubTaskInfo info;
+        if (!CKXTFStoreManager::inst()->taskInfoFormJson(text, info)) {
+            DBLOG_ERROR(QStringLiteral("sub_task_info of a block is not a task json. [id]%1").arg(id));
+            return false;
+        }
+        owners.text = text;
+        owners.record = std::make_shared<const SubTaskInfo>(std::move(info));
     }
-    block.setSubTaskInfo(info);
+    block.setSharedSubTaskInfo(owners.record);
     return true;
 }
 
@@ -295,7 +301,8 @@ bool CKXTransferDB::LoadBlockTask(const QString& blockId, CKXBlockTask& block)
     }
     // Filled on the side, so that a bad row leaves the caller's block as it was.
     CKXBlockTask loaded;
-    if (!fillBlockFromRow(rows.first(), loaded)) {
+    OwnerCache owners;
+    if (!fillBlockFromRow(rows.first(), loaded, owners)) {
         return false;
     }
     block.setBlockTaskInfo(loaded.getBlockTaskInfo());
@@ -315,10 +322,11 @@ bool CKXTransferDB::LoadBlockTasks(const QString& subTaskId, QList<CKXBlockTask*
     }
     QList<CKXBlockTask*> loaded;
     loaded.reserve(rows.size());
+    OwnerCache owners;
     for (const Row& row : qAsConst(rows)) {
         auto* block = new CKXBlockTask();
         loaded.append(block);
-        if (!fillBlockFromRow(row, *block)) {
+        if (!fillBlockFromRow(row, *block, owners)) {
             qDeleteAll(loaded);
             return false;
         }

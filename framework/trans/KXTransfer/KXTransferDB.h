@@ -6,8 +6,11 @@
 #include <QString>
 #include <QStringList>
 
+#include <memory>
+
 class CKXBlockTask;
 class CKXTransferTask;
+struct SubTaskInfo;
 
 // The state of unfinished transfers across runs: one row per sub-task in "transfer_v1" and one row
 // per block in "block_v1", each carrying the record's JSON text beside a few plain columns.
@@ -49,5 +52,11 @@ public:
 
 private:
     bool blockStatement(CKXBlockTask& block, QString& sql);
-    bool fillBlockFromRow(const Row& row, CKXBlockTask& block);
+    // The owning record last parsed while loading blocks, with the text it came from.
+    struct OwnerCache
+    {
+        QString text;
+        std::shared_ptr<const SubTaskInfo> record;
+    };
+    bool fillBlockFromRow(const Row& row, CKXBlockTask& block, OwnerCache& owners);
 };

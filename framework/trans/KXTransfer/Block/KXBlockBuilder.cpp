@@ -39,27 +39,27 @@ bool CKXBlockBuilder::queryBlocks(QList<CKXBlockTask*>& blocks)
 
 bool CKXBlockBuilder::createBlocks(QList<CKXBlockTask*>& blocks)
 {
-    const SubTaskInfo record = m_task->getSubTaskInfo();
+    const auto shared = std::make_shared<const SubTaskInfo>(m_task->getSubTaskInfo());
+    const SubTaskInfo& record = *shared;
     const long long size = record.isUpload ? record.localFile.size : record.remoteFile.size;
     // A negative size is a broken record, not a file: leave the list empty so the task fails.
     const long long count = size < 0 ? 0 : blockCount(size);
     long long loc = 0;
     long long remaining = size;
     for (long long i = 0; i < count; ++i) {
-        BlockTaskInfo info;
+        BlockTaskFields info;
         info.subTaskId = record.subTaskId;
         info.idx = static_cast<int>(i);
         info.taskId = QUuid::createUuid().toString();
         info.length = kBlockSize;
         info.loc = loc;
-        info.subTaskInfo = record;
         info.isUpload = record.isUpload;
         info.state = BlockTaskStateNone;
         if (i == count - 1) {
             info.length = count == 1 ? size : remaining;
         }
         info.total = info.length;
-        blocks.append(new CKXBlockTask(info));
+        blocks.append(new CKXBlockTask(info, shared));
         remaining -= kBlockSize;
         loc += kBlockSize;
     }

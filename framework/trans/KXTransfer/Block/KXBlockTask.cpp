@@ -4,7 +4,7 @@
 
 #include <QMutexLocker>
 
-void BlockTaskInfo::clear()
+void BlockTaskFields::clear()
 {
     sent = 0;
     total = 0;
@@ -19,21 +19,34 @@ void BlockTaskInfo::clear()
     isUpload = false;
     quickTrans = false;
     state = BlockTaskStateNone;
+}
+
+void BlockTaskInfo::clear()
+{
+    BlockTaskFields::clear();
     subTaskInfo.clear();
 }
 
-CKXBlockTask::CKXBlockTask(const BlockTaskInfo& info) : m_info(info) {}
+CKXBlockTask::CKXBlockTask(const BlockTaskInfo& info)
+    : m_fields(info), m_owner(std::make_shared<const SubTaskInfo>(info.subTaskInfo))
+{}
+
+CKXBlockTask::CKXBlockTask(const BlockTaskFields& fields, std::shared_ptr<const SubTaskInfo> owner)
+    : m_fields(fields), m_owner(std::move(owner))
+{}
 
 CKXBlockTask::~CKXBlockTask()
 {
     QMutexLocker lock(&m_mutex);
-    m_info.clear();
+    m_fields.clear();
+    m_owner.reset();
 }
 
 void CKXBlockTask::clear()
 {
     QMutexLocker lock(&m_mutex);
-    m_info.clear();
+    m_fields.clear();
+    m_owner.reset();
 }
 
 QString CKXBlockTask::ToJson() const
@@ -64,191 +77,211 @@ bool CKXBlockTask::isSameTask(CKXBlockTask* other) const
 QString CKXBlockTask::taskId() const
 {
     QMutexLocker lock(&m_mutex);
-    return m_info.taskId;
+    return m_fields.taskId;
 }
 
 void CKXBlockTask::setTaskId(const QString& value)
 {
     QMutexLocker lock(&m_mutex);
-    m_info.taskId = value;
+    m_fields.taskId = value;
 }
 
 QString CKXBlockTask::subTaskId() const
 {
     QMutexLocker lock(&m_mutex);
-    return m_info.subTaskId;
+    return m_fields.subTaskId;
 }
 
 void CKXBlockTask::setSubTaskId(const QString& value)
 {
     QMutexLocker lock(&m_mutex);
-    m_info.subTaskId = value;
+    m_fields.subTaskId = value;
 }
 
 long long CKXBlockTask::length() const
 {
     QMutexLocker lock(&m_mutex);
-    return m_info.length;
+    return m_fields.length;
 }
 
 void CKXBlockTask::setLength(long long value)
 {
     QMutexLocker lock(&m_mutex);
-    m_info.length = value;
+    m_fields.length = value;
 }
 
 long long CKXBlockTask::loc() const
 {
     QMutexLocker lock(&m_mutex);
-    return m_info.loc;
+    return m_fields.loc;
 }
 
 void CKXBlockTask::setLoc(long long value)
 {
     QMutexLocker lock(&m_mutex);
-    m_info.loc = value;
+    m_fields.loc = value;
 }
 
 int CKXBlockTask::idx() const
 {
     QMutexLocker lock(&m_mutex);
-    return m_info.idx;
+    return m_fields.idx;
 }
 
 void CKXBlockTask::setIdx(int value)
 {
     QMutexLocker lock(&m_mutex);
-    m_info.idx = value;
+    m_fields.idx = value;
 }
 
 bool CKXBlockTask::isUpload() const
 {
     QMutexLocker lock(&m_mutex);
-    return m_info.isUpload;
+    return m_fields.isUpload;
 }
 
 void CKXBlockTask::setIsUpload(bool value)
 {
     QMutexLocker lock(&m_mutex);
-    m_info.isUpload = value;
+    m_fields.isUpload = value;
 }
 
 int CKXBlockTask::errorCode() const
 {
     QMutexLocker lock(&m_mutex);
-    return m_info.errorCode;
+    return m_fields.errorCode;
 }
 
 void CKXBlockTask::setErrorCode(int value)
 {
     QMutexLocker lock(&m_mutex);
-    m_info.errorCode = value;
+    m_fields.errorCode = value;
 }
 
 int CKXBlockTask::statusCode() const
 {
     QMutexLocker lock(&m_mutex);
-    return m_info.statusCode;
+    return m_fields.statusCode;
 }
 
 void CKXBlockTask::setStatusCode(int value)
 {
     QMutexLocker lock(&m_mutex);
-    m_info.statusCode = value;
+    m_fields.statusCode = value;
 }
 
 QString CKXBlockTask::errorMsg() const
 {
     QMutexLocker lock(&m_mutex);
-    return m_info.errorMsg;
+    return m_fields.errorMsg;
 }
 
 void CKXBlockTask::setErrorMsg(const QString& value)
 {
     QMutexLocker lock(&m_mutex);
-    m_info.errorMsg = value;
+    m_fields.errorMsg = value;
 }
 
 QString CKXBlockTask::hash() const
 {
     QMutexLocker lock(&m_mutex);
-    return m_info.hash;
+    return m_fields.hash;
 }
 
 void CKXBlockTask::setHash(const QString& value)
 {
     QMutexLocker lock(&m_mutex);
-    m_info.hash = value;
+    m_fields.hash = value;
 }
 
 BlockTaskState CKXBlockTask::state() const
 {
     QMutexLocker lock(&m_mutex);
-    return m_info.state;
+    return m_fields.state;
 }
 
 void CKXBlockTask::setState(BlockTaskState value)
 {
     QMutexLocker lock(&m_mutex);
-    m_info.state = value;
+    m_fields.state = value;
 }
 
 long long CKXBlockTask::sent() const
 {
     QMutexLocker lock(&m_mutex);
-    return m_info.sent;
+    return m_fields.sent;
 }
 
 void CKXBlockTask::setSent(long long value)
 {
     QMutexLocker lock(&m_mutex);
-    m_info.sent = value;
+    m_fields.sent = value;
 }
 
 long long CKXBlockTask::total() const
 {
     QMutexLocker lock(&m_mutex);
-    return m_info.total;
+    return m_fields.total;
 }
 
 void CKXBlockTask::setTotal(long long value)
 {
     QMutexLocker lock(&m_mutex);
-    m_info.total = value;
+    m_fields.total = value;
 }
 
 bool CKXBlockTask::isQuickTrans() const
 {
     QMutexLocker lock(&m_mutex);
-    return m_info.quickTrans;
+    return m_fields.quickTrans;
 }
 
 void CKXBlockTask::setQuickTrans(bool value)
 {
     QMutexLocker lock(&m_mutex);
-    m_info.quickTrans = value;
+    m_fields.quickTrans = value;
 }
 
 SubTaskInfo CKXBlockTask::info() const
 {
-    QMutexLocker lock(&m_mutex);
-    return m_info.subTaskInfo;
+    std::shared_ptr<const SubTaskInfo> owner;
+    {
+        QMutexLocker lock(&m_mutex);
+        owner = m_owner;
+    }
+    return owner ? *owner : SubTaskInfo();
 }
 
 void CKXBlockTask::setSubTaskInfo(const SubTaskInfo& value)
 {
+    setSharedSubTaskInfo(std::make_shared<const SubTaskInfo>(value));
+}
+
+void CKXBlockTask::setSharedSubTaskInfo(std::shared_ptr<const SubTaskInfo> value)
+{
     QMutexLocker lock(&m_mutex);
-    m_info.subTaskInfo = value;
+    m_owner.swap(value);
 }
 
 BlockTaskInfo CKXBlockTask::getBlockTaskInfo() const
 {
-    QMutexLocker lock(&m_mutex);
-    return m_info;
+    BlockTaskInfo copy;
+    std::shared_ptr<const SubTaskInfo> owner;
+    {
+        QMutexLocker lock(&m_mutex);
+        static_cast<BlockTaskFields&>(copy) = m_fields;
+        owner = m_owner;
+    }
+    if (owner) {
+        copy.subTaskInfo = *owner;
+    }
+    return copy;
 }
 
 void CKXBlockTask::setBlockTaskInfo(const BlockTaskInfo& value)
 {
+    auto owner = std::make_shared<const SubTaskInfo>(value.subTaskInfo);
     QMutexLocker lock(&m_mutex);
-    m_info = value;
+    m_fields = value;
+    m_owner.swap(owner);
 }

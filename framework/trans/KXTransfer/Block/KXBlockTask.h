@@ -6,6 +6,8 @@
 #include <QString>
 #include <QtGlobal>
 
+#include <memory>
+
 // Block state flags.
 enum BlockTaskState : qint32
 {
@@ -16,8 +18,8 @@ enum BlockTaskState : qint32
     BlockTaskStateCompleted = 16,
 };
 
-// One block of a chunked transfer, as a plain value.
-struct BlockTaskInfo
+// The fields a block has of its own: everything of its record but the owning task's.
+struct BlockTaskFields
 {
     long long sent = 0;  // bytes moved in the current attempt
     long long total = 0; // bytes to move in the current attempt
@@ -33,22 +35,36 @@ struct BlockTaskInfo
     bool isUpload = false;
     bool quickTrans = false; // the server already held the block; no bytes were sent
     BlockTaskState state = BlockTaskStateNone;
-    SubTaskInfo subTaskInfo; // the owning task's record; not part of the JSON text
 
     // Back to an empty block, except that idx becomes 0 (not -1) and statusCode is kept: a
     // cleared block must still report the answer that ended it.
     void clear();
 };
 
+// One block of a chunked transfer, as a plain value.
+struct BlockTaskInfo : BlockTaskFields
+{
+    SubTaskInfo subTaskInfo; // the owning task's record; not part of the JSON text
+
+    // BlockTaskFields::clear, and an empty owning record.
+    void clear();
+};
+
 // One block behind its own mutex, so the op-queue thread can read a block while its transfer
 // thread updates it. Created with new by the block builder or the database loader; owned and
-// deleted by the chunked transfer; the block queues only hold pointers. m_mutex guards m_info
-// and is never held while calling out; no operation holds two blocks' locks at once.
+// deleted by the chunked transfer; the block queues only hold pointers. m_mutex guards m_fields
+// and m_owner and is never held while calling out; no operation holds two blocks' locks at once.
+//
+// The owning task's record is most of a block's size, and every block of a task holds the same
+// one: blocks given one shared record (setSharedSubTaskInfo) keep a single immutable copy between
+// them, so a 16 GiB file's 4,096 blocks do not hold 4,096 copies. Setting a record replaces the
+// block's pointer and never changes the record the other blocks see.
 class CKXBlockTask
 {
 public:
     CKXBlockTask() = default;
     explicit CKXBlockTask(const BlockTaskInfo& info);
+    CKXBlockTask(const BlockTaskFields& fields, std::shared_ptr<const SubTaskInfo> owner);
     ~CKXBlockTask();
     CKXBlockTask(const CKXBlockTask&) = delete;
     CKXBlockTask& operator=(const CKXBlockTask&) = delete;
@@ -84,6 +100,7 @@ public:
 
     SubTaskInfo info() const;
     void setSubTaskInfo(const SubTaskInfo& info);
+    void setSharedSubTaskInfo(std::shared_ptr<const SubTaskInfo> info);
     BlockTaskInfo getBlockTaskInfo() const;
     void setBlockTaskInfo(const BlockTaskInfo& info);
     void clear();
@@ -98,5 +115,6 @@ public:
 
 private:
     mutable QMutex m_mutex;
-    BlockTaskInfo m_info;
+    BlockTaskFields m_fields;
+    std::shared_ptr<const SubTaskInfo> m_owner; // null reads as an empty record
 };

@@ -157,6 +157,14 @@ void TestKXBlocks::blocksCoverTheFileInOrder()
     }
     QCOMPARE(loc, qMax(size, 0LL));
     QCOMPARE(ids.size(), blocks.size());
+    // The blocks share their task's record; giving one block another leaves the rest alone.
+    if (blocks.size() > 1) {
+        SubTaskInfo moved = info;
+        moved.localFile.path = QStringLiteral("/elsewhere/big.bin");
+        blocks[0]->setSubTaskInfo(moved);
+        QCOMPARE(blocks[0]->info().localFile.path, moved.localFile.path);
+        QCOMPARE(blocks[1]->info().localFile.path, QStringLiteral("/data/big.bin"));
+    }
 }
 
 void TestKXBlocks::workersHashOnlyWhatTheyMay_data()
