@@ -268,7 +268,7 @@ namespace {
 template <typename Add> bool readPieces(QIODevice* device, qint64 length, Add add)
 {
     // Small enough to stay in the processor's cache between the read and the hash.
-    constexpr qint64 kPiece = 256 * 1024;
+    constexpr qint64 kPiece = kStreamBufferBytes;
     QByteArray piece(static_cast<int>(std::min(kPiece, std::max<qint64>(length, 1))), Qt::Uninitialized);
     for (qint64 left = length; left > 0;) {
         const qint64 got = device->read(piece.data(), std::min<qint64>(left, piece.size()));

@@ -19,7 +19,7 @@ const qint64 kMaxTextBody = 64 * 1024 * 1024;
 // Error bodies of file downloads are kept only this far.
 const qint64 kMaxErrorBody = 1024 * 1024;
 
-const long kTransferBuffer = 256 * 1024;
+const long kTransferBuffer = long(KXUtil::kStreamBufferBytes);
 const int kMaxRetryDelayMs = 5000;
 const int kFirstRetryDelayMs = 200;
 

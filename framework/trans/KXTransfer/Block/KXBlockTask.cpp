@@ -27,19 +27,63 @@ void BlockTaskInfo::clear()
     subTaskInfo.clear();
 }
 
+namespace {
+
+int hexDigit(ushort c)
+{
+    if (c >= '0' && c <= '9') {
+        return c - '0';
+    }
+    return c >= 'a' && c <= 'f' ? c - 'a' + 10 : -1;
+}
+
+} // namespace
+
 CKXBlockTask::CKXBlockTask(const BlockTaskInfo& info)
     : m_fields(info), m_owner(std::make_shared<const SubTaskInfo>(info.subTaskInfo))
-{}
+{
+    storeHash(info.hash);
+}
 
 CKXBlockTask::CKXBlockTask(const BlockTaskFields& fields, std::shared_ptr<const SubTaskInfo> owner)
     : m_fields(fields), m_owner(std::move(owner))
-{}
+{
+    storeHash(fields.hash);
+}
+
+void CKXBlockTask::storeHash(const QString& hash)
+{
+    m_hasDigest = hash.size() == int(m_digest.size()) * 2;
+    for (int i = 0; m_hasDigest && i < hash.size(); i += 2) {
+        const int high = hexDigit(hash.at(i).unicode());
+        const int low = hexDigit(hash.at(i + 1).unicode());
+        m_hasDigest = high >= 0 && low >= 0;
+        m_digest[size_t(i / 2)] = quint8(high << 4 | low);
+    }
+    m_fields.hash = m_hasDigest ? QString() : hash;
+}
+
+QString CKXBlockTask::hashLocked() const
+{
+    if (!m_hasDigest) {
+        return m_fields.hash;
+    }
+    static const char kDigits[] = "0123456789abcdef";
+    QString text(int(m_digest.size()) * 2, Qt::Uninitialized);
+    QChar* out = text.data();
+    for (quint8 byte : m_digest) {
+        *out++ = QLatin1Char(kDigits[byte >> 4]);
+        *out++ = QLatin1Char(kDigits[byte & 15]);
+    }
+    return text;
+}
 
 CKXBlockTask::~CKXBlockTask()
 {
     QMutexLocker lock(&m_mutex);
     m_fields.clear();
     m_owner.reset();
+    m_hasDigest = false;
 }
 
 void CKXBlockTask::clear()
@@ -47,6 +91,7 @@ void CKXBlockTask::clear()
     QMutexLocker lock(&m_mutex);
     m_fields.clear();
     m_owner.reset();
+    m_hasDigest = false;
 }
 
 QString CKXBlockTask::ToJson() const
@@ -185,13 +230,13 @@ void CKXBlockTask::setErrorMsg(const QString& value)
 QString CKXBlockTask::hash() const
 {
     QMutexLocker lock(&m_mutex);
-    return m_fields.hash;
+    return hashLocked();
 }
 
 void CKXBlockTask::setHash(const QString& value)
 {
     QMutexLocker lock(&m_mutex);
-    m_fields.hash = value;
+    storeHash(value);
 }
 
 BlockTaskState CKXBlockTask::state() const
@@ -270,6 +315,7 @@ BlockTaskInfo CKXBlockTask::getBlockTaskInfo() const
     {
         QMutexLocker lock(&m_mutex);
         static_cast<BlockTaskFields&>(copy) = m_fields;
+        copy.hash = hashLocked();
         owner = m_owner;
     }
     if (owner) {
@@ -283,5 +329,6 @@ void CKXBlockTask::setBlockTaskInfo(const BlockTaskInfo& value)
     auto owner = std::make_shared<const SubTaskInfo>(value.subTaskInfo);
     QMutexLocker lock(&m_mutex);
     m_fields = value;
+    storeHash(value.hash);
     m_owner.swap(owner);
 }

@@ -6,6 +6,7 @@
 #include <QString>
 #include <QtGlobal>
 
+#include <array>
 #include <memory>
 
 // Block state flags.
@@ -52,13 +53,17 @@ struct BlockTaskInfo : BlockTaskFields
 
 // One block behind its own mutex, so the op-queue thread can read a block while its transfer
 // thread updates it. Created with new by the block builder or the database loader; owned and
-// deleted by the chunked transfer; the block queues only hold pointers. m_mutex guards m_fields
-// and m_owner and is never held while calling out; no operation holds two blocks' locks at once.
+// deleted by the chunked transfer; the block queues only hold pointers. m_mutex guards m_fields,
+// m_owner, m_digest and m_hasDigest and is never held while calling out; no operation holds two
+// blocks' locks at once.
 //
 // The owning task's record is most of a block's size, and every block of a task holds the same
 // one: blocks given one shared record (setSharedSubTaskInfo) keep a single immutable copy between
 // them, so a 16 GiB file's 4,096 blocks do not hold 4,096 copies. Setting a record replaces the
 // block's pointer and never changes the record the other blocks see.
+//
+// For the same reason a hash of 64 lower-case hex digits, the form every block's hash has, is
+// kept as its 32 bytes and written out again when asked for; any other text is kept as it is.
 class CKXBlockTask
 {
 public:
@@ -114,7 +119,13 @@ public:
     bool isSameTask(CKXBlockTask* other) const;
 
 private:
+    // With m_mutex held: the hash into m_digest, or into m_fields.hash if it is not a digest.
+    void storeHash(const QString& hash);
+    QString hashLocked() const;
+
     mutable QMutex m_mutex;
-    BlockTaskFields m_fields;
+    BlockTaskFields m_fields;                   // its hash empty while m_hasDigest
     std::shared_ptr<const SubTaskInfo> m_owner; // null reads as an empty record
+    std::array<quint8, 32> m_digest{};
+    bool m_hasDigest = false;
 };

@@ -1,6 +1,7 @@
 // The blocks of a chunked transfer without a server: cutting a file into them; the upload hasher
 // (none beyond the window of started blocks, none a block thread claimed, none that already had a
 // hash, each hash the block's range, an unreadable file leaving every block to its own thread);
+// a block's hash comes back as it was given, whichever form it is kept in;
 // the queues (list and index kept apart on purpose, the moves between stages, moves from several
 // threads at once: the fixed lock order must not deadlock or lose a block); and the dispatcher's
 // filing of reported blocks by their state, which ends the transfer's event loop when nothing is left.
@@ -76,6 +77,8 @@ private slots:
     void blocksCoverTheFileInOrder();
     void workersHashOnlyWhatTheyMay_data();
     void workersHashOnlyWhatTheyMay();
+    void hashIsKeptAsGiven_data();
+    void hashIsKeptAsGiven();
 
     void getTaskTakesAPrefixOrEverything_data();
     void getTaskTakesAPrefixOrEverything();
@@ -228,6 +231,43 @@ void TestKXBlocks::workersHashOnlyWhatTheyMay()
                                                                : QString();
         QCOMPARE(order[i]->hash(), want);
     }
+}
+
+void TestKXBlocks::hashIsKeptAsGiven_data()
+{
+    QTest::addColumn<QString>("hash");
+    const QString digest = QStringLiteral("9f86d081884c7d659a2feaa0c55ad015a3bf4f1b2b0b822cd15d6c15b0f00a08");
+    QTest::newRow("digest") << digest;
+    QTest::newRow("all zero") << QString(64, QLatin1Char('0'));
+    QTest::newRow("upper case") << digest.toUpper();
+    QTest::newRow("not hex") << QString(digest).replace(63, 1, QLatin1Char('g'));
+    QTest::newRow("one short") << digest.left(63);
+    QTest::newRow("one long") << digest + QLatin1Char('0');
+    QTest::newRow("short text") << QStringLiteral("h1");
+    QTest::newRow("empty") << QString();
+}
+
+void TestKXBlocks::hashIsKeptAsGiven()
+{
+    QFETCH(QString, hash);
+    // Each way into a block, starting from a hash of the other kind, and back out as JSON.
+    CKXBlockTask block;
+    for (const QString& before : {QStringLiteral("h0"), QString(64, QLatin1Char('f'))}) {
+        block.setHash(before);
+        block.setHash(hash);
+        QCOMPARE(block.hash(), hash);
+    }
+    BlockTaskInfo info;
+    info.hash = hash;
+    QCOMPARE(CKXBlockTask(info).getBlockTaskInfo().hash, hash);
+    block.setHash(QStringLiteral("h0"));
+    block.setBlockTaskInfo(info);
+    QCOMPARE(block.hash(), hash);
+    CKXBlockTask parsed;
+    QVERIFY(parsed.FromJson(block.ToJson()));
+    QCOMPARE(parsed.hash(), hash);
+    block.clear();
+    QVERIFY(block.hash().isEmpty());
 }
 
 void TestKXBlocks::getTaskTakesAPrefixOrEverything_data()
