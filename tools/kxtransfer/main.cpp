@@ -17,6 +17,10 @@
 #include <cstdio>
 #include <unistd.h>
 
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
+
 namespace {
 
 const int kUsageExit = 2;
@@ -189,6 +193,16 @@ int listTasks()
 
 int main(int argc, char** argv)
 {
+#ifdef __GLIBC__
+    // A chunked transfer runs every block on a thread of its own, and glibc gives threads up to
+    // eight malloc arenas per core, each keeping some of what its threads freed: over the
+    // thousands of blocks of a large file the process grew by 3.7 MiB between 1 and 16 GiB.
+    // The tool's threads allocate little and seldom at once, so two arenas cost no time here
+    // and hold that growth to 2 MiB. MALLOC_ARENA_MAX in the environment still decides.
+    if (!qEnvironmentVariableIsSet("MALLOC_ARENA_MAX")) {
+        mallopt(M_ARENA_MAX, 2);
+    }
+#endif
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("kxtransfer"));
     CKXCommandLine commandLine;
