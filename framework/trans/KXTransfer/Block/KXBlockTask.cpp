@@ -4,6 +4,8 @@
 
 #include <QMutexLocker>
 
+#include <algorithm>
+
 void BlockTaskFields::clear()
 {
     sent = 0;
@@ -27,18 +29,6 @@ void BlockTaskInfo::clear()
     subTaskInfo.clear();
 }
 
-namespace {
-
-int hexDigit(ushort c)
-{
-    if (c >= '0' && c <= '9') {
-        return c - '0';
-    }
-    return c >= 'a' && c <= 'f' ? c - 'a' + 10 : -1;
-}
-
-} // namespace
-
 CKXBlockTask::CKXBlockTask(const BlockTaskInfo& info)
     : m_fields(info), m_owner(std::make_shared<const SubTaskInfo>(info.subTaskInfo))
 {
@@ -53,12 +43,12 @@ CKXBlockTask::CKXBlockTask(const BlockTaskFields& fields, std::shared_ptr<const 
 
 void CKXBlockTask::storeHash(const QString& hash)
 {
-    m_hasDigest = hash.size() == int(m_digest.size()) * 2;
-    for (int i = 0; m_hasDigest && i < hash.size(); i += 2) {
-        const int high = hexDigit(hash.at(i).unicode());
-        const int low = hexDigit(hash.at(i + 1).unicode());
-        m_hasDigest = high >= 0 && low >= 0;
-        m_digest[size_t(i / 2)] = quint8(high << 4 | low);
+    // Only a text that the digest gives back exactly (64 lower-case hex digits) is kept as one.
+    const QByteArray text = hash.toLatin1();
+    const QByteArray digest = QByteArray::fromHex(text);
+    m_hasDigest = digest.size() == int(m_digest.size()) && digest.toHex() == text;
+    if (m_hasDigest) {
+        std::copy(digest.cbegin(), digest.cend(), m_digest.begin());
     }
     m_fields.hash = m_hasDigest ? QString() : hash;
 }
@@ -68,22 +58,14 @@ QString CKXBlockTask::hashLocked() const
     if (!m_hasDigest) {
         return m_fields.hash;
     }
-    static const char kDigits[] = "0123456789abcdef";
-    QString text(int(m_digest.size()) * 2, Qt::Uninitialized);
-    QChar* out = text.data();
-    for (quint8 byte : m_digest) {
-        *out++ = QLatin1Char(kDigits[byte >> 4]);
-        *out++ = QLatin1Char(kDigits[byte & 15]);
-    }
-    return text;
+    return QString::fromLatin1(
+        QByteArray::fromRawData(reinterpret_cast<const char*>(m_digest.data()), int(m_digest.size()))
+            .toHex());
 }
 
 CKXBlockTask::~CKXBlockTask()
 {
-    QMutexLocker lock(&m_mutex);
-    m_fields.clear();
-    m_owner.reset();
-    m_hasDigest = false;
+    clear();
 }
 
 void CKXBlockTask::clear()
