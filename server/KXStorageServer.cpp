@@ -5,6 +5,7 @@
 #include "api/KXServerContext.h"
 #include "api/KXShareApi.h"
 #include "core/KXServerOptions.h"
+#include "http/KXHttpServer.h"
 #include "http/KXRouter.h"
 #include "ops/KXServerLog.h"
 
@@ -51,7 +52,7 @@ bool CKXStorageServer::start(std::string* error)
 bool CKXStorageServer::createHttpServer(std::string* error)
 {
     if (m_options.tlsCert.empty()) {
-        m_http.reset(new httplib::Server());
+        m_http.reset(new CKXHttpServer());
     } else {
         m_http.reset(new httplib::SSLServer(m_options.tlsCert.c_str(), m_options.tlsKey.c_str()));
     }

@@ -50,6 +50,8 @@ private slots:
     void sharePasswordGuessesAreLimited();
     void ambiguousBodiesRefused_data();
     void ambiguousBodiesRefused();
+    void requestsBackToBack_data();
+    void requestsBackToBack();
     void malformedBodiesGetClearErrors();
     void faultInjection();
 };
@@ -408,6 +410,36 @@ void TestKXServerProtocol::ambiguousBodiesRefused()
     QCOMPARE(reply.header("Connection"), QByteArray("close"));
     QCOMPARE(reply.head.toLower().count("content-length:"), 1);
     QVERIFY(!reply.body.contains("HTTP/1.1"));
+}
+
+void TestKXServerProtocol::requestsBackToBack_data()
+{
+    QTest::addColumn<int>("size");
+    QTest::newRow("body within one read") << 5;
+    QTest::newRow("body across reads, next request in the same read") << 300 * 1024 + 7;
+}
+
+// A client may send its next request before the answer to the last one: whatever the server
+// read past the end of one request belongs to the next.
+void TestKXServerProtocol::requestsBackToBack()
+{
+    QFETCH(int, size);
+    QByteArray content(size, '\0');
+    for (int i = 0; i < size; ++i)
+        content[i] = static_cast<char>((i * 7919) >> 3);
+    const QByteArray path = "/pipelined/" + QByteArray::number(size) + ".bin";
+    const QByteArray put = "PUT /v1/files?path=" + path + " HTTP/1.1\r\nHost: kx\r\n" + kSession +
+                           "\r\nContent-Length: " + QByteArray::number(size) + "\r\n\r\n" + content;
+    const QByteArray get = "GET /v1/files?path=" + path + " HTTP/1.1\r\nHost: kx\r\n" + kSession +
+                           "\r\nConnection: close\r\n\r\n";
+    RawReply first = rawExchange(m_server, put + get);
+    QCOMPARE(first.status, 200);
+    const int length = first.header("Content-Length").toInt();
+    QCOMPARE(QJsonDocument::fromJson(first.body.left(length)).object().value("bytes").toInt(), size);
+    const QByteArray rest = first.body.mid(length);
+    const int end = rest.indexOf("\r\n\r\n");
+    QVERIFY2(rest.startsWith("HTTP/1.1 200 ") && end > 0, rest.left(200).constData());
+    QCOMPARE(rest.mid(end + 4), content);
 }
 
 void TestKXServerProtocol::malformedBodiesGetClearErrors()
