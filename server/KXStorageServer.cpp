@@ -52,7 +52,8 @@ bool CKXStorageServer::start(std::string* error)
 bool CKXStorageServer::createHttpServer(std::string* error)
 {
     if (m_options.tlsCert.empty()) {
-        m_http.reset(new CKXHttpServer());
+        m_plainHttp = new CKXHttpServer();
+        m_http.reset(m_plainHttp);
     } else {
         m_http.reset(new httplib::SSLServer(m_options.tlsCert.c_str(), m_options.tlsKey.c_str()));
     }
@@ -70,8 +71,9 @@ void CKXStorageServer::configureHttpServer()
         return new httplib::ThreadPool(static_cast<size_t>(threads));
     };
     m_http->set_keep_alive_max_count(1000);
-    // An idle kept-alive connection holds its worker until this runs out, and a stop waits for
-    // every worker: short, so SIGTERM ends the server promptly. Clients simply reconnect.
+    // An idle kept-alive connection holds its worker until this runs out. A stop wakes the plain
+    // server's idle connections; over TLS it waits for them, so keep it short and SIGTERM prompt.
+    // Clients simply reconnect.
     m_http->set_keep_alive_timeout(2);
     // Answers go out as headers and body in separate writes; without this the body waits for the
     // client's delayed acknowledgement (tens of milliseconds per small request).
@@ -136,7 +138,9 @@ void CKXStorageServer::stop()
 {
     // A request held by a delay fault would keep its worker, and so the stop, waiting.
     m_faults.stopDelays();
-    if (m_http) {
+    if (m_plainHttp) {
+        m_plainHttp->stop();
+    } else if (m_http) {
         m_http->stop();
     }
 }

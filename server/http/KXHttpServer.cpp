@@ -3,12 +3,12 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <chrono>
 #include <cstring>
 #include <memory>
 
 #include <netdb.h>
 #include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -17,9 +17,6 @@ namespace {
 // Enough for the socket's whole receive queue on loopback most of the time, so a block body
 // arrives in a few dozen reads instead of a thousand.
 constexpr size_t kReadBufferBytes = 256 * 1024;
-
-// How often a connection waiting for its next request looks whether the server is stopping.
-constexpr int kIdleSliceMs = 10;
 
 int toMs(time_t sec, time_t usec)
 {
@@ -129,24 +126,19 @@ public:
     socket_t socket() const override { return m_sock; }
 
     // Waits for the first byte of the next request: true when it is there (or already buffered),
-    // false when the connection ends, `idleMs` pass, or `stopping` turns true meanwhile.
-    template <typename Stopping> bool awaitRequest(int idleMs, Stopping stopping) const
+    // false when the connection ends, `idleMs` pass or `stopped` turns readable.
+    bool awaitRequest(int idleMs, int stopped) const
     {
         if (buffered() > 0) {
             return true;
         }
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(idleMs);
-        pollfd entry{m_sock, POLLIN, 0};
-        while (!stopping()) {
-            int ready = ::poll(&entry, 1, kIdleSliceMs);
-            if (ready > 0) {
-                return true;
-            }
-            if ((ready < 0 && errno != EINTR) || std::chrono::steady_clock::now() >= deadline) {
-                return false;
+        pollfd entries[2] = {{m_sock, POLLIN, 0}, {stopped, POLLIN, 0}};
+        for (;;) {
+            int ready = ::poll(entries, stopped >= 0 ? 2 : 1, idleMs);
+            if (ready >= 0 || errno != EINTR) {
+                return ready > 0 && entries[1].revents == 0;
             }
         }
-        return false;
     }
 
 private:
@@ -182,18 +174,35 @@ private:
 
 } // namespace
 
+CKXHttpServer::CKXHttpServer() : m_stopped(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+
+CKXHttpServer::~CKXHttpServer()
+{
+    if (m_stopped >= 0) {
+        ::close(m_stopped);
+    }
+}
+
+void CKXHttpServer::stop()
+{
+    if (m_stopped >= 0) {
+        const uint64_t one = 1;
+        // Never read back: the descriptor stays readable for every connection from now on.
+        ssize_t written = ::write(m_stopped, &one, sizeof one);
+        (void)written;
+    }
+    httplib::Server::stop();
+}
+
 bool CKXHttpServer::process_and_close_socket(socket_t sock)
 {
     bool served = false;
     {
         ConnectionStream stream(sock, toMs(read_timeout_sec_, read_timeout_usec_),
                                 toMs(write_timeout_sec_, write_timeout_usec_));
-        auto stopping = [this] {
-            return svr_sock_ == INVALID_SOCKET;
-        };
         const int idleMs = toMs(keep_alive_timeout_sec_, 0);
-        for (size_t left = keep_alive_max_count_; left > 0 && !stopping(); --left) {
-            if (!stream.awaitRequest(idleMs, stopping)) {
+        for (size_t left = keep_alive_max_count_; left > 0 && svr_sock_ != INVALID_SOCKET; --left) {
+            if (!stream.awaitRequest(idleMs, m_stopped)) {
                 break;
             }
             bool closed = false;
