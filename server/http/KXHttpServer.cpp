@@ -75,6 +75,9 @@ public:
 
     ssize_t read(char* out, size_t size) override
     {
+        if (size == 0) {
+            return 0; // nothing asked for: filling the buffer and handing back nothing would read as the end
+        }
         if (buffered() == 0) {
             ssize_t received = receive(m_buffer.get(), kReadBufferBytes);
             if (received <= 0) {
