@@ -426,7 +426,7 @@ void TestKXServerProtocol::requestsBackToBack()
     QFETCH(int, size);
     QByteArray content(size, '\0');
     for (int i = 0; i < size; ++i)
-        content[i] = static_cast<char>((i * 7919) >> 3);
+        content[i] = static_cast<char>((static_cast<quint32>(i) * 7919u) >> 3);
     const QByteArray path = "/pipelined/" + QByteArray::number(size) + ".bin";
     const QByteArray put = "PUT /v1/files?path=" + path + " HTTP/1.1\r\nHost: kx\r\n" + kSession +
                            "\r\nContent-Length: " + QByteArray::number(size) + "\r\n\r\n" + content;
