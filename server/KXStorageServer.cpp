@@ -52,8 +52,7 @@ bool CKXStorageServer::start(std::string* error)
 bool CKXStorageServer::createHttpServer(std::string* error)
 {
     if (m_options.tlsCert.empty()) {
-        m_plainHttp = new CKXHttpServer();
-        m_http.reset(m_plainHttp);
+        m_http.reset(new CKXHttpServer());
     } else {
         m_http.reset(new httplib::SSLServer(m_options.tlsCert.c_str(), m_options.tlsKey.c_str()));
     }
@@ -138,8 +137,9 @@ void CKXStorageServer::stop()
 {
     // A request held by a delay fault would keep its worker, and so the stop, waiting.
     m_faults.stopDelays();
-    if (m_plainHttp) {
-        m_plainHttp->stop();
+    // The plain server's own stop also wakes its idle connections.
+    if (auto* plain = dynamic_cast<CKXHttpServer*>(m_http.get())) {
+        plain->stop();
     } else if (m_http) {
         m_http->stop();
     }

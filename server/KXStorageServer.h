@@ -21,7 +21,6 @@ class Server;
 }
 
 class CKXAccountApi;
-class CKXHttpServer;
 class CKXAdminApi;
 class CKXRouter;
 class CKXServerLog;
@@ -61,7 +60,6 @@ private:
     CKXFileService m_files;
     CKXCollector m_collector;
     std::unique_ptr<httplib::Server> m_http;
-    CKXHttpServer* m_plainHttp = nullptr; // m_http when it serves plain HTTP, to stop it as such
     std::unique_ptr<ServerContext> m_context;
     std::unique_ptr<CKXRouter> m_router;
     std::unique_ptr<CKXAccountApi> m_accountApi;

@@ -1,12 +1,12 @@
 #include "KXHttpServer.h"
 
+#include "KXHttpUtil.h"
+
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstring>
 #include <memory>
 
-#include <netdb.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -32,30 +32,6 @@ bool waitFor(int fd, short events, int timeoutMs)
         if (ready >= 0 || errno != EINTR) {
             return ready > 0;
         }
-    }
-}
-
-// Address and port of one end of the socket, printed as the library prints them.
-void endpoint(int fd, bool peer, std::string& ip, int& port)
-{
-    sockaddr_storage addr{};
-    socklen_t length = sizeof addr;
-    int rc = peer ? ::getpeername(fd, reinterpret_cast<sockaddr*>(&addr), &length)
-                  : ::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &length);
-    if (rc != 0) {
-        return;
-    }
-    if (addr.ss_family == AF_INET) {
-        port = ntohs(reinterpret_cast<sockaddr_in*>(&addr)->sin_port);
-    } else if (addr.ss_family == AF_INET6) {
-        port = ntohs(reinterpret_cast<sockaddr_in6*>(&addr)->sin6_port);
-    } else {
-        return;
-    }
-    std::array<char, NI_MAXHOST> text{};
-    if (::getnameinfo(reinterpret_cast<sockaddr*>(&addr), length, text.data(), text.size(), nullptr, 0,
-                      NI_NUMERICHOST) == 0) {
-        ip = text.data();
     }
 }
 
@@ -111,7 +87,7 @@ public:
     void get_remote_ip_and_port(std::string& ip, int& port) const override
     {
         if (m_remotePort < 0) {
-            endpoint(m_sock, true, m_remoteIp, m_remotePort);
+            KXHttp::endpoint(m_sock, true, &m_remoteIp, &m_remotePort);
         }
         ip = m_remoteIp;
         port = m_remotePort;
@@ -120,7 +96,7 @@ public:
     void get_local_ip_and_port(std::string& ip, int& port) const override
     {
         if (m_localPort < 0) {
-            endpoint(m_sock, false, m_localIp, m_localPort);
+            KXHttp::endpoint(m_sock, false, &m_localIp, &m_localPort);
         }
         ip = m_localIp;
         port = m_localPort;

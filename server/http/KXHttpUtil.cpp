@@ -10,8 +10,8 @@
 #include <algorithm>
 #include <cctype>
 
-#include <arpa/inet.h>
 #include <dirent.h>
+#include <netdb.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 
@@ -24,33 +24,32 @@ ServerError badField(const char* key, const char* what)
     return ServerError::make(400, "bad request", std::string("\"") + key + "\" must be " + what);
 }
 
-// Port and printable address of one end of a socket; false for anything but TCP/IP.
+} // namespace
+
 bool endpoint(int fd, bool peer, std::string* address, int* port)
 {
     sockaddr_storage addr{};
     socklen_t length = sizeof addr;
     int rc = peer ? ::getpeername(fd, reinterpret_cast<sockaddr*>(&addr), &length)
                   : ::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &length);
-    char text[INET6_ADDRSTRLEN] = {};
     if (rc != 0) {
         return false;
     }
     if (addr.ss_family == AF_INET) {
-        auto* in = reinterpret_cast<sockaddr_in*>(&addr);
-        ::inet_ntop(AF_INET, &in->sin_addr, text, sizeof text);
-        *port = ntohs(in->sin_port);
+        *port = ntohs(reinterpret_cast<sockaddr_in*>(&addr)->sin_port);
     } else if (addr.ss_family == AF_INET6) {
-        auto* in6 = reinterpret_cast<sockaddr_in6*>(&addr);
-        ::inet_ntop(AF_INET6, &in6->sin6_addr, text, sizeof text);
-        *port = ntohs(in6->sin6_port);
+        *port = ntohs(reinterpret_cast<sockaddr_in6*>(&addr)->sin6_port);
     } else {
+        return false;
+    }
+    char text[NI_MAXHOST] = {};
+    if (::getnameinfo(reinterpret_cast<sockaddr*>(&addr), length, text, sizeof text, nullptr, 0,
+                      NI_NUMERICHOST) != 0) {
         return false;
     }
     *address = text;
     return true;
 }
-
-} // namespace
 
 std::string cookie(const httplib::Request& req, const std::string& name)
 {

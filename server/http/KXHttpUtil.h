@@ -17,6 +17,9 @@ namespace KXHttp {
 
 // The value of cookie `name` in the request's Cookie headers; empty when absent.
 std::string cookie(const httplib::Request& req, const std::string& name);
+// Port and printable address of one end of a TCP/IP socket, written as cpp-httplib writes a
+// request's addresses (so the two compare equal); false for any other socket.
+bool endpoint(int fd, bool peer, std::string* address, int* port);
 // Closes the request's TCP connection at once (fault injection): the client sees the connection
 // drop instead of an answer.
 bool dropConnection(const httplib::Request& req);
