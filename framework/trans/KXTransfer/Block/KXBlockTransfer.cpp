@@ -12,6 +12,10 @@
 
 #include <QFile>
 
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+
 namespace {
 
 // A failed file operation never reads as success, even if the file kept no error code.
@@ -21,6 +25,53 @@ int failureCode(const QFile& file)
 }
 
 const QString kNoSpaceText = QStringLiteral("No space left on device");
+
+// Carries a block download's bytes from the library thread, which receives the answers of every
+// request, to the block thread, which fingerprints and writes them. Written on the library thread,
+// the bytes of all the blocks in flight went through that one thread's writes one after the other;
+// now it only receives while the block threads write. At most about kQueuedBytes wait, so a slow
+// disk holds the receiving thread back instead of filling memory.
+//
+//   library thread: push() --> [chunks] --> take() on the block thread, when told to and once more
+//                                           after the answer has come
+//
+// Lives on the block thread's stack for one request; the library thread calls push() only until
+// the request's completion, which comes before the block thread leaves. m_lock guards m_chunks
+// and m_bytes; push() waits on m_taken while the queue is full and never calls out.
+class ChunkQueue
+{
+public:
+    // True when the queue was empty: the caller then tells the block thread to take it.
+    bool push(const QByteArray& chunk)
+    {
+        std::unique_lock<std::mutex> locker(m_lock);
+        m_taken.wait(locker, [this] { return m_bytes < kQueuedBytes; });
+        const bool wasEmpty = m_chunks.empty();
+        m_chunks.push_back(chunk);
+        m_bytes += chunk.size();
+        return wasEmpty;
+    }
+
+    std::deque<QByteArray> take()
+    {
+        std::deque<QByteArray> taken;
+        {
+            std::lock_guard<std::mutex> locker(m_lock);
+            taken.swap(m_chunks);
+            m_bytes = 0;
+        }
+        m_taken.notify_all();
+        return taken;
+    }
+
+private:
+    static constexpr qint64 kQueuedBytes = 2 * 1024 * 1024;
+
+    std::mutex m_lock;
+    std::condition_variable m_taken;
+    std::deque<QByteArray> m_chunks;
+    qint64 m_bytes = 0;
+};
 
 } // namespace
 
@@ -331,7 +382,7 @@ void CKXBlockTransfer::downloadBlock(const FetchCall& fetch)
     FileFailure failure;
     // What this block wrote, so that a resumed download can tell whether the file still holds it.
     KXUtil::Fingerprint digest;
-    const auto onData = [&file, &failure, &digest, name](const QByteArray& chunk) {
+    const auto write = [&file, &failure, &digest, name](const QByteArray& chunk) {
         digest.add(chunk.constData(), chunk.size());
         const qint64 position = file.pos();
         if (file.write(chunk) != chunk.size()) {
@@ -340,6 +391,22 @@ void CKXBlockTransfer::downloadBlock(const FetchCall& fetch)
                            .arg(position)
                            .arg(chunk.size()));
             failure = FileFailure{failureCode(file), file.errorString()};
+        }
+    };
+    ChunkQueue queue;
+    const auto writeQueued = [&queue, &write] {
+        for (const QByteArray& chunk : queue.take()) {
+            write(chunk);
+        }
+    };
+    // Receives the posted takes; destroyed first, so that none can run once the locals are gone.
+    QObject blockThread;
+    const auto onData = [&queue, &blockThread, &write, &writeQueued](const QByteArray& chunk) {
+        if (QThread::currentThread() == blockThread.thread()) {
+            writeQueued();
+            write(chunk);
+        } else if (queue.push(chunk)) {
+            QMetaObject::invokeMethod(&blockThread, writeQueued, Qt::QueuedConnection);
         }
     };
     const auto onProgress = [this](const DownloadProgressData& report) {
@@ -355,6 +422,8 @@ void CKXBlockTransfer::downloadBlock(const FetchCall& fetch)
             return fetch(range, onData, onResponse, onProgress);
         },
         parser);
+    // The answer is complete, so nothing more is pushed; what its last takes left is written now.
+    writeQueued();
     if (!file.flush()) {
         failure = FileFailure{failureCode(file), file.errorString()};
     }
