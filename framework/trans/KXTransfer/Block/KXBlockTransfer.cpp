@@ -27,50 +27,69 @@ int failureCode(const QFile& file)
 const QString kNoSpaceText = QStringLiteral("No space left on device");
 
 // Carries a block download's bytes from the library thread, which receives the answers of every
-// request, to the block thread, which fingerprints and writes them. Written on the library thread,
-// the bytes of all the blocks in flight went through that one thread's writes one after the other;
-// now it only receives while the block threads write. At most about kQueuedBytes wait, so a slow
-// disk holds the receiving thread back instead of filling memory.
+// request, to the block thread, which writes them. Written on the library thread, the bytes of all
+// the blocks in flight went through that one thread's writes one after the other; now it receives
+// while the block threads write. At most about kQueuedBytes wait, so a slow disk holds the
+// receiving thread back instead of filling memory.
 //
-//   library thread: push() --> [chunks] --> take() on the block thread, when told to and once more
-//                                           after the answer has come
+//   library thread: push() --> [pieces] --> writeQueued() on the block thread: posted when a piece
+//                                           finds the queue empty, and once more after the answer
 //
-// Lives on the block thread's stack for one request; the library thread calls push() only until
-// the request's completion, which comes before the block thread leaves. m_lock guards m_chunks
-// and m_bytes; push() waits on m_taken while the queue is full and never calls out.
-class ChunkQueue
+// Made on the block thread's stack for one request; push() is called by the library thread until
+// the request's completion, which comes before the block thread leaves the request. m_lock guards
+// m_pieces and m_bytes; push() waits on m_taken while the queue is full and calls out to nobody.
+class PieceQueue
 {
 public:
-    // True when the queue was empty: the caller then tells the block thread to take it.
-    bool push(const QByteArray& chunk)
+    explicit PieceQueue(std::function<void(const QByteArray&)> write) : m_write(std::move(write)) {}
+
+    void push(const QByteArray& piece)
     {
-        std::unique_lock<std::mutex> locker(m_lock);
-        m_taken.wait(locker, [this] { return m_bytes < kQueuedBytes; });
-        const bool wasEmpty = m_chunks.empty();
-        m_chunks.push_back(chunk);
-        m_bytes += chunk.size();
-        return wasEmpty;
+        if (QThread::currentThread() == m_blockThread.thread()) {
+            writeQueued();
+            m_write(piece);
+            return;
+        }
+        bool wasEmpty = false;
+        {
+            std::unique_lock<std::mutex> locker(m_lock);
+            m_taken.wait(locker, [this] { return m_bytes < kQueuedBytes; });
+            wasEmpty = m_pieces.empty();
+            m_pieces.push_back(piece);
+            m_bytes += piece.size();
+        }
+        if (wasEmpty) {
+            QMetaObject::invokeMethod(
+                &m_blockThread, [this] { writeQueued(); }, Qt::QueuedConnection);
+        }
     }
 
-    std::deque<QByteArray> take()
+    // On the block thread.
+    void writeQueued()
     {
         std::deque<QByteArray> taken;
         {
             std::lock_guard<std::mutex> locker(m_lock);
-            taken.swap(m_chunks);
+            taken.swap(m_pieces);
             m_bytes = 0;
         }
         m_taken.notify_all();
-        return taken;
+        for (const QByteArray& piece : taken) {
+            m_write(piece);
+        }
     }
 
 private:
     static constexpr qint64 kQueuedBytes = 2 * 1024 * 1024;
 
+    const std::function<void(const QByteArray&)> m_write;
     std::mutex m_lock;
     std::condition_variable m_taken;
-    std::deque<QByteArray> m_chunks;
+    std::deque<QByteArray> m_pieces;
     qint64 m_bytes = 0;
+    // Receives the posted writes; the last member, so it goes first and takes any still posted
+    // with it.
+    QObject m_blockThread;
 };
 
 } // namespace
@@ -381,9 +400,10 @@ void CKXBlockTransfer::downloadBlock(const FetchCall& fetch)
     // as done.
     FileFailure failure;
     // What this block wrote, so that a resumed download can tell whether the file still holds it.
+    // Taken on the library thread while each piece is still in its cache; read here only after the
+    // answer's completion, which comes after the last piece.
     KXUtil::Fingerprint digest;
-    const auto write = [&file, &failure, &digest, name](const QByteArray& chunk) {
-        digest.add(chunk.constData(), chunk.size());
+    const auto write = [&file, &failure, name](const QByteArray& chunk) {
         const qint64 position = file.pos();
         if (file.write(chunk) != chunk.size()) {
             TLOG_FATAL(QStringLiteral("本地写入数据失败,file {name %1 seek:%2 len:%3}")
@@ -393,21 +413,10 @@ void CKXBlockTransfer::downloadBlock(const FetchCall& fetch)
             failure = FileFailure{failureCode(file), file.errorString()};
         }
     };
-    ChunkQueue queue;
-    const auto writeQueued = [&queue, &write] {
-        for (const QByteArray& chunk : queue.take()) {
-            write(chunk);
-        }
-    };
-    // Receives the posted takes; destroyed first, so that none can run once the locals are gone.
-    QObject blockThread;
-    const auto onData = [&queue, &blockThread, &write, &writeQueued](const QByteArray& chunk) {
-        if (QThread::currentThread() == blockThread.thread()) {
-            writeQueued();
-            write(chunk);
-        } else if (queue.push(chunk)) {
-            QMetaObject::invokeMethod(&blockThread, writeQueued, Qt::QueuedConnection);
-        }
+    PieceQueue pieces(write);
+    const auto onData = [&pieces, &digest](const QByteArray& piece) {
+        digest.add(piece.constData(), piece.size());
+        pieces.push(piece);
     };
     const auto onProgress = [this](const DownloadProgressData& report) {
         progressHandler(report.bytesReceived, report.bytesTotal);
@@ -422,8 +431,8 @@ void CKXBlockTransfer::downloadBlock(const FetchCall& fetch)
             return fetch(range, onData, onResponse, onProgress);
         },
         parser);
-    // The answer is complete, so nothing more is pushed; what its last takes left is written now.
-    writeQueued();
+    // The answer is complete, so nothing more is pushed; what the posted writes left goes now.
+    pieces.writeQueued();
     if (!file.flush()) {
         failure = FileFailure{failureCode(file), file.errorString()};
     }
