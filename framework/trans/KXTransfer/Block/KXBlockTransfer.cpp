@@ -11,9 +11,11 @@
 #include "ServerApi.h"
 
 #include <QFile>
+#include <QHash>
 
 #include <condition_variable>
 #include <deque>
+#include <memory>
 #include <mutex>
 
 namespace {
@@ -25,6 +27,27 @@ int failureCode(const QFile& file)
 }
 
 const QString kNoSpaceText = QStringLiteral("No space left on device");
+
+// The blocks of one download write into one file, and the kernel lets one write into a file run
+// at a time: the others spin on the file's lock while it copies, and on two cores a spinning block
+// thread takes the time of the thread that receives. Block threads therefore wait for each other
+// here, asleep. One lock per file, made by the first block that writes and gone with the last.
+std::shared_ptr<std::mutex> fileWriteLock(const QString& path)
+{
+    static std::mutex registryLock; // guards locks
+    static QHash<QString, std::weak_ptr<std::mutex>> locks;
+    std::lock_guard<std::mutex> locker(registryLock);
+    std::shared_ptr<std::mutex> lock = locks.value(path).lock();
+    if (!lock) {
+        lock = std::make_shared<std::mutex>();
+        locks.insert(path, lock);
+        // Entries of files no longer written are dropped as new ones come.
+        for (auto it = locks.begin(); it != locks.end();) {
+            it = it.value().expired() ? locks.erase(it) : std::next(it);
+        }
+    }
+    return lock;
+}
 
 // Carries a block download's bytes from the library thread, which receives the answers of every
 // request, to the block thread, which writes them. Written on the library thread, the bytes of all
@@ -41,12 +64,15 @@ const QString kNoSpaceText = QStringLiteral("No space left on device");
 class PieceQueue
 {
 public:
-    explicit PieceQueue(std::function<void(const QByteArray&)> write) : m_write(std::move(write)) {}
+    PieceQueue(const QString& path, std::function<void(const QByteArray&)> write)
+        : m_write(std::move(write)), m_fileLock(fileWriteLock(path))
+    {}
 
     void push(const QByteArray& piece)
     {
         if (QThread::currentThread() == m_blockThread.thread()) {
             writeQueued();
+            std::lock_guard<std::mutex> file(*m_fileLock);
             m_write(piece);
             return;
         }
@@ -74,15 +100,20 @@ public:
             m_bytes = 0;
         }
         m_taken.notify_all();
+        if (taken.empty()) {
+            return;
+        }
+        std::lock_guard<std::mutex> file(*m_fileLock);
         for (const QByteArray& piece : taken) {
             m_write(piece);
         }
     }
 
 private:
-    static constexpr qint64 kQueuedBytes = 2 * 1024 * 1024;
+    static constexpr qint64 kQueuedBytes = 1024 * 1024;
 
     const std::function<void(const QByteArray&)> m_write;
+    const std::shared_ptr<std::mutex> m_fileLock;
     std::mutex m_lock;
     std::condition_variable m_taken;
     std::deque<QByteArray> m_pieces;
@@ -413,7 +444,7 @@ void CKXBlockTransfer::downloadBlock(const FetchCall& fetch)
             failure = FileFailure{failureCode(file), file.errorString()};
         }
     };
-    PieceQueue pieces(write);
+    PieceQueue pieces(tmp, write);
     const auto onData = [&pieces, &digest](const QByteArray& piece) {
         digest.add(piece.constData(), piece.size());
         pieces.push(piece);
