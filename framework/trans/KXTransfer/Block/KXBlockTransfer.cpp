@@ -28,61 +28,79 @@ int failureCode(const QFile& file)
 
 const QString kNoSpaceText = QStringLiteral("No space left on device");
 
-// The blocks of one download write into one file, and the kernel lets one write into a file run
-// at a time: the others spin on the file's lock while it copies, and on two cores a spinning block
-// thread takes the time of the thread that receives. Block threads therefore wait for each other
-// here, asleep. One lock per file, made by the first block that writes and gone with the last.
-std::shared_ptr<std::mutex> fileWriteLock(const QString& path)
+// What the blocks of one download share. They write into one file, and the kernel lets one write
+// into a file run at a time: the others spin on the file's lock while it copies, and on two cores
+// a spinning block thread takes the time of the thread that receives. So the block threads take
+// turns on `turn`, asleep. And as their writes go one at a time anyway, the bytes waiting for them
+// are counted for the file as a whole: at most about kQueuedBytes, so a slow disk holds the
+// receiving thread back instead of filling memory. (Counted per block, 1 MiB each, a 16 GiB
+// download that met the disk's write-back kept every queue full: 3 MiB more at its peak than a
+// 1 GiB one, which rarely filled them.)
+// `budget` guards `queued`; `turn` is held only around writes; neither is held with the other.
+struct FileWrites
 {
-    static std::mutex registryLock; // guards locks
-    static QHash<QString, std::weak_ptr<std::mutex>> locks;
+    static constexpr qint64 kQueuedBytes = 2 * 1024 * 1024;
+
+    std::mutex turn;
+    std::mutex budget;
+    std::condition_variable freed;
+    qint64 queued = 0;
+};
+
+// One per file, made by the first block that writes it and gone with the last.
+std::shared_ptr<FileWrites> fileWrites(const QString& path)
+{
+    static std::mutex registryLock; // guards files
+    static QHash<QString, std::weak_ptr<FileWrites>> files;
     std::lock_guard<std::mutex> locker(registryLock);
-    std::shared_ptr<std::mutex> lock = locks.value(path).lock();
-    if (!lock) {
-        lock = std::make_shared<std::mutex>();
-        locks.insert(path, lock);
+    std::shared_ptr<FileWrites> writes = files.value(path).lock();
+    if (!writes) {
+        writes = std::make_shared<FileWrites>();
+        files.insert(path, writes);
         // Entries of files no longer written are dropped as new ones come.
-        for (auto it = locks.begin(); it != locks.end();) {
-            it = it.value().expired() ? locks.erase(it) : std::next(it);
+        for (auto it = files.begin(); it != files.end();) {
+            it = it.value().expired() ? files.erase(it) : std::next(it);
         }
     }
-    return lock;
+    return writes;
 }
 
 // Carries a block download's bytes from the library thread, which receives the answers of every
 // request, to the block thread, which writes them. Written on the library thread, the bytes of all
 // the blocks in flight went through that one thread's writes one after the other; now it receives
-// while the block threads write. At most about kQueuedBytes wait, so a slow disk holds the
-// receiving thread back instead of filling memory.
+// while the block threads write.
 //
 //   library thread: push() --> [pieces] --> writeQueued() on the block thread: posted when a piece
 //                                           finds the queue empty, and once more after the answer
 //
 // Made on the block thread's stack for one request; push() is called by the library thread until
 // the request's completion, which comes before the block thread leaves the request. m_lock guards
-// m_pieces and m_bytes; push() waits on m_taken while the queue is full and calls out to nobody.
+// m_pieces; push() may wait for the file's budget first, holding nothing, and calls out to nobody.
 class PieceQueue
 {
 public:
     PieceQueue(const QString& path, std::function<void(const QByteArray&)> write)
-        : m_write(std::move(write)), m_fileLock(fileWriteLock(path))
+        : m_write(std::move(write)), m_file(fileWrites(path))
     {}
 
     void push(const QByteArray& piece)
     {
         if (QThread::currentThread() == m_blockThread.thread()) {
             writeQueued();
-            std::lock_guard<std::mutex> file(*m_fileLock);
+            std::lock_guard<std::mutex> turn(m_file->turn);
             m_write(piece);
             return;
         }
+        {
+            std::unique_lock<std::mutex> budget(m_file->budget);
+            m_file->freed.wait(budget, [this] { return m_file->queued < FileWrites::kQueuedBytes; });
+            m_file->queued += piece.size();
+        }
         bool wasEmpty = false;
         {
-            std::unique_lock<std::mutex> locker(m_lock);
-            m_taken.wait(locker, [this] { return m_bytes < kQueuedBytes; });
+            std::lock_guard<std::mutex> locker(m_lock);
             wasEmpty = m_pieces.empty();
             m_pieces.push_back(piece);
-            m_bytes += piece.size();
         }
         if (wasEmpty) {
             QMetaObject::invokeMethod(
@@ -97,27 +115,31 @@ public:
         {
             std::lock_guard<std::mutex> locker(m_lock);
             taken.swap(m_pieces);
-            m_bytes = 0;
         }
-        m_taken.notify_all();
         if (taken.empty()) {
             return;
         }
-        std::lock_guard<std::mutex> file(*m_fileLock);
-        for (const QByteArray& piece : taken) {
-            m_write(piece);
+        qint64 written = 0;
+        {
+            std::lock_guard<std::mutex> turn(m_file->turn);
+            for (const QByteArray& piece : taken) {
+                m_write(piece);
+                written += piece.size();
+            }
         }
+        taken.clear(); // the bytes leave memory before the budget lets more in
+        {
+            std::lock_guard<std::mutex> budget(m_file->budget);
+            m_file->queued -= written;
+        }
+        m_file->freed.notify_all();
     }
 
 private:
-    static constexpr qint64 kQueuedBytes = 1024 * 1024;
-
     const std::function<void(const QByteArray&)> m_write;
-    const std::shared_ptr<std::mutex> m_fileLock;
+    const std::shared_ptr<FileWrites> m_file;
     std::mutex m_lock;
-    std::condition_variable m_taken;
     std::deque<QByteArray> m_pieces;
-    qint64 m_bytes = 0;
     // Receives the posted writes; the last member, so it goes first and takes any still posted
     // with it.
     QObject m_blockThread;
