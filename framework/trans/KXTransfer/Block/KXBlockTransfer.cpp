@@ -83,14 +83,9 @@ public:
         : m_write(std::move(write)), m_file(fileWrites(path))
     {}
 
+    // On the library thread (ServerApi never calls back on the caller's thread).
     void push(const QByteArray& piece)
     {
-        if (QThread::currentThread() == m_blockThread.thread()) {
-            writeQueued();
-            std::lock_guard<std::mutex> turn(m_file->turn);
-            m_write(piece);
-            return;
-        }
         {
             std::unique_lock<std::mutex> budget(m_file->budget);
             m_file->freed.wait(budget, [this] { return m_file->queued < FileWrites::kQueuedBytes; });
