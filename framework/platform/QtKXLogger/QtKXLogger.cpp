@@ -286,7 +286,10 @@ QByteArray linePrefix(int level)
 QByteArray formatLine(int level, const QString& text)
 {
     QByteArray body = text.toUtf8();
-    body.replace('\r', "\\r").replace('\n', "\\n");
+    // replace() builds a matcher on every call; nearly no line holds a break.
+    if (body.contains('\n') || body.contains('\r')) {
+        body.replace('\r', "\\r").replace('\n', "\\n");
+    }
     return linePrefix(level) + body + '\n';
 }
 
