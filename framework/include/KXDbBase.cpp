@@ -94,8 +94,10 @@ ThreadConnections& threadConnections()
 // the log while holding the file exclusively, and a thread opening its connection at that moment
 // sleeps in the busy handler (1, 2, 5 ms...). Every transfer thread closes its connection when it
 // ends, so that pause fell on the end of nearly every transfer. The log is instead left for the
-// next checkpoint, which is as safe (it is the database's own journal); the owner's destructor
-// empties it once, when the engine shuts down.
+// next automatic checkpoint, which is as safe (it is the database's own journal). Not even the
+// engine's shutdown folds it in: that meant two or three syncs of up to the whole log while the
+// process could do nothing else, where a checkpoint during the next run's transfers overlaps their
+// work, and the next start reads back the log (at most journal_size_limit) in a millisecond or two.
 QSqlError configureConnection(QSqlDatabase& db)
 {
     const QVariant handle = db.driver()->handle();
@@ -136,7 +138,6 @@ CKXDbBase::~CKXDbBase()
         updateInternal(left);
     }
     DBLOG_INFO(QStringLiteral("CKXDbBase 释放了"));
-    checkpoint();
     close();
 }
 
@@ -144,16 +145,6 @@ QString CKXDbBase::getCreateTableString(const QString& table) const
 {
     Q_UNUSED(table);
     return QString();
-}
-
-void CKXDbBase::checkpoint()
-{
-    QMutexLocker lock(&m_mutex);
-    QSqlDatabase db;
-    if (!m_dbPath.isEmpty() && acquire(db).type() == QSqlError::NoError) {
-        // Best effort: a reader elsewhere only makes the log stay until the next time.
-        execOne(db, QStringLiteral("PRAGMA wal_checkpoint(TRUNCATE)"));
-    }
 }
 
 bool CKXDbBase::init()

@@ -112,8 +112,6 @@ private:
     QSqlError acquire(QSqlDatabase& db);
     // Whether a connection opened now may join the shared cache; see m_sharedCache.
     bool mayShareCache();
-    // Copies the write-ahead log into the file and empties it (connections skip that on close).
-    void checkpoint();
     bool createMissingTables(QSqlDatabase& db);
     static QSqlError execOne(QSqlDatabase& db, const QString& sql);
 
