@@ -35,6 +35,7 @@
 
 #include "Block/KXBlockBuilder.h"
 #include "Block/KXBlockHandler.h"
+#include "Block/KXBlockHasher.h"
 #include "Block/KXBlockMgr.h"
 #include "Block/KXBlockOpQueue.h"
 #include "Block/KXBlockTask.h"
@@ -50,6 +51,7 @@
 #include "ServerApi.h"
 
 #include <QFileInfo>
+#include <QThread>
 
 namespace {
 
@@ -89,6 +91,7 @@ void CKXChunkedTransfer::verifyTask()
 bool CKXChunkedTransfer::canUpload(const SubTaskInfo& task, QString& message, long long& code,
                                    long long& httpCode)
 {
+    hashAheadOfBlocks(task);
     if (task.remoteFile.isDeliveryTrans) {
         return deliveryCanUpload(task, message, code, httpCode);
     }
@@ -161,6 +164,7 @@ bool CKXChunkedTransfer::begin()
     if (m_mgr->isExistWaitingTask()) {
         runBlocks();
     }
+    m_earlyHasher.reset(); // not handed over when no block was left to run
     if (!m_cancelRequested.load()) {
         finishBlocks();
     }
@@ -193,10 +197,23 @@ void CKXChunkedTransfer::resetChangedBlocks()
     }
 }
 
+void CKXChunkedTransfer::hashAheadOfBlocks(const SubTaskInfo& task)
+{
+    // Stored blocks may hold their hashes already; the op queue's own hasher knows which.
+    if (!task.isUpload || m_task->getIsChunckComplete() || m_earlyHasher) {
+        return;
+    }
+    m_earlyHasher.reset(new CKXBlockHasher(task.localFile.path, task.localFile.size,
+                                           CKXBlockBuilder::kBlockSize,
+                                           CKXTFStoreManager::inst()->maxConcurrentCount()));
+    m_earlyHasher->start(QThread::idealThreadCount());
+}
+
 void CKXChunkedTransfer::runBlocks()
 {
     const QString id = m_task->getId();
-    auto* queue = new CKXBlockOpQueue(m_mgr, m_handler, CKXTFStoreManager::inst()->maxConcurrentCount());
+    auto* queue = new CKXBlockOpQueue(m_mgr, m_handler, CKXTFStoreManager::inst()->maxConcurrentCount(),
+                                      std::move(m_earlyHasher));
     // Published before the cancel flag is read, so that a concurrent cancelTask() either sees the
     // queue or is seen here.
     m_opQueue.store(queue);

@@ -8,19 +8,21 @@
 //
 // Created by the transfer factory, run and deleted like every transfer. For the length of a run it
 // owns, and deletes with itself, the block list, the block manager, the block handler and the op
-// queue; these are made on the transfer's thread. cancelTask() comes from a client thread (or from
-// a callback on this one) and does not wait for this thread: it stops the op queue, aborts the
-// running blocks' requests and this thread's own; the blocks are filed as paused and the run ends
-// with cancelHandler(). A del() drops the stored blocks and the temporary file at once and again
-// when the thread ends, after the last block has stopped writing.
+// queue; these are made on the transfer's thread, as is the early hasher it hands to the op queue.
+// cancelTask() comes from a client thread (or from a callback on this one) and does not wait for this thread:
+// it stops the op queue, aborts the running blocks' requests and this thread's own; the blocks are filed as
+// paused and the run ends with cancelHandler(). A del() drops the stored blocks and the temporary file at
+// once and again when the thread ends, after the last block has stopped writing.
 
 #include "KXTransfer.h"
 
 #include <QList>
 
 #include <atomic>
+#include <memory>
 
 class CKXBlockHandler;
+class CKXBlockHasher;
 class CKXBlockMgr;
 class CKXBlockOpQueue;
 class CKXBlockTask;
@@ -56,6 +58,9 @@ private:
     bool holdTmpFileOrFail();
     // Blocks of an earlier run whose bytes on disk changed since are moved again, not trusted.
     void resetChangedBlocks();
+    // A new upload hashes its first blocks while the server authorises it and the blocks are cut
+    // and stored, so that the cores do not wait for that.
+    void hashAheadOfBlocks(const SubTaskInfo& task);
     void runBlocks();
     // The loop ends when the engine has nothing left, or when a cancel has no block running any more.
     bool blockLoopDone() const;
@@ -72,5 +77,7 @@ private:
     CKXBlockMgr* m_mgr = nullptr;
     CKXBlockHandler* m_handler = nullptr;
     std::atomic<CKXBlockOpQueue*> m_opQueue{nullptr};
+    // Made by hashAheadOfBlocks(), handed to the op queue; on this transfer's thread only.
+    std::unique_ptr<CKXBlockHasher> m_earlyHasher;
     std::atomic<bool> m_cancelRequested{false};
 };

@@ -24,14 +24,20 @@ void finishAndDelete(CKXBlockTransfer* transfer)
 
 } // namespace
 
-CKXBlockOpQueue::CKXBlockOpQueue(CKXBlockMgr* mgr, CKXBlockHandler* handler, int maxCount)
+CKXBlockOpQueue::CKXBlockOpQueue(CKXBlockMgr* mgr, CKXBlockHandler* handler, int maxCount,
+                                 std::unique_ptr<CKXBlockHasher> early)
     : m_mgr(mgr), m_handler(handler), m_maxCount(maxCount)
 {
     // Block reports cross threads as queued calls carrying the block pointer.
     qRegisterMetaType<CKXBlockTask*>("CKXBlockTask*");
     // The waiting queue holds every block of this run now, in the order they will start.
     const QList<CKXBlockTask*> blocks = mgr->tasks(CKXBlockMgr::Waiting);
-    if (!blocks.isEmpty() && blocks.first()->isUpload()) {
+    if (blocks.isEmpty() || !blocks.first()->isUpload()) {
+        return;
+    }
+    if (early && early->adopt(blocks)) {
+        m_hasher = std::move(early);
+    } else {
         m_hasher.reset(new CKXBlockHasher(blocks, blocks.first()->info().localFile.path, maxCount));
     }
 }

@@ -6,7 +6,8 @@
 // itself and ends the event loop of the chunked transfer's thread.
 //
 // An upload's blocks are hashed ahead of their threads by a CKXBlockHasher, which the op queue
-// creates with itself and starts with its loop.
+// starts with its loop: the one the chunked transfer started early for these blocks, or else one
+// it creates with itself.
 //
 // Created, started and deleted by the chunked transfer; lives on (has its slots run on) the chunked
 // transfer's thread. Owns the live block threads and the hasher; neither the block manager nor the
@@ -33,7 +34,9 @@ class CKXBlockOpQueue : public CKXTFBaseThread
 {
     Q_OBJECT
 public:
-    CKXBlockOpQueue(CKXBlockMgr* mgr, CKXBlockHandler* handler, int maxCount);
+    // `early`: a hasher started from the file's size before the blocks were cut, or null.
+    CKXBlockOpQueue(CKXBlockMgr* mgr, CKXBlockHandler* handler, int maxCount,
+                    std::unique_ptr<CKXBlockHasher> early = nullptr);
     ~CKXBlockOpQueue() override;
 
     // Stops the dispatch loop; also before the thread has started, unlike a bare interruption request.

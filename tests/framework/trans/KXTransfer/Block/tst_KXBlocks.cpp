@@ -176,15 +176,21 @@ void TestKXBlocks::workersHashOnlyWhatTheyMay_data()
     QTest::addColumn<int>("started");
     QTest::addColumn<int>("claimed"); // claimed by its block thread before the workers start; -1: none
     QTest::addColumn<bool>("readable");
+    // Made from the file's size before the blocks exist, which it adopts after the workers start;
+    // it must refuse blocks of which one already holds a hash.
+    QTest::addColumn<bool>("early");
     QTest::addColumn<QString>("expected"); // per block: h hashed here, - left empty, p kept as it was
 
-    QTest::newRow("window of two, nothing started") << 2 << 0 << -1 << true << "hh----";
-    QTest::newRow("window moves with the starts") << 2 << 3 << -1 << true << "hhhhh-";
-    QTest::newRow("whole file") << 6 << 6 << -1 << true << "hhhhhh";
-    QTest::newRow("claimed block is the thread's") << 6 << 0 << 1 << true << "h-hhhh";
-    QTest::newRow("existing hash kept in its place") << 3 << 0 << -1 << true << "hph---";
-    QTest::newRow("zero window hashes nothing") << 0 << 0 << -1 << true << "------";
-    QTest::newRow("unreadable file") << 6 << 6 << -1 << false << "------";
+    QTest::newRow("window of two, nothing started") << 2 << 0 << -1 << true << false << "hh----";
+    QTest::newRow("window moves with the starts") << 2 << 3 << -1 << true << false << "hhhhh-";
+    QTest::newRow("whole file") << 6 << 6 << -1 << true << false << "hhhhhh";
+    QTest::newRow("claimed block is the thread's") << 6 << 0 << 1 << true << false << "h-hhhh";
+    QTest::newRow("existing hash kept in its place") << 3 << 0 << -1 << true << false << "hph---";
+    QTest::newRow("zero window hashes nothing") << 0 << 0 << -1 << true << false << "------";
+    QTest::newRow("unreadable file") << 6 << 6 << -1 << false << false << "------";
+    QTest::newRow("early, window of two") << 2 << 0 << -1 << true << true << "hh----";
+    QTest::newRow("early, window moves after adopting") << 2 << 3 << -1 << true << true << "hhhhh-";
+    QTest::newRow("early, a block with a hash is refused") << 6 << 6 << -1 << true << true << "p-----";
 }
 
 void TestKXBlocks::workersHashOnlyWhatTheyMay()
@@ -193,6 +199,7 @@ void TestKXBlocks::workersHashOnlyWhatTheyMay()
     QFETCH(int, started);
     QFETCH(int, claimed);
     QFETCH(bool, readable);
+    QFETCH(bool, early);
     QFETCH(QString, expected);
 
     QTemporaryDir dir;
@@ -210,11 +217,17 @@ void TestKXBlocks::workersHashOnlyWhatTheyMay()
             order[i]->setHash(QStringLiteral("kept"));
         }
     }
-    auto hasher = std::make_unique<CKXBlockHasher>(order, path, lookahead);
+    auto hasher = early ? std::make_unique<CKXBlockHasher>(path, bytes.size(), blockSize, lookahead)
+                        : std::make_unique<CKXBlockHasher>(order, path, lookahead);
     if (claimed >= 0) {
         hasher->claim(order[claimed]);
     }
     hasher->start(2);
+    if (early) {
+        // The first window is hashed before the blocks exist; the rest after they are adopted.
+        QTRY_COMPARE_WITH_TIMEOUT(hasher->madeCount(), qMin(lookahead, expected.size()), 10000);
+        QCOMPARE(hasher->adopt(order), !expected.contains(QLatin1Char('p')));
+    }
     for (int i = 0; i < started; ++i) {
         hasher->noteStarted();
     }
