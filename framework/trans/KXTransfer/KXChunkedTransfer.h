@@ -9,10 +9,11 @@
 // Created by the transfer factory, run and deleted like every transfer. For the length of a run it
 // owns, and deletes with itself, the block list, the block manager, the block handler and the op
 // queue; these are made on the transfer's thread, as is the early hasher it hands to the op queue.
-// cancelTask() comes from a client thread (or from a callback on this one) and does not wait for this thread:
-// it stops the op queue, aborts the running blocks' requests and this thread's own; the blocks are filed as
-// paused and the run ends with cancelHandler(). A del() drops the stored blocks and the temporary file at
-// once and again when the thread ends, after the last block has stopped writing.
+// cancelTask() comes from a client thread (or from a callback on this one) and does not wait for
+// this thread: it stops the op queue, aborts the running blocks' requests and this thread's own;
+// the blocks are filed as paused and the run ends with cancelHandler(). A del() drops the stored
+// blocks and the temporary file at once and again when the thread ends, after the last block has
+// stopped writing.
 
 #include "KXTransfer.h"
 

@@ -18,10 +18,10 @@
 // Created, started and deleted by the op queue (on its thread), or created and started by the
 // chunked transfer and handed to the op queue, which adopts the blocks before any block thread
 // runs; claim() is called by block threads, noteStarted() by the dispatch loop. m_lock guards
-// m_blocks, m_made, m_madeCount, m_state, m_next, m_started and m_stopped; it is never held while hashing or
-// while calling a block. The blocks are not owned and must outlive the
-// hasher; a worker that could not read a block leaves its hash empty, and the block thread then
-// reads it itself and reports the failure.
+// m_blocks, m_made, m_madeCount, m_state, m_next, m_started and m_stopped; it is never held while
+// hashing or while calling a block. The blocks are not owned and must outlive the hasher; a worker
+// that could not read a block leaves its hash empty, and the block thread then reads it itself and
+// reports the failure.
 
 #include <QHash>
 #include <QList>
