@@ -624,9 +624,15 @@ void TestApiTransfer::deinitLeavesRunningTasksResumable()
     Transfer::setConfig(TransferConfigMaxConcurrentCount, QStringLiteral("1"));
     const long long uploadHandle = CKXApiFixture::start(upload.task);
     const long long downloadHandle = CKXApiFixture::start(download.task);
-    QTRY_VERIFY_WITH_TIMEOUT(env.dbBlockRows(upload.task.subTaskId, kBlockDone) == 1 &&
-                                 statOf(env.server(), "inflight") == 2,
-                             kFinishMs);
+    // Both held: the second block's hash query has been answered, so what is in flight is its
+    // upload and the download. One look at the counters, kept once it holds.
+    QVERIFY(QTest::qWaitFor(
+        [&] {
+            const QJsonObject now = env.server().stats();
+            return env.dbBlockRows(upload.task.subTaskId, kBlockDone) == 1 &&
+                   now.value("hash_queries").toInt() >= 2 && now.value("inflight").toInt() == 2;
+        },
+        kFinishMs));
 
     Transfer::deinit();
     QCOMPARE(CKXApiFixture::record(uploadHandle).finals, 1);
