@@ -1,6 +1,7 @@
 #include "KXServerProcess.h"
 
 #include <QDir>
+#include <QTest>
 
 CKXServerProcess::CKXServerProcess(QStringList extraArgs) : m_extraArgs(std::move(extraArgs)) {}
 
@@ -63,6 +64,11 @@ TestHttpReply CKXServerProcess::admin(const QByteArray& method, const QString& p
 {
     const KXAdminReply answer = m_driver.admin(method, path, body);
     return {answer.status, 0, answer.body, answer.headers};
+}
+
+bool CKXServerProcess::waitForStats(const std::function<bool(const QJsonObject&)>& holds, int timeoutMs)
+{
+    return QTest::qWaitFor([&] { return holds(stats()); }, timeoutMs);
 }
 
 TestHttpReply CKXServerProcess::getFile(const QString& remotePath) const

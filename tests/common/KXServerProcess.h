@@ -16,6 +16,7 @@
 #include <QStringList>
 #include <QTemporaryDir>
 
+#include <functional>
 #include <memory>
 
 class CKXServerProcess
@@ -50,6 +51,10 @@ public:
 
     QJsonObject stats() { return admin("GET", QStringLiteral("/admin/stats")).json(); }
     bool resetStats() { return admin("POST", QStringLiteral("/admin/stats/reset")).status == 200; }
+    // Waits until `holds` is true of one snapshot of the counters, within `timeoutMs`. Counters
+    // read in separate looks may come from different moments, and QTRY_VERIFY looks once more
+    // after its loop: a count that flickers (a short request in flight) would fail it at once.
+    bool waitForStats(const std::function<bool(const QJsonObject&)>& holds, int timeoutMs);
     bool armFault(const QJsonObject& fault)
     {
         return admin("POST", QStringLiteral("/admin/faults"), fault).status == 200;

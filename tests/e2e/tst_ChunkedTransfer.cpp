@@ -243,11 +243,10 @@ void TestChunkedTransfer::cancelPausesRunningBlocksAndResumes()
     // Held long enough that both are still in flight when the cancel comes.
     QVERIFY(m_server.armFault({{"op", "block_upload"}, {"action", "delay"}, {"ms", 3000}, {"count", 2}}));
     const long long handle = start(task);
-    // Both blocks were offered and both uploads are held. A hash query is in flight too while it
-    // lasts, so "in flight" alone flickers; and QTRY_VERIFY would look once more after it held.
-    QVERIFY(QTest::qWaitFor(
-        [this] {
-            const QJsonObject now = m_server.stats();
+    // Both blocks were offered and both uploads are held: a hash query is in flight too while it
+    // lasts, so "in flight" alone flickers.
+    QVERIFY(m_server.waitForStats(
+        [](const QJsonObject& now) {
             return now.value("hash_queries").toInt() >= 2 && now.value("inflight").toInt() >= 2;
         },
         kWait));

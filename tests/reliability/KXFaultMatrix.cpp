@@ -3,7 +3,6 @@
 #include "IKXTransfer.h"
 #include "ServerApiConfig.h"
 
-#include <QJsonObject>
 #include <QTest>
 
 QJsonObject KXFault::act(const char* op, const char* action, int nth, int count)
@@ -57,10 +56,9 @@ void restartWhenHeld(CKXApiFixture& env, int requests)
     // The held request has arrived once the server has seen `requests` requests; it stays in flight
     // for as long as its delay lasts, far longer than this wait. The server is killed only once it
     // is alone in flight: a block before it may still be streaming, and bytes already handed on are
-    // never retried. One look at the counters, kept once it holds (QTRY_VERIFY would look again).
-    QVERIFY(QTest::qWaitFor(
-        [&server, requests] {
-            const QJsonObject now = server.stats();
+    // never retried.
+    QVERIFY(server.waitForStats(
+        [requests](const QJsonObject& now) {
             return now.value(QLatin1String("requests")).toInt() >= requests &&
                    now.value(QLatin1String("inflight")).toInt() == 1;
         },

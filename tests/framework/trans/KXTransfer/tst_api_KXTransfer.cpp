@@ -625,10 +625,9 @@ void TestApiTransfer::deinitLeavesRunningTasksResumable()
     const long long uploadHandle = CKXApiFixture::start(upload.task);
     const long long downloadHandle = CKXApiFixture::start(download.task);
     // Both held: the second block's hash query has been answered, so what is in flight is its
-    // upload and the download. One look at the counters, kept once it holds.
-    QVERIFY(QTest::qWaitFor(
-        [&] {
-            const QJsonObject now = env.server().stats();
+    // upload and the download.
+    QVERIFY(env.server().waitForStats(
+        [&](const QJsonObject& now) {
             return env.dbBlockRows(upload.task.subTaskId, kBlockDone) == 1 &&
                    now.value("hash_queries").toInt() >= 2 && now.value("inflight").toInt() == 2;
         },
