@@ -227,8 +227,7 @@ bool CKXJsonConvert::JsonString2SubTaskInfo(const QString& json, SubTaskInfo& ou
 {
     const QByteArray utf8 = json.toUtf8();
     rapidjson::Document doc;
-    doc.Parse(utf8.constData(), static_cast<size_t>(utf8.size()));
-    if (doc.HasParseError() || !doc.IsObject()) {
+    if (!CKXJsonUtil::parse(utf8, doc) || !doc.IsObject()) {
         return false;
     }
     readTaskFields(doc, out);

@@ -37,6 +37,12 @@ const rapidjson::Value* CKXJsonUtil::member(const rapidjson::Value& object, cons
     return it == object.MemberEnd() ? nullptr : &it->value;
 }
 
+bool CKXJsonUtil::parse(const QByteArray& utf8, rapidjson::Document& doc)
+{
+    doc.Parse<rapidjson::kParseIterativeFlag>(utf8.constData(), static_cast<size_t>(utf8.size()));
+    return !doc.HasParseError();
+}
+
 QString CKXJsonUtil::getString(const rapidjson::Value& object, const char* key, const QString& def)
 {
     const rapidjson::Value* value = member(object, key);

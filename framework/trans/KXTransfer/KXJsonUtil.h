@@ -4,6 +4,7 @@
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 
+#include <QByteArray>
 #include <QString>
 #include <QtGlobal>
 
@@ -20,6 +21,11 @@ class CKXJsonUtil
 {
 public:
     using JsonWriter = rapidjson::Writer<rapidjson::StringBuffer>;
+
+    // Reads `utf8` into `doc`; false on a syntax error. Iterative: the texts come from servers
+    // and from a database file that may be damaged, and nesting a recursive reader a million
+    // levels deep overflows the stack of any thread.
+    static bool parse(const QByteArray& utf8, rapidjson::Document& doc);
 
     static void writeString(JsonWriter& writer, const char* key, const QString& value);
     static void writeBool(JsonWriter& writer, const char* key, bool value);

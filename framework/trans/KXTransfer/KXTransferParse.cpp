@@ -108,8 +108,7 @@ const char* authAnswerProblem(const QString& body, rapidjson::Document& doc, boo
         return "data body is empty";
     }
     const QByteArray utf8 = body.toUtf8();
-    doc.Parse(utf8.constData(), static_cast<size_t>(utf8.size()));
-    if (doc.HasParseError() || !doc.IsObject() || (needResult && !doc.HasMember("result"))) {
+    if (!CKXJsonUtil::parse(utf8, doc) || !doc.IsObject() || (needResult && !doc.HasMember("result"))) {
         return "json string is not correct";
     }
     return nullptr;

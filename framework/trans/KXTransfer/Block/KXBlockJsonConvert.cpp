@@ -53,8 +53,7 @@ bool CKXBlockJsonConvert::JsonString2BlockInfo(const QString& json, BlockTaskInf
 {
     const QByteArray utf8 = json.toUtf8();
     rapidjson::Document doc;
-    doc.Parse(utf8.constData(), static_cast<size_t>(utf8.size()));
-    if (doc.HasParseError() || !doc.IsObject()) {
+    if (!CKXJsonUtil::parse(utf8, doc) || !doc.IsObject()) {
         return false;
     }
     out.taskId = J::getString(doc, "id");

@@ -333,6 +333,10 @@ private slots:
                                  << "json string is not correct";
         QTest::newRow("array") << R"(["http://127.0.0.1:8080"])"
                                << "json string is not correct";
+        // A hostile server's answer: a recursive reader would overflow the thread's stack.
+        QTest::newRow("nested a million deep")
+            << QString(1000000, QLatin1Char('[')) + QString(1000000, QLatin1Char(']'))
+            << "json string is not correct";
     }
 
     void authUploadUnusable()

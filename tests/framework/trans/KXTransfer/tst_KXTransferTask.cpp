@@ -162,6 +162,9 @@ void TestKXTransferTask::badTextLeavesRecordUntouched_data()
     QTest::newRow("truncated") << QStringLiteral("{\"size\":1,\"task_id\":\"a");
     QTest::newRow("cut after value") << QStringLiteral("{\"size\":");
     QTest::newRow("trailing") << QStringLiteral("{\"size\":1} x");
+    // A damaged row nested this deep would overflow any thread's stack in a recursive reader.
+    QTest::newRow("nested a million deep")
+        << QString(1000000, QLatin1Char('[')) + QString(1000000, QLatin1Char(']'));
 }
 
 // The task record, the task holder and the block (with the task record it carries) all stay as
