@@ -24,6 +24,10 @@ const long kTransferBuffer = long(KXUtil::kStreamBufferBytes);
 // receives cost less: a 1 GiB download took 0.86 CPU-s with this, 0.97 with kTransferBuffer. It
 // is above malloc's mmap threshold, which only a process that downloads then sees raised.
 const long kBulkReceiveBuffer = 256 * 1024;
+// A whole file from this size on waits for "100 Continue" before its body goes out. Below it a
+// refusal costs less to send in vain than the extra answer and wake-up that waiting costs every
+// upload; curl's own threshold for the header is the same.
+const qint64 kExpectContinueFrom = 1024 * 1024;
 const int kMaxRetryDelayMs = 5000;
 const int kFirstRetryDelayMs = 200;
 
@@ -87,9 +91,9 @@ bool CKXCurlRequest::prepare(CKXBandwidthLimiter* limiter)
     }
     for (const QByteArray& line : qAsConst(m_exchange.headers))
         m_headerList = curl_slist_append(m_headerList, line.constData());
-    // A whole file waits for "100 Continue", so that a refusal (quota, name, lock) costs no upload;
-    // JSON and blocks are small enough to be sent at once.
-    if (m_exchange.source != KXHttpExchange::Source::File)
+    // A large whole file waits for "100 Continue", so that a refusal (quota, name, lock) costs no
+    // upload; JSON, blocks and small files are sent at once.
+    if (m_exchange.source != KXHttpExchange::Source::File || m_sourceSize < kExpectContinueFrom)
         m_headerList = curl_slist_append(m_headerList, "Expect:");
     setTransportOptions();
     setMethodOptions();
