@@ -1,9 +1,12 @@
 #include "KXTFBaseThread.h"
 
+#include "KXEventDispatcher.h"
 #include "KXLoggerWrapper.h"
 
 CKXTFBaseThread::CKXTFBaseThread() : QThread(nullptr)
 {
+    // QThread owns the dispatcher from here on and deletes it when the thread finishes.
+    setEventDispatcher(new CKXEventDispatcher());
     connect(this, &QThread::finished, this, &CKXTFBaseThread::threadEnd, Qt::DirectConnection);
     connect(this, &QThread::started, this, &CKXTFBaseThread::threadStart, Qt::DirectConnection);
 }
@@ -13,6 +16,10 @@ CKXTFBaseThread::~CKXTFBaseThread()
     TLOG_FATAL(QStringLiteral("~CKXTFBaseThread() isFinished:%1 isRunning:%2")
                    .arg(isFinished() ? 1 : 0)
                    .arg(isRunning() ? 1 : 0));
+    // A thread that never ran still holds the dispatcher it was given; a finished one has none.
+    if (!isRunning()) {
+        delete eventDispatcher();
+    }
 }
 
 void CKXTFBaseThread::cancel()
