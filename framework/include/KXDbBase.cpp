@@ -57,13 +57,23 @@ void dropConnection(const QString& name)
 
 // The connections one thread has opened, by name. Opening an SQLite file costs a file open, a
 // schema read and the pragmas below, so a connection is kept across operations and dropped when
-// its thread ends; QThreadStorage deletes this record on the ending thread itself.
+// its thread ends; QThreadStorage deletes this record on the ending thread itself. Statements
+// that a thread runs again and again are kept prepared with their connection, and go before it.
 struct ThreadConnections
 {
     QHash<QString, FileIdentity> files;
+    QHash<QString, QHash<QString, QSqlQuery>> statements; // connection name -> text -> prepared
+
+    void forget(const QString& name)
+    {
+        statements.remove(name);
+        files.remove(name);
+        dropConnection(name);
+    }
 
     ~ThreadConnections()
     {
+        statements.clear();
         for (auto it = files.constBegin(); it != files.constEnd(); ++it) {
             dropConnection(it.key());
         }
@@ -101,17 +111,24 @@ ThreadConnections& threadConnections()
 QSqlError configureConnection(QSqlDatabase& db)
 {
     const QVariant handle = db.driver()->handle();
+    sqlite3* connection = nullptr;
     if (handle.isValid() && qstrcmp(handle.typeName(), "sqlite3*") == 0) {
-        if (sqlite3* connection = *static_cast<sqlite3* const*>(handle.constData())) {
-            sqlite3_db_config(connection, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
-        }
+        connection = *static_cast<sqlite3* const*>(handle.constData());
     }
-    QSqlQuery query(db);
-    for (const char* pragma : {"PRAGMA journal_mode=WAL", "PRAGMA synchronous=NORMAL",
-                               "PRAGMA journal_size_limit=4194304", "PRAGMA cache_size=-256"}) {
-        if (!query.exec(QString::fromLatin1(pragma))) {
-            return query.lastError();
-        }
+    if (!connection) {
+        return QSqlError(QStringLiteral("Unable to execute statement"), QStringLiteral("no SQLite handle"),
+                         QSqlError::ConnectionError);
+    }
+    sqlite3_db_config(connection, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
+    // One call for all four: each through Qt would be a statement object of its own.
+    const int rc = sqlite3_exec(connection,
+                                "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL; "
+                                "PRAGMA journal_size_limit=4194304; PRAGMA cache_size=-256",
+                                nullptr, nullptr, nullptr);
+    if (rc != SQLITE_OK) {
+        return QSqlError(QStringLiteral("Unable to execute statement"),
+                         QString::fromUtf8(sqlite3_errmsg(connection)), QSqlError::StatementError,
+                         QString::number(rc));
     }
     return QSqlError();
 }
@@ -204,8 +221,7 @@ QSqlError CKXDbBase::acquire(QSqlDatabase& db)
     ThreadConnections& mine = threadConnections();
     auto known = mine.files.constFind(name);
     if (known != mine.files.constEnd() && !m_keepOpen && !(known.value() == identityOf(m_dbPath))) {
-        mine.files.remove(name);
-        dropConnection(name);
+        mine.forget(name);
     }
     if (!mine.files.contains(name)) {
         // A name registered by someone else can only be left over from an ended thread whose id
@@ -227,8 +243,7 @@ QSqlError CKXDbBase::acquire(QSqlDatabase& db)
     const QSqlError error = db.open() ? configureConnection(db) : db.lastError();
     if (error.isValid()) {
         db = QSqlDatabase();
-        mine.files.remove(name);
-        dropConnection(name);
+        mine.forget(name);
         return error;
     }
     const FileIdentity opened = identityOf(m_dbPath);
@@ -252,9 +267,7 @@ bool CKXDbBase::mayShareCache()
 
 void CKXDbBase::close()
 {
-    const QString name = getCurrentConnectionName();
-    threadConnections().files.remove(name);
-    dropConnection(name);
+    threadConnections().forget(getCurrentConnectionName());
 }
 
 QString CKXDbBase::getCurrentConnectionName() const
@@ -296,6 +309,36 @@ bool CKXDbBase::updateInternal(const QString& sql)
     if (error.isValid()) {
         DBLOG_ERROR(QStringLiteral("update db error. [path]%1, [sql]%2").arg(m_dbPath, sql));
         logSqlError(error);
+        return false;
+    }
+    return true;
+}
+
+bool CKXDbBase::updateBound(const QString& statement, const QVariantList& values,
+                            const std::function<QString()>& asText)
+{
+    QMutexLocker lock(&m_mutex);
+    QSqlDatabase db;
+    if (!open(db)) {
+        return false;
+    }
+    QHash<QString, QSqlQuery>& prepared = threadConnections().statements[getCurrentConnectionName()];
+    auto query = prepared.find(statement);
+    if (query == prepared.end()) {
+        QSqlQuery fresh(db);
+        if (!fresh.prepare(statement)) {
+            DBLOG_ERROR(QStringLiteral("update db error. [path]%1, [sql]%2").arg(m_dbPath, asText()));
+            logSqlError(fresh.lastError());
+            return false;
+        }
+        query = prepared.insert(statement, fresh);
+    }
+    for (int i = 0; i < values.size(); ++i) {
+        query->bindValue(i, values.at(i));
+    }
+    if (!query->exec()) {
+        DBLOG_ERROR(QStringLiteral("update db error. [path]%1, [sql]%2").arg(m_dbPath, asText()));
+        logSqlError(query->lastError());
         return false;
     }
     return true;

@@ -150,11 +150,12 @@ void TestKXTransferDB::taskRowRoundTrips()
     CKXTransferTask loaded;
     QVERIFY(db.LoadTransferTask(info.subTaskId, loaded));
     QCOMPARE(persisted(loaded.getSubTaskInfo()), persisted(info));
-    // The plain columns hold the same values, numbers stored as numbers.
-    QCOMPARE(sqlValue(dbPath(), QStringLiteral("SELECT finger_mark || size || typeof(state) || state "
+    // The plain columns hold the same values, numbers stored as numbers, empty texts as texts.
+    QCOMPARE(sqlValue(dbPath(), QStringLiteral("SELECT finger_mark || size || typeof(state) || state || "
+                                               "typeof(send_size) || quote(reserved1) || quote(reserved2) "
                                                "FROM transfer_v1"))
                  .toString(),
-             QStringLiteral("fp'%99000000001integer12"));
+             QStringLiteral("fp'%99000000001integer12integer''''"));
 
     // A second object on the existing file creates nothing; rewriting keeps one row.
     CKXTransferDB again(dbPath());
