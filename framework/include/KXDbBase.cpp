@@ -314,8 +314,8 @@ bool CKXDbBase::updateInternal(const QString& sql)
     return true;
 }
 
-bool CKXDbBase::updateBound(const QString& statement, const QVariantList& values,
-                            const std::function<QString()>& asText)
+bool CKXDbBase::updateInternal(const QString& statement, const QVariantList& values,
+                               const std::function<QString()>& asText)
 {
     QMutexLocker lock(&m_mutex);
     QSqlDatabase db;
@@ -324,24 +324,22 @@ bool CKXDbBase::updateBound(const QString& statement, const QVariantList& values
     }
     QHash<QString, QSqlQuery>& prepared = threadConnections().statements[getCurrentConnectionName()];
     auto query = prepared.find(statement);
-    if (query == prepared.end()) {
-        QSqlQuery fresh(db);
-        if (!fresh.prepare(statement)) {
-            DBLOG_ERROR(QStringLiteral("update db error. [path]%1, [sql]%2").arg(m_dbPath, asText()));
-            logSqlError(fresh.lastError());
-            return false;
-        }
-        query = prepared.insert(statement, fresh);
+    bool ok = query != prepared.end();
+    if (!ok) {
+        query = prepared.insert(statement, QSqlQuery(db));
+        ok = query->prepare(statement);
     }
-    for (int i = 0; i < values.size(); ++i) {
+    for (int i = 0; ok && i < values.size(); ++i) {
         query->bindValue(i, values.at(i));
     }
-    if (!query->exec()) {
-        DBLOG_ERROR(QStringLiteral("update db error. [path]%1, [sql]%2").arg(m_dbPath, asText()));
-        logSqlError(query->lastError());
-        return false;
+    if (ok && query->exec()) {
+        return true;
     }
-    return true;
+    const QSqlError error = query->lastError();
+    prepared.erase(query); // prepared afresh next time
+    DBLOG_ERROR(QStringLiteral("update db error. [path]%1, [sql]%2").arg(m_dbPath, asText()));
+    logSqlError(error);
+    return false;
 }
 
 bool CKXDbBase::updateInternal(const QStringList& sqls)

@@ -63,10 +63,10 @@ public:
     bool updateInternal(const QString& sql);
     // One statement of a fixed text with `values` bound to its "?" markers in order. The prepared
     // statement stays with this thread's connection, so a thread that writes the same row again
-    // does not parse it again. A failure is logged as updateInternal logs it, with `asText()` (the
+    // does not parse it again. A failure is logged as the single statement's is, with `asText()` (the
     // statement with the values spelled out) in place of the text that did not run.
-    bool updateBound(const QString& statement, const QVariantList& values,
-                     const std::function<QString()>& asText);
+    bool updateInternal(const QString& statement, const QVariantList& values,
+                        const std::function<QString()>& asText);
     // All statements in one transaction. A statement that fails is logged and skipped and the
     // others are committed, as if each had been run by itself; the result is then false.
     bool updateInternal(const QStringList& sqls);

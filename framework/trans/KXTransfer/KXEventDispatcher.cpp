@@ -50,10 +50,15 @@ void CKXEventDispatcher::registerTimer(int timerId, int interval, Qt::TimerType 
         Timer{timerId, interval, timerType, object, Clock::now() + std::chrono::milliseconds(interval)});
 }
 
+QVector<CKXEventDispatcher::Timer>::iterator CKXEventDispatcher::findTimer(int timerId)
+{
+    return std::find_if(m_timers.begin(), m_timers.end(),
+                        [timerId](const Timer& t) { return t.id == timerId; });
+}
+
 bool CKXEventDispatcher::unregisterTimer(int timerId)
 {
-    const auto it =
-        std::find_if(m_timers.begin(), m_timers.end(), [timerId](const Timer& t) { return t.id == timerId; });
+    const auto it = findTimer(timerId);
     if (it == m_timers.end()) {
         return false;
     }
@@ -83,13 +88,12 @@ QList<QAbstractEventDispatcher::TimerInfo> CKXEventDispatcher::registeredTimers(
 
 int CKXEventDispatcher::remainingTime(int timerId)
 {
-    for (const Timer& t : qAsConst(m_timers)) {
-        if (t.id == timerId) {
-            const auto left = std::chrono::ceil<std::chrono::milliseconds>(t.due - Clock::now());
-            return int(std::max<qint64>(0, left.count()));
-        }
+    const auto it = findTimer(timerId);
+    if (it == m_timers.end()) {
+        return -1;
     }
-    return -1;
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(it->due - Clock::now());
+    return int(std::max<qint64>(0, left.count()));
 }
 
 void CKXEventDispatcher::wakeUp()
@@ -118,8 +122,7 @@ bool CKXEventDispatcher::fireDueTimers()
     }
     // A timer event may register or kill timers, so each one is looked up again before it fires.
     for (int id : due) {
-        const auto it =
-            std::find_if(m_timers.begin(), m_timers.end(), [id](const Timer& t) { return t.id == id; });
+        const auto it = findTimer(id);
         if (it == m_timers.end()) {
             continue;
         }

@@ -50,6 +50,7 @@ private:
         Clock::time_point due;
     };
 
+    QVector<Timer>::iterator findTimer(int timerId);
     // Sends a timer event for every timer that is due; true when one was.
     bool fireDueTimers();
     // Sleeps until a wake-up or the next timer, unless a wake-up came since the last sleep.

@@ -176,7 +176,7 @@ bool CKXTransferDB::AddTransferTask(CKXTransferTask& task)
                               boundText(info.fingerMark),
                               boundText(QString()),
                               boundText(QString())};
-    return updateBound(kTransferRowBound, values, [&info, &json] {
+    return updateInternal(kTransferRowBound, values, [&info, &json] {
         return StatementFiller(TRANSFERTASKDB_UPDATE)
             .id(kTransferTable)
             .id(info.subTaskId)
