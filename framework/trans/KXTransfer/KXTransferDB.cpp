@@ -129,6 +129,23 @@ private:
     bool m_shielded = false;
 };
 
+// The bound task row as the template spells it out, for the log of a write that failed: the
+// values in the order they are bound, texts quoted and numbers as they are. Ids are texts here;
+// a valid id has no quote, so quoting leaves it as the template's id() would.
+QString spelledOutTransferRow(const QVariantList& values)
+{
+    StatementFiller filler(TRANSFERTASKDB_UPDATE);
+    filler.id(kTransferTable);
+    for (const QVariant& value : values) {
+        if (value.type() == QVariant::String) {
+            filler.text(value.toString());
+        } else {
+            filler.number(value.toLongLong());
+        }
+    }
+    return filler.done();
+}
+
 } // namespace
 
 CKXTransferDB::CKXTransferDB(const QString& dbPath) : CKXDbBase(dbPath) {}
@@ -166,30 +183,16 @@ bool CKXTransferDB::AddTransferTask(CKXTransferTask& task)
     if (!KX_VALID_ID(info.subTaskId) || !KX_VALID_ID(info.taskId)) {
         return false;
     }
-    const QString json = CKXJsonConvert::SubTaskInfo2JsonString(info);
     const QVariantList values{boundText(info.subTaskId),
                               boundText(info.taskId),
                               qint64(info.state),
                               info.size,
                               info.sendBytes,
-                              boundText(json),
+                              boundText(CKXJsonConvert::SubTaskInfo2JsonString(info)),
                               boundText(info.fingerMark),
                               boundText(QString()),
                               boundText(QString())};
-    return updateInternal(kTransferRowBound, values, [&info, &json] {
-        return StatementFiller(TRANSFERTASKDB_UPDATE)
-            .id(kTransferTable)
-            .id(info.subTaskId)
-            .id(info.taskId)
-            .number(info.state)
-            .number(info.size)
-            .number(info.sendBytes)
-            .text(json)
-            .text(info.fingerMark)
-            .text(QString())
-            .text(QString())
-            .done();
-    });
+    return updateInternal(kTransferRowBound, values, [&values] { return spelledOutTransferRow(values); });
 }
 
 bool CKXTransferDB::DelTransferTask(const QString& subTaskId)
