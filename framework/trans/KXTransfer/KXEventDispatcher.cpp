@@ -10,21 +10,22 @@
 bool CKXEventDispatcher::processEvents(QEventLoop::ProcessEventsFlags flags)
 {
     const bool timers = !(flags & QEventLoop::X11ExcludeTimers);
-    emit awake();
-    QCoreApplication::sendPostedEvents();
-    if (timers && fireDueTimers()) {
+    if (dispatchPending(timers)) {
         return true;
     }
     if (!(flags & QEventLoop::WaitForMoreEvents)) {
         return false;
     }
     waitForWork();
+    dispatchPending(timers);
+    return true;
+}
+
+bool CKXEventDispatcher::dispatchPending(bool timers)
+{
     emit awake();
     QCoreApplication::sendPostedEvents();
-    if (timers) {
-        fireDueTimers();
-    }
-    return true;
+    return timers && fireDueTimers();
 }
 
 bool CKXEventDispatcher::hasPendingEvents()
@@ -144,10 +145,10 @@ void CKXEventDispatcher::waitForWork()
             m_wake.wait(&m_mutex);
             continue;
         }
-        Clock::time_point next = m_timers.first().due;
-        for (const Timer& t : qAsConst(m_timers)) {
-            next = std::min(next, t.due);
-        }
+        const Clock::time_point next =
+            std::min_element(m_timers.cbegin(), m_timers.cend(), [](const Timer& a, const Timer& b) {
+                return a.due < b.due;
+            })->due;
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(next - Clock::now());
         if (left.count() <= 0 || !m_wake.wait(&m_mutex, QDeadlineTimer(left.count(), Qt::PreciseTimer))) {
             return;

@@ -51,6 +51,8 @@ private:
     };
 
     QVector<Timer>::iterator findTimer(int timerId);
+    // Sends the posted events, then the due timers' events; true when a timer was due.
+    bool dispatchPending(bool timers);
     // Sends a timer event for every timer that is due; true when one was.
     bool fireDueTimers();
     // Sleeps until a wake-up or the next timer, unless a wake-up came since the last sleep.

@@ -225,9 +225,8 @@ QString CKXJsonConvert::SubTaskInfo2JsonString(const SubTaskInfo& info)
 
 bool CKXJsonConvert::JsonString2SubTaskInfo(const QString& json, SubTaskInfo& out)
 {
-    const QByteArray utf8 = json.toUtf8();
     rapidjson::Document doc;
-    if (!CKXJsonUtil::parse(utf8, doc) || !doc.IsObject()) {
+    if (!CKXJsonUtil::parseObject(json, doc)) {
         return false;
     }
     readTaskFields(doc, out);

@@ -37,10 +37,11 @@ const rapidjson::Value* CKXJsonUtil::member(const rapidjson::Value& object, cons
     return it == object.MemberEnd() ? nullptr : &it->value;
 }
 
-bool CKXJsonUtil::parse(const QByteArray& utf8, rapidjson::Document& doc)
+bool CKXJsonUtil::parseObject(const QString& text, rapidjson::Document& doc)
 {
+    const QByteArray utf8 = text.toUtf8();
     doc.Parse<rapidjson::kParseIterativeFlag>(utf8.constData(), static_cast<size_t>(utf8.size()));
-    return !doc.HasParseError();
+    return !doc.HasParseError() && doc.IsObject();
 }
 
 QString CKXJsonUtil::getString(const rapidjson::Value& object, const char* key, const QString& def)

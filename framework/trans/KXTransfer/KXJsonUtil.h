@@ -4,7 +4,6 @@
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 
-#include <QByteArray>
 #include <QString>
 #include <QtGlobal>
 
@@ -22,10 +21,10 @@ class CKXJsonUtil
 public:
     using JsonWriter = rapidjson::Writer<rapidjson::StringBuffer>;
 
-    // Reads `utf8` into `doc`; false on a syntax error. Iterative: the texts come from servers
-    // and from a database file that may be damaged, and nesting a recursive reader a million
-    // levels deep overflows the stack of any thread.
-    static bool parse(const QByteArray& utf8, rapidjson::Document& doc);
+    // Reads `text` into `doc`; false unless it is a JSON object. Iterative: the texts come from
+    // servers and from a database file that may be damaged, and nesting a recursive reader a
+    // million levels deep overflows the stack of any thread.
+    static bool parseObject(const QString& text, rapidjson::Document& doc);
 
     static void writeString(JsonWriter& writer, const char* key, const QString& value);
     static void writeBool(JsonWriter& writer, const char* key, bool value);

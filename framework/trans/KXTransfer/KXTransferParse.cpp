@@ -107,8 +107,7 @@ const char* authAnswerProblem(const QString& body, rapidjson::Document& doc, boo
     if (body.isEmpty()) {
         return "data body is empty";
     }
-    const QByteArray utf8 = body.toUtf8();
-    if (!CKXJsonUtil::parse(utf8, doc) || !doc.IsObject() || (needResult && !doc.HasMember("result"))) {
+    if (!CKXJsonUtil::parseObject(body, doc) || (needResult && !doc.HasMember("result"))) {
         return "json string is not correct";
     }
     return nullptr;

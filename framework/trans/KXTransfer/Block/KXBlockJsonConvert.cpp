@@ -51,9 +51,8 @@ QString CKXBlockJsonConvert::BlockInfo2JsonString(const BlockTaskInfo& info)
 
 bool CKXBlockJsonConvert::JsonString2BlockInfo(const QString& json, BlockTaskInfo& out)
 {
-    const QByteArray utf8 = json.toUtf8();
     rapidjson::Document doc;
-    if (!CKXJsonUtil::parse(utf8, doc) || !doc.IsObject()) {
+    if (!CKXJsonUtil::parseObject(json, doc)) {
         return false;
     }
     out.taskId = J::getString(doc, "id");
